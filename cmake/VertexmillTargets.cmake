@@ -1,0 +1,48 @@
+# Shared compile settings and the helpers every folder uses to declare its targets.
+
+add_library(vertexmill_options INTERFACE)
+target_compile_features(vertexmill_options INTERFACE cxx_std_20)
+if(MSVC)
+  target_compile_options(vertexmill_options INTERFACE /W4 /permissive- /utf-8)
+  target_compile_definitions(vertexmill_options INTERFACE _CRT_SECURE_NO_WARNINGS NOMINMAX WIN32_LEAN_AND_MEAN)
+  if(VERTEXMILL_WERROR)
+    target_compile_options(vertexmill_options INTERFACE /WX)
+  endif()
+else()
+  target_compile_options(vertexmill_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wno-missing-field-initializers)
+  if(VERTEXMILL_WERROR)
+    target_compile_options(vertexmill_options INTERFACE -Werror)
+  endif()
+endif()
+
+if(VERTEXMILL_SANITIZE)
+  target_compile_options(vertexmill_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(vertexmill_options INTERFACE -fsanitize=address,undefined)
+endif()
+if(VERTEXMILL_FUZZ)
+  # Every library is instrumented for coverage; only the fuzz executables link libFuzzer's main.
+  target_compile_options(vertexmill_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  target_link_options(vertexmill_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+# vertexmill_library(NAME SOURCES ... DEPENDS ...): one static library per lib/ folder.
+# Headers sit beside the sources and are included as "<folder>/<header>.hpp".
+function(vertexmill_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/lib)
+  target_link_libraries(${name} PUBLIC vertexmill_options ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
+endfunction()
+
+# vertexmill_test(NAME SOURCES ... DEPENDS ...): one GoogleTest executable, one CTest entry.
+function(vertexmill_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPENDS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE vertexmill_options ${ARG_DEPENDS} GTest::gtest GTest::gtest_main Threads::Threads)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()
