@@ -1,0 +1,2 @@
+// Placeholder until the library's sources arrive.
+namespace vertexmill_placeholder_resmgr {}
