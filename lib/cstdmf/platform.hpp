@@ -2,6 +2,7 @@
 // The only place that talks to the operating system directly. Everything else includes this
 // header, never an OS header.
 
+#include <cstdio>
 #include <string>
 
 namespace platform
@@ -35,6 +36,10 @@ std::string knownFolder(KnownFolder folder);
 
 // True when the stream (1 standard output, 2 standard error) is an interactive terminal.
 bool isTerminal(int stream);
+
+// Opens a file by its UTF-8 path with a C stdio mode ("rb", "wb"); null on failure. Wide
+// characters are used underneath where the system needs them.
+std::FILE* openFile(const std::string& utf8Path, const char* mode);
 
 // Process id of the current process.
 unsigned long processId();

@@ -74,6 +74,11 @@ bool isTerminal(int stream)
   return ::isatty(stream) == 1;
 }
 
+std::FILE* openFile(const std::string& utf8Path, const char* mode)
+{
+  return std::fopen(utf8Path.c_str(), mode);
+}
+
 unsigned long processId()
 {
   return static_cast<unsigned long>(::getpid());
