@@ -113,6 +113,14 @@ void emitFmt(DebugMessagePriority priority, const char* category, const SourceLo
       ::cstdmf::assertionFailed(#condition, ZR_SOURCE_LOCATION);                                                       \
   } while (false)
 
+// As ZR_ASSERT, reporting the given text instead of the condition's own spelling.
+#define ZR_ASSERT_TEXT(condition, text)                                                                                \
+  do                                                                                                                   \
+  {                                                                                                                    \
+    if (!(condition))                                                                                                  \
+      ::cstdmf::assertionFailed((text), ZR_SOURCE_LOCATION);                                                           \
+  } while (false)
+
 #define ZR_ASSERT_NOTE(condition, note)                                                                                \
   do                                                                                                                   \
   {                                                                                                                    \

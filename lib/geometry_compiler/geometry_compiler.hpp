@@ -1,8 +1,30 @@
 #pragma once
 // Turns one model's .primitives file (plus its collision and armor companions) into one
-// .geometry file.
+// .geometry file: sections are classified, vertices converted to their GPU format, verified and
+// merged per format, every render set optimised, the buffers encoded, and the whole written as
+// one packed prototype.
 
+#include "geometry_compiler/merged_geometry.hpp"
+#include "resmgr/binary_block.hpp"
+#include "resmgr/bin_section.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
 #include <string>
+#include <utility>
+#include <vector>
+
+namespace Moo
+{
+class VertexFormat;
+struct MergedGeometryPrototype;
+} // namespace Moo
+
+namespace red::types
+{
+struct String;
+}
 
 class GeometryCompiler
 {
@@ -17,9 +39,129 @@ public:
     std::string modelName;       // used only in companion-loading messages
   };
 
+  // A .primitives file in memory: where it came from and its sections in file order, each
+  // borrowing the one block that holds the file.
+  struct BinFile
+  {
+    std::string resourceName;
+    std::vector<std::pair<std::string, BinaryPtr>> children;
+  };
+
+  struct Settings
+  {
+    bool encodeBuffers = true;  // store merged buffers in their encoded form
+    bool optimizeMeshes = true; // reorder every render set for the GPU caches
+    bool verifyVertices = true; // check converted vertices and report unusable ones
+  };
+
+  GeometryCompiler();
+  ~GeometryCompiler();
+  GeometryCompiler(const GeometryCompiler&) = delete;
+  GeometryCompiler& operator=(const GeometryCompiler&) = delete;
+
+  // Worker threads for optimising render sets and encoding buffers (1: all on the calling
+  // thread). The output does not depend on it.
+  void setJobs(unsigned jobs) { m_jobs = jobs == 0 ? 1 : jobs; }
+
   // The whole conversion: reads the request's files and writes outputPath whole or not at all.
-  // encode: store merged buffers encoded; optimize: reorder meshes for the GPU; verify: check
-  // converted vertices. Returns false (after logging why) when no file was written.
+  // Returns false (after logging why) when no file was written.
   [[nodiscard]] bool compile(const Request& request, const std::string& outputPath, bool encode, bool optimize,
                              bool verify);
+
+  // Empties all working state so that the compiler can be reused.
+  void clear();
+
+  // readFile, then packLOD. False when either failed (both report).
+  [[nodiscard]] bool loadPrimitives(const Request& request);
+
+  // Reads a whole .primitives file and splits it into sections. False, with an ERROR message
+  // naming the file, when it cannot be opened or read, is empty, or is not a valid container.
+  [[nodiscard]] bool readFile(const std::string& path, BinFile& binFile);
+
+  // Dispatches every section by the kind after the last dot of its name. False when a vertex or
+  // index section could not be packed, or a linked pair refers to vertices it does not have.
+  [[nodiscard]] bool packLOD(const BinFile& binFile);
+
+  // Converts one vertex section to its GPU format and merges it. False on a malformed section or
+  // an unknown or unconvertible format (reported).
+  [[nodiscard]] bool packVertices(const std::string& sectionName, const BinaryPtr& section);
+
+  // Merges one index section unchanged. False on a malformed section (reported).
+  [[nodiscard]] bool packIndices(const std::string& sectionName, const BinaryPtr& section);
+
+  // Links a vertex section with its index section once both are merged: checks that every index
+  // is below the section's vertex count and computes the pair's texel density. Nothing happens
+  // when either is missing. False (reported, naming the file and both sections) on an index out
+  // of range.
+  [[nodiscard]] bool updateCorrespondingBuffers(const std::string& verticesName, const std::string& indicesName);
+
+  // Reads a companion model file whole and keeps it as a data section named after the file.
+  // kind: "collision", "armor" or "armorvisual". False when the file is unreadable or empty.
+  [[nodiscard]] bool loadCompanionModel(const std::string& path, const std::string& modelName, const char* kind);
+
+  // Optimises, fills the prototype, packs it and writes the file. False when nothing was written.
+  [[nodiscard]] bool save(const std::string& resourcePath);
+
+  // Runs the converted vertices of one section through the verifier and reports what it found.
+  void verifyVertices(const std::string& sectionName, const void* vertices, size_t size,
+                      const Moo::VertexFormat& format);
+
+  // Packs the filled prototype into one block; null (reported) on failure.
+  BinaryPtr packData(const Moo::MergedGeometryPrototype& prototype);
+
+  // Writes the block to resourcePath through a temporary file renamed over it, so the path holds
+  // either the previous file or the whole new one. False (reported) on any failure.
+  [[nodiscard]] bool writeToFile(const std::string& resourcePath, const BinaryPtr& block);
+
+  // Inspection of the merged state (tests, reports).
+  const std::vector<GeometryCompilerDetail::DataEntry>& vertexData() const { return m_vertexData; }
+  const std::vector<GeometryCompilerDetail::DataEntry>& indexData() const { return m_indexData; }
+  const std::vector<GeometryCompilerDetail::MappingEntry>& vertexMappings() const { return m_vertexMappings; }
+  const std::vector<GeometryCompilerDetail::MappingEntry>& indexMappings() const { return m_indexMappings; }
+  const std::vector<DataSectionPtr>& collisionModels() const { return m_collisionData; }
+  const std::vector<DataSectionPtr>& armorModels() const { return m_armorData; }
+
+private:
+  struct SaveState;
+
+  bool addVertices(const std::string& sectionName, std::span<const std::byte> data, const std::string& formatName,
+                   uint16_t strideInBytes, bool isSkinned, bool isBumped);
+  bool addIndices(const std::string& sectionName, std::span<const std::byte> data, const std::string& formatName,
+                  uint32_t indexFormat);
+  static bool addToContainer(std::vector<GeometryCompilerDetail::DataEntry>& container, const std::string& formatName,
+                             std::span<const std::byte> data, GeometryCompilerDetail::MappingInfo& info);
+  bool checkIndexRange(const GeometryCompilerDetail::MappingEntry& vertices,
+                       const GeometryCompilerDetail::MappingEntry& indices);
+  void updateTexelDensity(GeometryCompilerDetail::MappingEntry& vertices, GeometryCompilerDetail::MappingEntry& indices);
+
+  void optimizeMesh();
+  bool saveArmor(SaveState& state, const std::string& resourcePath);
+  void saveCollisionModels(SaveState& state);
+  void saveVerticesData(SaveState& state);
+  void saveVerticesMapping(SaveState& state);
+  void saveIndicesData(SaveState& state);
+  void saveIndicesMapping(SaveState& state);
+  const char* addToStringPool(const std::string& text, red::types::String& record);
+  void clearStringPool();
+
+  const GeometryCompilerDetail::VertexBufferInfo* findVertexBufferInfo(const std::string& formatName,
+                                                                       size_t* index = nullptr) const;
+  const GeometryCompilerDetail::IndexBufferInfo* findIndexBufferInfo(const std::string& formatName,
+                                                                     size_t* index = nullptr) const;
+
+  Settings m_settings;
+  unsigned m_jobs = 1;
+  std::string m_resourceName; // the .primitives file being compiled, for messages
+
+  std::vector<GeometryCompilerDetail::DataEntry> m_vertexData;
+  std::vector<GeometryCompilerDetail::DataEntry> m_indexData;
+  std::vector<std::pair<std::string, GeometryCompilerDetail::VertexBufferInfo>> m_verticesDataIndex;
+  std::vector<std::pair<std::string, GeometryCompilerDetail::IndexBufferInfo>> m_indicesDataIndex;
+  std::vector<GeometryCompilerDetail::MappingEntry> m_vertexMappings;
+  std::vector<GeometryCompilerDetail::MappingEntry> m_indexMappings;
+
+  std::vector<DataSectionPtr> m_collisionData;
+  std::vector<DataSectionPtr> m_armorData;
+
+  std::vector<char*> m_stringPool;
 };

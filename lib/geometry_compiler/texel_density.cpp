@@ -1,0 +1,73 @@
+#include "geometry_compiler/texel_density.hpp"
+
+#include "moo/vertex_conversion.hpp"
+#include "moo/vertex_format.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+namespace Moo::Utils
+{
+namespace
+{
+float crossLength(float ax, float ay, float az, float bx, float by, float bz)
+{
+  const float cx = ay * bz - az * by;
+  const float cy = az * bx - ax * bz;
+  const float cz = ax * by - ay * bx;
+  return std::sqrt(cx * cx + cy * cy + cz * cz);
+}
+
+uint32_t indexAt(std::span<const std::byte> indices, size_t i, bool wide)
+{
+  if (wide)
+  {
+    uint32_t value;
+    std::memcpy(&value, indices.data() + i * 4, 4);
+    return value;
+  }
+  uint16_t value;
+  std::memcpy(&value, indices.data() + i * 2, 2);
+  return value;
+}
+} // namespace
+
+float calculateTexelDensity(const VertexFormat& format, std::span<const std::byte> vertices,
+                            std::span<const std::byte> indices, IndexFormat indexFormat)
+{
+  const auto positions = format.getAccessor<VertexSemantic::POSITION>(vertices);
+  const auto uvs = format.getAccessor<VertexSemantic::TEXCOORD>(vertices);
+  if (!positions || !uvs)
+    return 0.0f;
+
+  const bool wide = indexFormat == IndexFormat::LIST32;
+  const size_t indexCount = indices.size() / (wide ? 4 : 2);
+  std::vector<float> ratios;
+  ratios.reserve(indexCount / 3);
+  for (size_t t = 0; t + 2 < indexCount; t += 3)
+  {
+    const uint32_t i0 = indexAt(indices, t, wide);
+    const uint32_t i1 = indexAt(indices, t + 1, wide);
+    const uint32_t i2 = indexAt(indices, t + 2, wide);
+    const Vector3 p0 = positions.get(i0), p1 = positions.get(i1), p2 = positions.get(i2);
+    const Vector2 t0 = uvs.get(i0), t1 = uvs.get(i1), t2 = uvs.get(i2);
+
+    const float positionArea =
+      0.5f * crossLength(p1.x - p0.x, p1.y - p0.y, p1.z - p0.z, p2.x - p0.x, p2.y - p0.y, p2.z - p0.z);
+    const float textureArea = 0.5f * crossLength(t1.x - t0.x, t1.y - t0.y, 0.0f, t2.x - t0.x, t2.y - t0.y, 0.0f);
+    if (positionArea == 0.0f || textureArea == 0.0f)
+      continue;
+    const float ratio = std::sqrt(textureArea / positionArea);
+    // A non-finite ratio has no place in an ordering; such triangles do not count.
+    if (std::isfinite(ratio))
+      ratios.push_back(ratio);
+  }
+  if (ratios.empty())
+    return 0.0f;
+  const auto middle = ratios.begin() + static_cast<std::ptrdiff_t>(ratios.size() / 2);
+  std::nth_element(ratios.begin(), middle, ratios.end());
+  return *middle;
+}
+} // namespace Moo::Utils

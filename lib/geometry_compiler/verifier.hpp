@@ -1,0 +1,40 @@
+#pragma once
+// Counts converted vertices whose positions, normals, tangents, binormals or texture coordinates
+// are unusable. It only reports; it never changes data.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Moo
+{
+class VertexFormat;
+}
+
+class Verifier
+{
+public:
+  void reset();
+
+  // Resets, then checks every element the format has over `size` bytes of vertices.
+  void verify(const void* vertices, size_t size, const Moo::VertexFormat& format);
+
+  int32_t invalidPositions() const { return m_invalidPositions; }
+  int32_t invalidNormals() const { return m_invalidNormals; }
+  int32_t invalidTangents() const { return m_invalidTangents; }
+  int32_t invalidBinormals() const { return m_invalidBinormals; }
+  int32_t invalidUVs() const { return m_invalidUVs; }
+
+private:
+  template <typename Accessor>
+  void verifyPositions(const Accessor& accessor);
+  template <typename Accessor>
+  void verifyNormals(const Accessor& accessor, int32_t& counter);
+  template <typename Accessor>
+  void verifyUVs(const Accessor& accessor);
+
+  int32_t m_invalidPositions = 0;
+  int32_t m_invalidNormals = 0;
+  int32_t m_invalidTangents = 0;
+  int32_t m_invalidBinormals = 0;
+  int32_t m_invalidUVs = 0;
+};
