@@ -1,0 +1,353 @@
+// Whole conversions through compile(): the file read back with the geometry reader, every
+// buffer decoded and compared with the input, companions, failures, determinism.
+#include "geometry_compiler/geometry_compiler.hpp"
+#include "mesh_data_optimizer/coder.hpp"
+#include "moo/geometry_data.hpp"
+#include "moo/primitive_vertex_format.hpp"
+#include "moo/vertex_conversion.hpp"
+#include "primitives_builder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+
+using namespace testutil;
+
+namespace
+{
+
+// Source "xyznuvtbi" vertices (stride 36): packed normal +z, tangent +x, binormal +y.
+std::vector<std::byte> tbiPayload(const std::vector<XyzNuv>& vertices)
+{
+  const uint32_t normal = 511u << 22, tangent = 1023u, binormal = 1023u << 11, colour = 0xFF00FF00u;
+  std::vector<std::byte> bytes(vertices.size() * 36);
+  for (size_t i = 0; i < vertices.size(); ++i)
+  {
+    std::byte* v = bytes.data() + i * 36;
+    std::memcpy(v, &vertices[i].px, 12);
+    std::memcpy(v + 12, &normal, 4);
+    std::memcpy(v + 16, &vertices[i].u, 8);
+    std::memcpy(v + 24, &tangent, 4);
+    std::memcpy(v + 28, &binormal, 4);
+    std::memcpy(v + 32, &colour, 4);
+  }
+  return bytes;
+}
+
+using Triangle = std::array<std::vector<std::byte>, 3>;
+
+// Triangles as triples of vertex bytes, each rotated so that its smallest corner comes first
+// (winding kept), sorted.
+template <typename Index>
+std::vector<Triangle> triangles(std::span<const std::byte> vertices, size_t stride, std::span<const Index> indices)
+{
+  std::vector<Triangle> result;
+  auto vertex = [&](Index i) {
+    EXPECT_LT(static_cast<size_t>(i) * stride, vertices.size());
+    const std::byte* at = vertices.data() + static_cast<size_t>(i) * stride;
+    return std::vector<std::byte>(at, at + stride);
+  };
+  for (size_t t = 0; t + 2 < indices.size(); t += 3)
+  {
+    Triangle tri = {vertex(indices[t]), vertex(indices[t + 1]), vertex(indices[t + 2])};
+    std::rotate(tri.begin(), std::min_element(tri.begin(), tri.end()), tri.end());
+    result.push_back(std::move(tri));
+  }
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+// GPU bytes of source vertices, through the converter itself.
+std::vector<std::byte> toGpu(const std::string& sourceFormat, std::span<const std::byte> source, uint32_t count)
+{
+  const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByFormatName(sourceFormat);
+  const uint32_t stride = ari::VertexDeclaration::computeStreamDataSize(format->m_gpuFormat, 0);
+  std::vector<std::byte> gpu(static_cast<size_t>(count) * stride);
+  EXPECT_TRUE(Moo::convertVertices(gpu.data(), format->m_gpuFormat, source.data(), format->m_format, count));
+  return gpu;
+}
+
+struct DecodedModel
+{
+  Moo::GeometryData data;
+  std::vector<std::vector<std::byte>> vertices; // per vertex buffer
+  std::vector<std::vector<uint32_t>> indices;   // per index buffer, widened
+};
+
+void decode(const std::filesystem::path& path, DecodedModel& model)
+{
+  ASSERT_TRUE(model.data.load(path.string()));
+  for (const auto& buffer : model.data.vertexBuffers())
+  {
+    std::vector<std::byte> bytes(buffer.data.begin(), buffer.data.end());
+    if (buffer.encoded)
+    {
+      ASSERT_TRUE(MeshDataOptimizer::decodeVertexData(buffer.data, buffer.strideInBytes, bytes));
+    }
+    model.vertices.push_back(std::move(bytes));
+  }
+  for (const auto& buffer : model.data.indexBuffers())
+  {
+    std::vector<uint32_t> wide;
+    if (buffer.primitiveType == 0)
+    {
+      std::vector<uint16_t> narrow(buffer.data.size() / 2);
+      if (buffer.encoded)
+      {
+        ASSERT_TRUE(MeshDataOptimizer::decodeIndexData(buffer.data, narrow));
+      }
+      else if (!narrow.empty())
+        std::memcpy(narrow.data(), buffer.data.data(), buffer.data.size());
+      wide.assign(narrow.begin(), narrow.end());
+    }
+    else
+    {
+      wide.resize(buffer.data.size() / 4);
+      if (buffer.encoded)
+      {
+        ASSERT_TRUE(MeshDataOptimizer::decodeIndexData(buffer.data, wide));
+      }
+      else if (!wide.empty())
+        std::memcpy(wide.data(), buffer.data.data(), buffer.data.size());
+    }
+    model.indices.push_back(std::move(wide));
+  }
+}
+
+// The triangles of one render set as the file holds them.
+std::vector<Triangle> fileTriangles(const DecodedModel& model, const std::string& set)
+{
+  Moo::GeometryData::VertexRange vertexRange;
+  Moo::GeometryData::IndexRange indexRange;
+  EXPECT_TRUE(model.data.fetchVertices(set + ".vertices", vertexRange));
+  EXPECT_TRUE(model.data.fetchIndices(set + ".indices", indexRange));
+  const size_t vb = vertexRange.mapping.mergedBufferIndex, ib = indexRange.mapping.mergedBufferIndex;
+  const size_t stride = model.data.vertexBuffers()[vb].strideInBytes;
+  const auto& allVertices = model.vertices[vb];
+  std::span<const std::byte> vertices(allVertices.data() + vertexRange.mapping.itemsOffset * stride,
+                                      vertexRange.mapping.itemsCount * stride);
+  std::span<const uint32_t> indices(model.indices[ib].data() + indexRange.mapping.itemsOffset,
+                                    indexRange.mapping.itemsCount);
+  for (uint32_t index : indices)
+    EXPECT_LT(index, vertexRange.mapping.itemsCount) << set;
+  return triangles(vertices, stride, indices);
+}
+
+struct Model
+{
+  TempDir dir{"save"};
+  std::filesystem::path source = dir.path / "hull.primitives";
+  std::filesystem::path output = dir.path / "out" / "hull.geometry";
+  Model() { std::filesystem::create_directories(output.parent_path()); }
+};
+
+TEST(Compile, RenderSetsSurviveOptimisationAndEncoding)
+{
+  const auto gridA = gridVertices(12);
+  const auto gridB = gridVertices(7, 0.5f);
+  const auto gridC = gridVertices(9, 2.0f);
+  const auto indicesA = gridIndices<uint16_t>(12);
+  const auto indicesB = gridIndices<uint32_t>(7);
+  const auto indicesC = gridIndices<uint16_t>(9);
+  const auto sourceA = vertexSection(gridA);
+  const auto sourceB = vertexSection(gridB);
+  const auto payloadC = tbiPayload(gridC);
+
+  Model model;
+  writeFile(model.source, container({
+                            {"a.vertices", sourceA},
+                            {"a.indices", indexSection(indicesA)},
+                            {"b.indices", indexSection(indicesB)},
+                            {"b.vertices", sourceB},
+                            {"c.vertices", rawVertexSection("xyznuvtbi", uint32_t(gridC.size()), payloadC)},
+                            {"c.indices", indexSection(indicesC)},
+                          }));
+  GeometryCompiler compiler;
+  ASSERT_TRUE(compiler.compile({model.source.string()}, model.output.string(), true, true, true));
+
+  DecodedModel decoded;
+  decode(model.output, decoded);
+  const auto& buffers = decoded.data.vertexBuffers();
+  ASSERT_EQ(buffers.size(), 2u);
+  EXPECT_EQ(buffers[0].formatName, "set3/xyznuvpc");
+  EXPECT_EQ(buffers[1].formatName, "set3/xyznuvtbipc");
+  EXPECT_TRUE(buffers[0].encoded && buffers[1].encoded);
+  EXPECT_FALSE(buffers[0].isBumped);
+  EXPECT_TRUE(buffers[1].isBumped);
+  EXPECT_EQ(buffers[0].sizeInBytes, buffers[0].data.size()); // the encoded length
+  EXPECT_EQ(decoded.vertices[0].size(), (gridA.size() + gridB.size()) * 20);
+  ASSERT_EQ(decoded.data.indexBuffers().size(), 2u);
+
+  // Ranges count decoded items.
+  Moo::GeometryData::VertexRange range;
+  ASSERT_TRUE(decoded.data.fetchVertices("b.vertices", range));
+  EXPECT_EQ(range.mapping.itemsOffset, gridA.size());
+  EXPECT_EQ(range.mapping.itemsCount, gridB.size());
+
+  auto span16 = [](const std::vector<uint16_t>& v) { return std::span<const uint16_t>(v); };
+  auto span32 = [](const std::vector<uint32_t>& v) { return std::span<const uint32_t>(v); };
+  auto bytes = [](const std::vector<std::byte>& v) { return std::span<const std::byte>(v); };
+  const auto gpuA = toGpu("xyznuv", bytes(sourceA).subspan(68), uint32_t(gridA.size()));
+  const auto gpuB = toGpu("xyznuv", bytes(sourceB).subspan(68), uint32_t(gridB.size()));
+  const auto gpuC = toGpu("xyznuvtbi", payloadC, uint32_t(gridC.size()));
+  EXPECT_EQ(fileTriangles(decoded, "a"), triangles<uint16_t>(gpuA, 20, span16(indicesA)));
+  EXPECT_EQ(fileTriangles(decoded, "b"), triangles<uint32_t>(gpuB, 20, span32(indicesB)));
+  EXPECT_EQ(fileTriangles(decoded, "c"), triangles<uint16_t>(gpuC, 32, span16(indicesC)));
+}
+
+TEST(Compile, PlainBuffersAndItemRanges)
+{
+  // Two "xyznuvtbi" sections: GPU stride 32, so the second (3 vertices, 96 bytes at offset 64)
+  // maps to items 2..4.
+  const std::vector<XyzNuv> two = {{0, 0, 0, 0, 0, 1, 0, 0}, {1, 0, 0, 0, 0, 1, 1, 0}};
+  const std::vector<XyzNuv> three = {{0, 0, 0, 0, 0, 1, 0, 0}, {1, 0, 0, 0, 0, 1, 1, 0}, {0, 1, 0, 0, 0, 1, 0, 1}};
+  Model model;
+  writeFile(model.source, container({
+                            {"x.vertices", rawVertexSection("xyznuvtbi", 2, tbiPayload(two))},
+                            {"y.vertices", rawVertexSection("xyznuvtbi", 3, tbiPayload(three))},
+                            {"y.indices", indexSection<uint16_t>({0, 1, 2})},
+                          }));
+  GeometryCompiler compiler;
+  ASSERT_TRUE(compiler.compile({model.source.string()}, model.output.string(), false, false, true));
+  Moo::GeometryData data;
+  ASSERT_TRUE(data.load(model.output.string()));
+  ASSERT_EQ(data.verticesMapping().size(), 2u);
+  EXPECT_EQ(data.verticesMapping()[1].itemsOffset, 2u);
+  EXPECT_EQ(data.verticesMapping()[1].itemsCount, 3u);
+  EXPECT_EQ(data.verticesMapping()[1].mappingId, cstdmf::makeStringID("y.vertices"));
+  EXPECT_EQ(data.vertexBuffers()[0].sizeInBytes, 5u * 32);
+  EXPECT_FALSE(data.vertexBuffers()[0].encoded);
+  EXPECT_EQ(data.indexBuffers()[0].sizeInBytes, 6u);
+  EXPECT_EQ(data.indicesMapping()[0].itemsCount, 3u);
+}
+
+TEST(Compile, CompanionsAreCarriedByteForByte)
+{
+  Model model;
+  writeFile(model.source, container({{"a.vertices", vertexSection(gridVertices(2))},
+                                     {"a.indices", indexSection(gridIndices<uint16_t>(2))}}));
+  std::vector<std::byte> collision(301);
+  for (size_t i = 0; i < collision.size(); ++i)
+    collision[i] = std::byte(i * 7);
+  const std::vector<std::byte> armor(64, std::byte{0xA5}), visual(9, std::byte{0x11});
+  writeFile(model.dir.path / "hull.collision", collision);
+  writeFile(model.dir.path / "hull.armor", armor);
+  writeFile(model.dir.path / "hull.armorvisual", visual);
+
+  GeometryCompiler::Request request{model.source.string(), (model.dir.path / "hull.collision").string(),
+                                    (model.dir.path / "hull.armor").string(),
+                                    (model.dir.path / "hull.armorvisual").string(), "hull"};
+  GeometryCompiler compiler;
+  ASSERT_TRUE(compiler.compile(request, model.output.string(), true, true, true));
+  Moo::GeometryData data;
+  ASSERT_TRUE(data.load(model.output.string()));
+  ASSERT_EQ(data.collisionModels().size(), 2u);
+  EXPECT_EQ(data.collisionModels()[0].name, "hull.collision");
+  EXPECT_TRUE(std::ranges::equal(data.collisionModels()[0].data, collision));
+  EXPECT_EQ(data.collisionModels()[1].name, "hull.armorvisual");
+  EXPECT_TRUE(std::ranges::equal(data.collisionModels()[1].data, visual));
+  ASSERT_EQ(data.armorModels().size(), 1u);
+  EXPECT_EQ(data.armorModels()[0].name, "hull.armor");
+  EXPECT_TRUE(std::ranges::equal(data.armorModels()[0].data, armor));
+}
+
+TEST(Compile, FailingCompanionIsReportedAndTheModelStillSaved)
+{
+  Model model;
+  writeFile(model.source, container({{"a.vertices", vertexSection(gridVertices(1))},
+                                     {"a.indices", indexSection(gridIndices<uint16_t>(1))}}));
+  writeFile(model.dir.path / "hull.armor", {});
+  LogCapture log;
+  GeometryCompiler compiler;
+  GeometryCompiler::Request request{model.source.string(), "", (model.dir.path / "hull.armor").string(), "", "hull"};
+  ASSERT_TRUE(compiler.compile(request, model.output.string(), true, true, true));
+  EXPECT_TRUE(log.contains("ERROR: GeometryCompiler::compile loading '" + request.armorPath + "' failed.\n"));
+  EXPECT_TRUE(std::filesystem::exists(model.output));
+}
+
+TEST(Compile, TwoArmorModelsWriteNothing)
+{
+  Model model;
+  writeFile(model.source, container({{"a.vertices", vertexSection(gridVertices(1))}}));
+  writeFile(model.dir.path / "one.armor", std::vector<std::byte>(4, std::byte{1}));
+  GeometryCompiler compiler;
+  LogCapture log;
+  ASSERT_TRUE(compiler.loadPrimitives({model.source.string()}));
+  ASSERT_TRUE(compiler.loadCompanionModel((model.dir.path / "one.armor").string(), "hull", "armor"));
+  ASSERT_TRUE(compiler.loadCompanionModel((model.dir.path / "one.armor").string(), "hull", "armor"));
+  EXPECT_FALSE(compiler.save(model.output.string()));
+  EXPECT_TRUE(log.contains("ERROR: GeometryCompiler::saveArmor m_armorData.size() > 1 for result resource '" +
+                           model.output.string() + "'.\n"));
+  EXPECT_TRUE(std::filesystem::is_empty(model.output.parent_path()));
+}
+
+TEST(Compile, UnpairedIndexSectionIsSavedUnoptimised)
+{
+  Model model;
+  writeFile(model.source, container({{"lonely.indices", indexSection<uint16_t>({0, 1, 2})}}));
+  GeometryCompiler compiler;
+  LogCapture log;
+  ASSERT_TRUE(compiler.compile({model.source.string()}, model.output.string(), true, true, true));
+  EXPECT_TRUE(log.contains("GeometryCompiler::save cannot find vertex entry data for optimization 'lonely.vertices'\n"));
+  DecodedModel decoded;
+  decode(model.output, decoded);
+  ASSERT_EQ(decoded.indices.size(), 1u);
+  EXPECT_EQ(decoded.indices[0], (std::vector<uint32_t>{0, 1, 2}));
+  EXPECT_TRUE(decoded.data.vertexBuffers().empty());
+}
+
+TEST(Compile, FailuresWriteNothing)
+{
+  Model model;
+  GeometryCompiler compiler;
+  LogCapture log;
+  EXPECT_FALSE(compiler.compile({}, model.output.string(), true, true, true));
+  EXPECT_EQ(log.text(), "");
+
+  writeFile(model.source, std::vector<std::byte>(100, std::byte{3}));
+  EXPECT_FALSE(compiler.compile({model.source.string()}, model.output.string(), true, true, true));
+  EXPECT_TRUE(log.contains("ERROR: GeometryCompiler::compile loading '" + model.source.string() + "' failed.\n"));
+
+  // Indices past their vertices: refused before anything reads through them.
+  writeFile(model.source, container({{"a.vertices", vertexSection(gridVertices(1))},
+                                     {"a.indices", indexSection<uint16_t>({0, 1, 9})}}));
+  EXPECT_FALSE(compiler.compile({model.source.string()}, model.output.string(), true, true, true));
+  EXPECT_TRUE(std::filesystem::is_empty(model.output.parent_path()));
+
+  // An unwritable destination: the message, and no temporary file left behind.
+  writeFile(model.source, container({{"a.vertices", vertexSection(gridVertices(1))}}));
+  const auto missingDir = model.dir.path / "missing" / "hull.geometry";
+  EXPECT_FALSE(compiler.compile({model.source.string()}, missingDir.string(), true, true, true));
+  EXPECT_TRUE(log.contains("ERROR: GeometryCompiler::writeToFile cannot open file '" + missingDir.string() + "'.\n"));
+}
+
+TEST(Compile, OutputIsDeterministicForAnyJobCount)
+{
+  Model model;
+  Sections sections;
+  for (int set = 0; set < 6; ++set)
+  {
+    const std::string name = "set" + std::to_string(set);
+    sections.push_back({name + ".vertices", vertexSection(gridVertices(10 + set, 1.0f + set))});
+    if (set % 2)
+      sections.push_back({name + ".indices", indexSection(gridIndices<uint32_t>(10 + set))});
+    else
+      sections.push_back({name + ".indices", indexSection(gridIndices<uint16_t>(10 + set))});
+  }
+  writeFile(model.source, container(sections));
+  std::vector<std::byte> first;
+  for (unsigned jobs : {1u, 1u, 3u})
+  {
+    GeometryCompiler compiler;
+    compiler.setJobs(jobs);
+    ASSERT_TRUE(compiler.compile({model.source.string()}, model.output.string(), true, true, true));
+    const auto bytes = readFile(model.output);
+    if (first.empty())
+      first = bytes;
+    else
+      EXPECT_EQ(bytes, first) << "jobs " << jobs;
+  }
+}
+
+} // namespace
