@@ -1,1 +1,3 @@
-list(APPEND MOO_PROTOTYPE_SOURCES)  # moo_prototypes, geometry_data
+list(APPEND MOO_PROTOTYPE_SOURCES
+  moo_prototypes.cpp moo_prototypes.hpp
+  geometry_data.cpp geometry_data.hpp)

@@ -1,1 +1,4 @@
-list(APPEND MOO_FORMAT_TESTS)
+list(APPEND MOO_FORMAT_TESTS
+  vertex_format_test.cpp
+  vertex_conversion_test.cpp
+  section_header_test.cpp)

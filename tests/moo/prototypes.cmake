@@ -1,1 +1,3 @@
-list(APPEND MOO_PROTOTYPE_TESTS)
+list(APPEND MOO_PROTOTYPE_TESTS
+  moo_prototypes_test.cpp
+  geometry_data_test.cpp)

@@ -1,0 +1,1 @@
+vertexmill_fuzzer(geometry_data SOURCES geometry_data_fuzz.cpp DEPENDS moo)

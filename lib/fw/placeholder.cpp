@@ -1,2 +1,0 @@
-// Placeholder until the library's sources arrive.
-namespace vertexmill_placeholder_fw {}

@@ -1,0 +1,245 @@
+#include "fw/arg_parser.hpp"
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+using FW::ArgParser;
+
+namespace
+{
+constexpr uint32_t kToolFlags = ArgParser::kBuiltinHelp | ArgParser::kStopAfterHelp;
+
+// A parser shaped like the tool's: flags "quiet" (-q) and "tree", optional positional value
+// options "src-path" and "dst-path", and a value option "level" (-l). Every callback records the
+// option and its value; the value "bad" is refused.
+struct Harness
+{
+  std::map<std::string, std::string> values;
+  std::vector<std::string> order;
+  std::string out;
+  std::string err;
+  std::unique_ptr<ArgParser> parser;
+
+  explicit Harness(uint32_t flags = kToolFlags, uint32_t levelFlags = 0,
+                   uint32_t positionalFlags = ArgParser::kOptionalPositional)
+  {
+    const auto option = [this](ArgParser::Kind kind, const char* name, char alias, uint32_t optionFlags,
+                               const char* positional) {
+      return ArgParser::Option{.kind = kind,
+                               .longName = name,
+                               .shortName = alias,
+                               .description = std::string("the ") + name,
+                               .flags = optionFlags,
+                               .positionalName = positional,
+                               .callback = [this, name](std::string_view value) {
+                                 order.emplace_back(name);
+                                 values[name] = value;
+                                 return value != "bad";
+                               }};
+    };
+    parser = std::make_unique<ArgParser>(
+      "Does things.",
+      [&](ArgParser::Builder& builder) {
+        builder.add(option(ArgParser::Kind::Flag, "quiet", 'q', 0, ""))
+          .add(option(ArgParser::Kind::Flag, "tree", 0, 0, ""))
+          .add(option(ArgParser::Kind::Value, "src-path", 0, positionalFlags, "src-path"))
+          .add(option(ArgParser::Kind::Value, "dst-path", 0, positionalFlags, "dst-path"))
+          .add(option(ArgParser::Kind::Value, "level", 'l', levelFlags, ""));
+      },
+      flags);
+    parser->setWriters([this](std::string_view text) { out += text; }, [this](std::string_view text) { err += text; });
+  }
+
+  bool parse(std::initializer_list<const char*> args)
+  {
+    std::vector<const char*> argv{"tools/prog"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return parser->parse(static_cast<int>(argv.size()), argv.data());
+  }
+
+  using Values = std::map<std::string, std::string>;
+  using Order = std::vector<std::string>;
+};
+} // namespace
+
+TEST(ArgParser, SwitchOrPositional)
+{
+  for (const char* token : {"-q", "-qx", "--tree", "--t"})
+    EXPECT_TRUE(ArgParser::isSwitch(token)) << token;
+  for (const char* token : {"-", "--", "-1", "--1", "---tree", "-\xC3\xA9", ".", "model-q"})
+    EXPECT_FALSE(ArgParser::isSwitch(token)) << token;
+
+  // So these are positional values, not unknown switches.
+  Harness h;
+  EXPECT_TRUE(h.parse({"-1", "--"}));
+  EXPECT_EQ(h.values, (Harness::Values{{"src-path", "-1"}, {"dst-path", "--"}}));
+  EXPECT_EQ(h.err, "");
+}
+
+TEST(ArgParser, FlagsValuesAndAliases)
+{
+  Harness h;
+  // A value option takes the next argument whatever it looks like.
+  ASSERT_TRUE(h.parse({"-q", "--tree", "--src-path", "a b", "--dst-path", "--quiet", "-l", "7"}));
+  EXPECT_EQ(h.values, (Harness::Values{{"quiet", ""}, {"tree", ""}, {"src-path", "a b"}, {"dst-path", "--quiet"},
+                                       {"level", "7"}}));
+  EXPECT_EQ(h.order, (Harness::Order{"quiet", "tree", "src-path", "dst-path", "level"}));
+  EXPECT_EQ(h.out + h.err, "");
+
+  Harness inlineValues;
+  ASSERT_TRUE(inlineValues.parse({"--src-path=x=y", "-l42", "--dst-path="}));
+  EXPECT_EQ(inlineValues.values, (Harness::Values{{"src-path", "x=y"}, {"level", "42"}, {"dst-path", ""}}));
+}
+
+TEST(ArgParser, PositionalFallback)
+{
+  Harness both;
+  ASSERT_TRUE(both.parse({"model.primitives", "out"}));
+  EXPECT_EQ(both.values, (Harness::Values{{"src-path", "model.primitives"}, {"dst-path", "out"}}));
+
+  // A positional fills the first name whose option was not given as a switch, wherever the switch
+  // stands; callbacks still run in command-line order.
+  Harness mixed;
+  ASSERT_TRUE(mixed.parse({"out", "--src-path", "model.primitives"}));
+  EXPECT_EQ(mixed.values, (Harness::Values{{"src-path", "model.primitives"}, {"dst-path", "out"}}));
+  EXPECT_EQ(mixed.order, (Harness::Order{"dst-path", "src-path"}));
+
+  Harness none;
+  ASSERT_TRUE(none.parse({"--tree"}));
+  EXPECT_EQ(none.values.count("src-path") + none.values.count("dst-path"), 0u);
+
+  Harness zero;
+  EXPECT_TRUE(zero.parser->parse(0, static_cast<const char* const*>(nullptr)));
+}
+
+TEST(ArgParser, ErrorMessages)
+{
+  struct Case
+  {
+    std::initializer_list<const char*> args;
+    const char* error;
+  };
+  const Case cases[] = {
+    {{"--bogus"}, "ERROR: unexpected argument --bogus.\n"},
+    {{"-x"}, "ERROR: unexpected argument -x.\n"},
+    {{"-qv"}, "ERROR: unexpected argument -qv.\n"},
+    {{"--Tree"}, "ERROR: unexpected argument --Tree.\n"},
+    {{"a", "b", "c"}, "ERROR: unexpected argument c\n"},
+    {{"--src-path", "a", "b", "c"}, "ERROR: unexpected argument c\n"},
+    {{"--dst-path"}, "ERROR: missing value after argument --dst-path.\n"},
+    {{"a", "-l"}, "ERROR: missing value after argument -l.\n"},
+    {{"--tree=yes"}, "ERROR: unexpected value after argument --tree=yes.\n"},
+    {{"--level", "bad"}, "ERROR: invalid value bad"},
+  };
+  for (const Case& c : cases)
+  {
+    Harness h;
+    EXPECT_FALSE(h.parse(c.args)) << c.error;
+    EXPECT_EQ(h.err, c.error);
+    EXPECT_EQ(h.out, "");
+  }
+}
+
+TEST(ArgParser, RequiredOptionsAndPositionals)
+{
+  Harness level(kToolFlags, ArgParser::kRequired);
+  EXPECT_FALSE(level.parse({"a", "b"}));
+  EXPECT_EQ(level.err, "ERROR: missing required argument --level.\n");
+  EXPECT_TRUE(Harness(kToolFlags, ArgParser::kRequired).parse({"-l", "3"}));
+
+  // Without the optional bit, a positional name must be filled, by position or by switch.
+  Harness positional(kToolFlags, 0, 0);
+  EXPECT_FALSE(positional.parse({"a"}));
+  EXPECT_EQ(positional.err, "ERROR: missing required positional arguments.\n");
+
+  Harness bySwitch(kToolFlags, 0, 0);
+  EXPECT_TRUE(bySwitch.parse({"--dst-path", "b", "a"}));
+  EXPECT_EQ(bySwitch.values["src-path"], "a");
+  EXPECT_EQ(bySwitch.err, "");
+}
+
+TEST(ArgParser, IgnoredAndExtraArguments)
+{
+  Harness h(ArgParser::kIgnoreExtraPositionals | ArgParser::kIgnoreUnknownSwitches);
+  ASSERT_TRUE(h.parse({"a", "--bogus", "b", "c", "-z", "--tree"}));
+  EXPECT_EQ(h.values, (Harness::Values{{"src-path", "a"}, {"dst-path", "b"}, {"tree", ""}}));
+  EXPECT_EQ(h.err, "");
+
+  std::vector<std::string> extra;
+  ArgParser parser(
+    "",
+    [&](ArgParser::Builder& builder) {
+      builder.extraPositionals("file", [&](std::string_view v) { return extra.emplace_back(v), v != "bad"; });
+    },
+    0);
+  std::string err;
+  parser.setWriters([](std::string_view) {}, [&](std::string_view text) { err += text; });
+  const char* argv[] = {"prog", "x", "y", "bad"};
+  EXPECT_FALSE(parser.parse(4, argv));
+  EXPECT_EQ(extra, (std::vector<std::string>{"x", "y", "bad"}));
+  EXPECT_EQ(err, "ERROR: invalid value bad");
+  EXPECT_EQ(parser.helpText("prog").substr(0, 31), "Usage: prog [options] [file...]");
+}
+
+TEST(ArgParser, Help)
+{
+  Harness h;
+  // The help switch stops the parse: nothing after it is looked at, and no callback runs.
+  ASSERT_TRUE(h.parse({"-q", "--help", "--bogus"}));
+  EXPECT_TRUE(h.parser->helpShown());
+  EXPECT_TRUE(h.order.empty());
+  EXPECT_EQ(h.err, "");
+  EXPECT_EQ(h.out, "Usage: prog [options] [src-path] [dst-path]\n"
+                   "\n"
+                   "Does things.\n"
+                   "\n"
+                   "Options:\n"
+                   "  -q, --quiet             the quiet\n"
+                   "      --tree              the tree\n"
+                   "      --src-path <value>  the src-path\n"
+                   "      --dst-path <value>  the dst-path\n"
+                   "  -l, --level <value>     the level\n"
+                   "  -h, --help              Display this message.\n");
+
+  Harness early;
+  EXPECT_FALSE(early.parse({"--bogus", "-h"}));
+  EXPECT_EQ(early.out, "");
+
+  // Without the stop bit, help prints and parsing goes on.
+  Harness goesOn(ArgParser::kBuiltinHelp);
+  ASSERT_TRUE(goesOn.parse({"-h", "-q"}));
+  EXPECT_TRUE(goesOn.parser->helpShown());
+  EXPECT_EQ(goesOn.order, Harness::Order{"quiet"});
+  EXPECT_EQ(goesOn.out, h.out);
+
+  Harness noHelp(0);
+  EXPECT_FALSE(noHelp.parse({"--help"}));
+  EXPECT_EQ(noHelp.err, "ERROR: unexpected argument --help.\n");
+}
+
+TEST(ArgParser, WideArgumentsAreConvertedToUtf8)
+{
+  Harness h;
+  const wchar_t* argv[] = {L"prog", L"--src-path", L"mod\u00E8le\u20AC.primitives", L"\U0001F600"};
+  ASSERT_TRUE(h.parser->parse(4, argv));
+  EXPECT_EQ(h.values, (Harness::Values{{"src-path", "mod\xC3\xA8le\xE2\x82\xAC.primitives"},
+                                       {"dst-path", "\xF0\x9F\x98\x80"}}));
+
+  // Command lines too long for the stack area are converted on the heap.
+  Harness big;
+  const std::wstring longValue(20000, L'\u00E9');
+  const wchar_t* longArgv[] = {L"prog", longValue.c_str(), L"short"};
+  ASSERT_TRUE(big.parser->parse(3, longArgv));
+  EXPECT_EQ(big.values["src-path"].size(), 40000u);
+  EXPECT_EQ(big.values["dst-path"], "short");
+
+  Harness bad;
+  const wchar_t* badArgv[] = {L"prog", L"--bogus\u00E9"};
+  EXPECT_FALSE(bad.parser->parse(2, badArgv));
+  EXPECT_EQ(bad.err, "ERROR: unexpected argument --bogus\xC3\xA9.\n");
+}

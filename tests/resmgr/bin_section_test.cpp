@@ -1,0 +1,324 @@
+#include "resmgr/bin_section.hpp"
+
+#include "test_helpers.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace
+{
+
+using resmgr_test::blockOf;
+using resmgr_test::Bytes;
+using resmgr_test::textOf;
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+struct Parsed
+{
+  bool ok = false;
+  Entries entries;
+  std::vector<const char*> payloads;
+};
+
+Parsed parse(const BinaryPtr& block)
+{
+  Parsed result;
+  result.ok = parseBinSectionEntries(block, [&](const char* name, int nameLength, const char* data, int dataLength) {
+    const char* end = block->data() + block->len();
+    EXPECT_TRUE(name >= block->data() && nameLength >= 0 && name + nameLength <= end);
+    EXPECT_TRUE(data >= block->data() && dataLength >= 0 && data + dataLength <= end);
+    result.entries.emplace_back(std::string(name, nameLength), std::string(data, dataLength));
+    result.payloads.push_back(data);
+  });
+  return result;
+}
+
+BinaryPtr write(const Entries& entries)
+{
+  std::vector<std::pair<std::string, BinaryPtr>> blocks;
+  for (const auto& [name, data] : entries)
+    blocks.emplace_back(name, blockOf(data));
+  return writeBinSectionContainer(blocks);
+}
+
+// A current-form container laid out by hand, free of the writer's limits.
+std::string handMade(const Entries& entries)
+{
+  Bytes file, index;
+  file.u32(BinSection::kMagic);
+  for (const auto& [name, data] : entries)
+  {
+    file.raw(data).zeros((4 - data.size() % 4) % 4);
+    index.u32(static_cast<uint32_t>(data.size())).zeros(16).u32(static_cast<uint32_t>(name.size())).raw(name);
+    index.zeros((4 - name.size() % 4) % 4);
+  }
+  return file.raw(index.text).u32(static_cast<uint32_t>(index.text.size())).text;
+}
+
+std::string patched(std::string bytes, size_t offset, uint32_t value)
+{
+  std::memcpy(bytes.data() + offset, &value, sizeof(value));
+  return bytes;
+}
+
+const Entries kSample = {{"hull.vertices", std::string("\xEE\xEE\xEE\xEE\xEE", 5)},
+                         {"hull.indices", "01234567"},
+                         {"a", ""},
+                         {"abcd", "x"}};
+
+TEST(BinSectionFormat, WriterLayoutIsExact)
+{
+  const std::string expected = Bytes()
+                                 .raw("\x65\x4E\xA1\x42")
+                                 .raw("hello")
+                                 .zeros(3) // gap after an unaligned payload
+                                 .u32(5)
+                                 .zeros(16)
+                                 .u32(3)
+                                 .raw("abc")
+                                 .zeros(1) // name padding
+                                 .u32(28)
+                                 .text;
+  EXPECT_EQ(textOf(write({{"abc", "hello"}})), expected);
+  EXPECT_EQ(handMade({{"abc", "hello"}}), expected);
+}
+
+TEST(BinSectionFormat, RoundTripKeepsNamesOrderAndPayloads)
+{
+  BinaryPtr file = write(kSample);
+  const Parsed parsed = parse(file);
+  ASSERT_TRUE(parsed.ok);
+  EXPECT_EQ(parsed.entries, kSample);
+  // A 5-byte payload is followed by the next one 8 bytes later.
+  EXPECT_EQ(parsed.payloads[1] - parsed.payloads[0], 8);
+  EXPECT_EQ(parsed.payloads[0] - file->data(), 4);
+}
+
+TEST(BinSectionFormat, LegacyEntriesWithAndWithoutReservedBytes)
+{
+  const std::string legacy = Bytes()
+                               .raw("hello")
+                               .zeros(3)
+                               .raw("xy")
+                               .zeros(2)
+                               .u32(0x80000005u) // top bit: 16 reserved bytes follow
+                               .zeros(16)
+                               .u32(3)
+                               .raw("abc") // no padding after legacy names
+                               .u32(2)
+                               .u32(1)
+                               .raw("z")
+                               .u32(36)
+                               .text;
+  const Parsed parsed = parse(blockOf(legacy));
+  ASSERT_TRUE(parsed.ok);
+  EXPECT_EQ(parsed.entries, (Entries{{"abc", "hello"}, {"z", "xy"}}));
+}
+
+TEST(BinSectionFormat, RejectsAtEachBoundary)
+{
+  EXPECT_FALSE(parse(nullptr).ok);
+  EXPECT_FALSE(parse(blockOf(std::string(11, '\x01'))).ok);
+
+  const std::string valid = handMade({{"abcd", "12345678"}});
+  ASSERT_TRUE(parse(blockOf(valid)).ok);
+  const size_t lengthWord = valid.size() - 4;
+  EXPECT_FALSE(parse(blockOf(patched(valid, lengthWord, 0))).ok);
+  EXPECT_FALSE(parse(blockOf(patched(valid, lengthWord, 0xFFFFFFFFu))).ok);
+  EXPECT_FALSE(parse(blockOf(patched(valid, 12, 9))).ok);  // payload runs into the index
+  EXPECT_FALSE(parse(blockOf(patched(valid, 32, 5))).ok);  // name runs into the length word
+
+  // The index may start right after the magic word, but not inside it.
+  const std::string minimal = Bytes().u32(BinSection::kMagic).u32(0).zeros(16).u32(0).u32(24).text;
+  const Parsed atFour = parse(blockOf(minimal));
+  EXPECT_TRUE(atFour.ok);
+  EXPECT_EQ(atFour.entries, (Entries{{"", ""}}));
+  EXPECT_FALSE(parse(blockOf(patched(minimal, minimal.size() - 4, 25))).ok);
+
+  EXPECT_TRUE(parse(blockOf(handMade({{std::string(4096, 'n'), "p"}}))).ok);
+  EXPECT_FALSE(parse(blockOf(handMade({{std::string(4097, 'n'), "p"}}))).ok);
+}
+
+TEST(BinSectionFormat, PayloadLengthLimit)
+{
+  // Zero-filled blocks are reserved, not touched, so only the index pages cost memory.
+  for (const uint32_t length : {BinSection::kMaxDataLength, BinSection::kMaxDataLength + 1})
+  {
+    const std::string index = Bytes().u32(length).zeros(16).u32(1).raw("p").zeros(3).text;
+    const size_t indexStart = 4 + ((size_t(length) + 3) & ~size_t(3));
+    BinaryPtr block(new BinaryBlock(nullptr, indexStart + index.size() + 4, "Test"));
+    ASSERT_GT(block->len(), 0u);
+    const uint32_t magic = BinSection::kMagic, indexLength = static_cast<uint32_t>(index.size());
+    std::memcpy(block->cdata(), &magic, 4);
+    std::memcpy(block->cdata() + indexStart, index.data(), index.size());
+    std::memcpy(block->cdata() + indexStart + index.size(), &indexLength, 4);
+    int seen = -1;
+    const bool ok = parseBinSectionEntries(block, [&](const char*, int, const char*, int dataLength) { seen = dataLength; });
+    EXPECT_EQ(ok, length == BinSection::kMaxDataLength);
+    EXPECT_EQ(seen, ok ? static_cast<int>(length) : -1);
+  }
+}
+
+TEST(BinSectionFormat, EveryTruncatedPrefixStaysInBounds)
+{
+  // The format has no checksum: a cut file may still parse into garbage entries, but every
+  // pointer handed out lies inside the block (parse checks, the sanitizer watches the reads) and
+  // no cut file passes for the whole one.
+  const std::string file = textOf(write(kSample));
+  for (size_t length = 0; length < file.size(); ++length)
+  {
+    const Parsed parsed = parse(blockOf(file.substr(0, length)));
+    EXPECT_FALSE(parsed.ok && parsed.entries == kSample) << length;
+  }
+}
+
+TEST(BinSectionFormat, WriterRefusesWhatTheReaderWould)
+{
+  resmgr_test::CapturedLog log;
+  EXPECT_TRUE(write({{std::string(4096, 'n'), ""}}));
+  EXPECT_FALSE(write({{std::string(4097, 'n'), ""}}));
+  EXPECT_FALSE(writeBinSectionContainer({{"missing", nullptr}}));
+  EXPECT_NE(log.text().find("section 'missing' has no bytes"), std::string::npos);
+  // No children: an index of length 0, which the reader refuses.
+  BinaryPtr empty = writeBinSectionContainer({});
+  ASSERT_TRUE(empty);
+  EXPECT_EQ(empty->len(), 8u);
+  EXPECT_FALSE(parse(empty).ok);
+}
+
+TEST(BinSection, ChildrenBorrowTheFileBytes)
+{
+  BinaryPtr file = write(kSample);
+  SmartPointer<BinSection> section(new BinSection("model.primitives", file));
+  ASSERT_EQ(section->countChildren(), 4);
+  EXPECT_FALSE(section->openChild(4));
+  EXPECT_FALSE(section->openChild(-1));
+  DataSectionPtr child = section->openChild(1);
+  EXPECT_EQ(child->sectionName(), "hull.indices");
+  BinaryPtr bytes = child->asBinary();
+  EXPECT_EQ(bytes->owner().get(), file.get());
+  EXPECT_EQ(bytes->data(), file->data() + 12);
+
+  EXPECT_EQ(section->findChild("a"), section->openChild(2));
+  EXPECT_FALSE(section->findChild("hull"));
+  EXPECT_FALSE(section->findChild("A"));
+
+  section = nullptr;
+  file = nullptr;
+  EXPECT_EQ(child->parentSection(), nullptr); // no pointer to the dead parent is left
+  EXPECT_EQ(textOf(child->asBinary()), "01234567");
+}
+
+TEST(BinSection, AFaultyIndexGivesNoChildren)
+{
+  // The first entry is sound, the second's name runs past the index.
+  const std::string file = handMade({{"a", "1"}, {"bcde", "2"}});
+  const std::string broken = patched(file, file.size() - 12, 9);
+  EXPECT_EQ(parse(blockOf(broken)).entries.size(), 1u);
+  SmartPointer<BinSection> section(new BinSection("bad", blockOf(broken)));
+  EXPECT_EQ(section->countChildren(), 0);
+}
+
+TEST(BinSection, EditsAreWrittenBackBottomUp)
+{
+  BinaryPtr inner = write({{"leaf", "old"}, {"gone", "x"}});
+  BinaryPtr file = writeBinSectionContainer({{"outer", inner}, {"other", blockOf("o")}});
+  SmartPointer<BinSection> root(new BinSection("f", file));
+  DataSectionPtr outer = root->openChild(0);
+  EXPECT_TRUE(outer->findChild("leaf")->setBinary(blockOf("new!")));
+  outer->delChild("gone");
+  outer->newSection("added")->setBinary(blockOf("+"));
+
+  testing::internal::CaptureStderr();
+  BinaryPtr rebuilt = root->asBinary();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), ""); // no lock re-entry reported
+  ASSERT_TRUE(rebuilt);
+  EXPECT_EQ(parse(rebuilt).entries[1], (std::pair<std::string, std::string>("other", "o")));
+  SmartPointer<BinSection> reread(new BinSection("f", rebuilt));
+  const Parsed nested = parse(reread->openChild(0)->asBinary());
+  EXPECT_EQ(nested.entries, (Entries{{"leaf", "new!"}, {"added", "+"}}));
+}
+
+TEST(BinSection, SetBinaryAndDeletionReplaceTheChildren)
+{
+  SmartPointer<BinSection> section(new BinSection("s", write(kSample)));
+  DataSectionPtr first = section->openChild(0);
+  section->delChild(first);
+  EXPECT_EQ(section->countChildren(), 3);
+  section->delChildren();
+  EXPECT_EQ(section->countChildren(), 0);
+  EXPECT_FALSE(parse(section->asBinary()).ok);
+
+  EXPECT_TRUE(section->setBinary(write({{"only", "1"}})));
+  EXPECT_EQ(section->countChildren(), 1);
+  EXPECT_EQ(section->openChild(0)->sectionName(), "only");
+  EXPECT_EQ(section->bytes(), section->asBinary()->len());
+}
+
+struct RecordingParent final : DataSection
+{
+  std::vector<std::string> saved;
+  std::string m_name = "holder";
+  const std::string& sectionName() const override { return m_name; }
+  int countChildren() override { return 0; }
+  DataSectionPtr openChild(int) override { return nullptr; }
+  DataSectionPtr findChild(std::string_view) override { return nullptr; }
+  DataSectionPtr newSection(std::string_view) override { return nullptr; }
+  void delChild(std::string_view) override {}
+  void delChild(const DataSectionPtr&) override {}
+  void delChildren() override {}
+  BinaryPtr asBinary() override { return nullptr; }
+  bool setBinary(BinaryPtr) override { return false; }
+  size_t bytes() override { return 0; }
+  void setParent(DataSection*) override {}
+  DataSection* parentSection() const override { return nullptr; }
+  bool save(const std::string&) override { return false; }
+  DataSectionPtr convertToZip(const std::string&) override { return nullptr; }
+  bool saveChild(DataSection& child, bool) override
+  {
+    saved.push_back(child.sectionName());
+    return true;
+  }
+};
+
+TEST(BinSection, SavingGoesThroughTheParent)
+{
+  resmgr_test::CapturedLog log;
+  SmartPointer<BinSection> root(new BinSection("file", write(kSample)));
+  EXPECT_FALSE(root->save());
+  EXPECT_FALSE(root->openChild(0)->save()); // asks the root, which has no parent
+  EXPECT_FALSE(root->save("elsewhere/file"));
+  EXPECT_FALSE(root->convertToZip());
+  EXPECT_EQ(log.text(), "ERROR: [ResMgr] BinSection: Can't save a section without a parent.\n\n"
+                        "ERROR: [ResMgr] BinSection: Can't save a section without a parent.\n\n"
+                        "ERROR: [ResMgr] BinSection: Parent section for 'elsewhere/file' not found.\n\n"
+                        "ERROR: [ResMgr] BinSection: Can't convert to zip without a parent.\n\n");
+
+  SmartPointer<RecordingParent> holder(new RecordingParent);
+  root->setParent(holder.get());
+  EXPECT_TRUE(root->openChild(2)->save());
+  EXPECT_EQ(holder->saved, std::vector<std::string>{"file"});
+}
+
+TEST(BinSection, ThreadsOpeningOneFileSeeTheSameChildren)
+{
+  SmartPointer<BinSection> section(new BinSection("s", write(kSample)));
+  std::vector<std::thread> threads;
+  std::vector<std::string> names(4);
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < section->countChildren(); ++i)
+        names[t] += section->openChild(i)->sectionName() + ";";
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  for (const std::string& seen : names)
+    EXPECT_EQ(seen, "hull.vertices;hull.indices;a;abcd;");
+}
+
+} // namespace

@@ -1,0 +1,110 @@
+#include "resmgr/binary_block.hpp"
+
+#include "test_helpers.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define RESMGR_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define RESMGR_TEST_ASAN 1
+#endif
+#endif
+#ifdef RESMGR_TEST_ASAN
+// A block too large to allocate must come back empty, not end the test run.
+extern "C" const char* __asan_default_options()
+{
+  return "allocator_may_return_null=1";
+}
+#endif
+
+namespace
+{
+
+using resmgr_test::blockOf;
+using resmgr_test::textOf;
+
+TEST(BinaryBlock, OwnsCopiesOrZeroFills)
+{
+  std::string source = "payload";
+  BinaryPtr copy(new BinaryBlock(source.data(), source.size(), "Test"));
+  source[0] = 'X';
+  EXPECT_EQ(textOf(copy), "payload");
+  EXPECT_STREQ(copy->allocationTag(), "Test");
+
+  BinaryPtr zeros(new BinaryBlock(nullptr, 5, "Test"));
+  EXPECT_EQ(textOf(zeros), std::string(5, '\0'));
+
+  BinaryPtr empty(new BinaryBlock(nullptr, 0, "Test"));
+  EXPECT_EQ(empty->len(), 0u);
+  EXPECT_NE(empty->data(), nullptr);
+}
+
+TEST(BinaryBlock, BorrowedBytesKeepTheOwnerAlive)
+{
+  BinaryPtr owner = blockOf("0123456789");
+  BinaryPtr part(new BinaryBlock(owner->data() + 2, 3, "Test", owner));
+  const char* where = owner->data() + 2;
+  EXPECT_EQ(part->data(), where);
+  EXPECT_EQ(part->owner().get(), owner.get());
+  owner = nullptr; // the part holds the last reference now
+  EXPECT_EQ(textOf(part), "234");
+}
+
+TEST(BinaryBlockDeathTest, BorrowedRangeMustLieInsideTheOwner)
+{
+  BinaryPtr owner = blockOf("0123");
+  EXPECT_EXIT(
+    {
+      cstdmf::setupConsoleLogging(1);
+      BinaryPtr part(new BinaryBlock(owner->data() + 2, 3, "Test", owner));
+    },
+    testing::ExitedWithCode(255), "ASSERTION FAILED: rangeInsideOwner");
+}
+
+TEST(BinaryBlock, FailedAllocationLeavesAnEmptyBlock)
+{
+  resmgr_test::CapturedLog log;
+  BinaryPtr huge(new BinaryBlock(nullptr, SIZE_MAX / 2, "Test"));
+  EXPECT_EQ(huge->len(), 0u);
+  EXPECT_NE(log.text().find("ERROR: [ResMgr] BinaryBlock: Failed to alloc " + std::to_string(SIZE_MAX / 2) +
+                            " bytes\n"),
+            std::string::npos);
+}
+
+TEST(BinaryBlock, CompressRoundTrip)
+{
+  std::string text;
+  for (int i = 0; i < 5000; ++i)
+    text += std::to_string(i % 97);
+  BinaryPtr packed = blockOf(text)->compress();
+  ASSERT_TRUE(packed);
+  EXPECT_LT(packed->len(), text.size());
+  EXPECT_EQ(textOf(packed->decompress()), text);
+  // Exactly at the limit is allowed; one byte less is refused.
+  EXPECT_EQ(textOf(packed->decompress(text.size())), text);
+  EXPECT_FALSE(packed->decompress(text.size() - 1));
+
+  BinaryPtr emptyPacked = blockOf("")->compress();
+  ASSERT_TRUE(emptyPacked);
+  EXPECT_EQ(textOf(emptyPacked->decompress()), "");
+}
+
+TEST(BinaryBlock, DecompressRefusesBrokenStreams)
+{
+  const std::string packed = textOf(blockOf(std::string(1000, 'a') + "tail")->compress());
+  resmgr_test::CapturedLog log;
+  EXPECT_FALSE(blockOf("not a zlib stream")->decompress());
+  EXPECT_FALSE(blockOf("")->decompress());
+  for (size_t length = 0; length < packed.size(); ++length)
+    EXPECT_FALSE(blockOf(packed.substr(0, length))->decompress()) << "prefix of " << length;
+  EXPECT_FALSE(blockOf(packed + "x")->decompress());
+  EXPECT_NE(log.text().find("BinaryBlock::decompress: the block has bytes after the end of its zlib stream"),
+            std::string::npos);
+}
+
+} // namespace

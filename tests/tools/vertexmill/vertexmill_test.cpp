@@ -1,0 +1,514 @@
+// Runs the built vertexmill as a child process and checks its exit status and both output
+// streams byte for byte.
+
+#include "cstdmf/platform.hpp"
+#include "resmgr/bin_section.hpp"
+#include "resmgr/binary_block.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+constexpr const char* kToolPath = VERTEXMILL_TOOL_PATH;
+constexpr const char* kEmptyArguments = "ERROR: empty arguments not allowed ( use . as current directory )\n";
+
+struct RunResult
+{
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string readFile(const fs::path& path)
+{
+  std::ifstream stream(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+}
+
+void writeFile(const fs::path& path, const std::string& bytes)
+{
+  fs::create_directories(path.parent_path());
+  std::ofstream stream(path, std::ios::binary);
+  stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string shellQuote(const std::string& text)
+{
+  std::string quoted = "'";
+  for (char c : text)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// std::system gives a wait status on POSIX hosts: the exit code in bits 8..15 after a normal exit,
+// the signal number in bits 0..6 otherwise.
+int exitStatusOf(int systemResult)
+{
+  if ((systemResult & 0x7F) != 0)
+    return 1000 + (systemResult & 0x7F);
+  return (systemResult >> 8) & 0xFF;
+}
+
+std::string osMessage(std::errc code)
+{
+  return std::make_error_code(code).message();
+}
+
+void appendPod(std::string& bytes, const void* data, size_t size)
+{
+  bytes.append(static_cast<const char*>(data), size);
+}
+
+std::string formatName(const char* name)
+{
+  std::string bytes(64, '\0');
+  std::memcpy(bytes.data(), name, std::strlen(name));
+  return bytes;
+}
+
+BinaryPtr blockOf(const std::string& bytes)
+{
+  return BinaryPtr(new BinaryBlock(bytes.data(), bytes.size(), "test"));
+}
+
+// A valid model: one triangle per render set, "xyznuv" vertices (position, unit normal, uv) and
+// "list" indices.
+std::string validPrimitives(const std::vector<std::string>& setNames = {"hull"})
+{
+  std::vector<std::pair<std::string, BinaryPtr>> entries;
+  for (const std::string& set : setNames)
+  {
+    std::string vertices = formatName("xyznuv");
+    const uint32_t vertexCount = 3;
+    appendPod(vertices, &vertexCount, 4);
+    const float corners[3][2] = {{0.0f, 0.0f}, {1.0f, 0.0f}, {0.0f, 1.0f}};
+    for (const auto& corner : corners)
+    {
+      const float vertex[8] = {corner[0], corner[1], 0.5f, 0.0f, 0.0f, 1.0f, corner[0], corner[1]};
+      appendPod(vertices, vertex, sizeof(vertex));
+    }
+
+    std::string indices = formatName("list");
+    const uint32_t indexCount = 3;
+    appendPod(indices, &indexCount, 4);
+    const uint32_t unused = 0;
+    appendPod(indices, &unused, 4);
+    const uint16_t triangle[3] = {0, 1, 2};
+    appendPod(indices, triangle, sizeof(triangle));
+
+    entries.emplace_back(set + ".vertices", blockOf(vertices));
+    entries.emplace_back(set + ".indices", blockOf(indices));
+  }
+  const BinaryPtr container = writeBinSectionContainer(entries);
+  EXPECT_TRUE(container);
+  return container ? std::string(container->data(), container->len()) : std::string();
+}
+
+// Not a section container at all: the compiler refuses it.
+const std::string kInvalidPrimitives = "this is not a section container, just some text";
+
+std::string u8(const fs::path& path)
+{
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+
+// The used-files list that --verbose prints for one model.
+std::string usedFiles(const std::string& source, const std::string& output)
+{
+  return source + "\n\n==> " + output + "\n\n";
+}
+
+bool endsWith(const std::string& text, const std::string& suffix)
+{
+  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+uint32_t readU32(const std::string& bytes, size_t offset)
+{
+  uint32_t value = 0;
+  if (offset + 4 <= bytes.size())
+    std::memcpy(&value, bytes.data() + offset, 4);
+  return value;
+}
+
+class VertexmillTool : public ::testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    static std::atomic<int> s_counter{0};
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    m_root = fs::temp_directory_path() / ("vertexmill_test_" + std::to_string(platform::processId()) + "_" +
+                                          std::to_string(s_counter++) + "_" + info->name());
+    fs::remove_all(m_root);
+    fs::create_directories(m_root / "io");
+    m_work = m_root / "w";
+    fs::create_directories(m_work);
+  }
+
+  void TearDown() override
+  {
+    std::error_code error;
+    fs::remove_all(m_root, error);
+  }
+
+  RunResult run(const std::vector<std::string>& args, const fs::path& workingDirectory = {})
+  {
+    const fs::path outFile = m_root / "io" / "stdout.txt";
+    const fs::path errFile = m_root / "io" / "stderr.txt";
+    std::string command;
+    if (!workingDirectory.empty())
+      command += "cd " + shellQuote(workingDirectory.string()) + " && ";
+    command += shellQuote(kToolPath);
+    for (const std::string& arg : args)
+      command += " " + shellQuote(arg);
+    command += " < /dev/null > " + shellQuote(outFile.string()) + " 2> " + shellQuote(errFile.string());
+    RunResult result;
+    result.status = exitStatusOf(std::system(command.c_str()));
+    result.out = readFile(outFile);
+    result.err = readFile(errFile);
+    return result;
+  }
+
+  fs::path path(const std::string& relative) const { return m_work / relative; }
+  std::string str(const std::string& relative) const { return u8(path(relative)); }
+
+  fs::path m_root;
+  fs::path m_work;
+};
+
+// --- Command line -------------------------------------------------------------------------------
+
+TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
+{
+  const std::string expected =
+    "Usage: vertexmill [options] [src-path] [dst-path]\n"
+    "\n"
+    "Convert primitives file(s) to single geometry file or all primitives found recursively to respective geometry "
+    "files in tree mode.\n"
+    "Main primitive file should be named as 'MODEL_NAME.primitives'\n"
+    "without '_lod' or '_Full' in it's MODEL_NAME.\n"
+    "All additional geometry files must be placed in 'lods' directory near main file and named as "
+    "MODEL_NAME_Full.geometry or MODEL_NAME_lod<n>.geometry (where <n> is number of lod).\n"
+    "\n"
+    "Options:\n"
+    "  -q, --quiet            don't produce output\n"
+    "      --verbose          print used files list\n"
+    "      --tree             process all files found recursive ( enable tree mode )\n"
+    "      --src-path <path>  path to main primitives file in default modeor directory to search this files in "
+    "tree mode\n"
+    "      --dst-path <path>  path to destination directory\n"
+    "      --version          print the tool's name and version\n"
+    "  -h, --help             Display this message.\n";
+  for (const char* help : {"--help", "-h"})
+  {
+    // Even with paths that would fail, nothing but the help happens.
+    const RunResult result = run({help, "--tree", str("missing"), str("missing")});
+    EXPECT_EQ(result.status, 0) << help;
+    EXPECT_EQ(result.out, expected) << help;
+    EXPECT_EQ(result.err, "") << help;
+  }
+
+  const RunResult version = run({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out, std::string("vertexmill ") + VERTEXMILL_VERSION + "\n");
+  EXPECT_EQ(version.err, "");
+}
+
+TEST_F(VertexmillTool, BadCommandLinesExitWithOne)
+{
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+    {{"--bogus", "a", "b"}, "ERROR: unexpected argument --bogus.\n"},
+    {{"a", "--dst-path"}, "ERROR: missing value after argument --dst-path.\n"},
+    {{"-q", "--src-path", "a", "b", "c"}, "ERROR: unexpected argument c\n"},
+    // Empty paths are refused by the tool itself, straight to standard error, even when quiet.
+    {{}, kEmptyArguments},
+    {{"--tree", str("")}, kEmptyArguments},
+    {{"--quiet", "--src-path", str(""), "--dst-path", ""}, kEmptyArguments},
+  };
+  for (const auto& [args, err] : cases)
+  {
+    const RunResult result = run(args);
+    EXPECT_EQ(result.status, 1) << err;
+    EXPECT_EQ(result.err, err);
+    EXPECT_EQ(result.out, "");
+  }
+}
+
+// --- Path checks --------------------------------------------------------------------------------
+
+TEST_F(VertexmillTool, MissingPathsAreBadArguments)
+{
+  writeFile(path("ship.primitives"), kInvalidPrimitives);
+  fs::create_directories(path("out"));
+  fs::create_directories(path("tree"));
+  const std::string badArgument = "ERROR: bad argument: " + osMessage(std::errc::no_such_file_or_directory) + "\n\n";
+  const std::vector<std::vector<std::string>> cases = {
+    {str("ship.primitives"), str("missing")},
+    {"--tree", str("tree"), str("missing")},
+    {str("missing.primitives"), str("out")},
+    {"--tree", str("missing"), str("out")},
+    // Only directories below an existing dst are ever created.
+    {str("ship.primitives"), str("missing/deeper")},
+  };
+  for (const auto& args : cases)
+  {
+    const RunResult result = run(args);
+    EXPECT_EQ(result.status, 2) << args.back();
+    EXPECT_EQ(result.err, badArgument);
+    EXPECT_EQ(result.out, "");
+  }
+  EXPECT_FALSE(fs::exists(path("missing")));
+
+  // Quiet: the status alone tells.
+  const RunResult quiet = run({"-q", str("ship.primitives"), str("missing")});
+  EXPECT_EQ(quiet.status, 2);
+  EXPECT_EQ(quiet.out + quiet.err, "");
+}
+
+TEST_F(VertexmillTool, WrongExtensionOrKindOfPath)
+{
+  writeFile(path("model.PRIMITIVES"), validPrimitives());
+  writeFile(path("ship.primitives"), validPrimitives());
+  fs::create_directories(path("dir.primitives"));
+  fs::create_directories(path("tree"));
+  fs::create_directories(path("out"));
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+    // The extension comparison is exact and case-sensitive.
+    {{str("model.PRIMITIVES"), str("out")}, "ERROR: wrong " + str("model.PRIMITIVES") + " extension ( must be .primitives )\n\n"},
+    {{str("dir.primitives"), str("out")}, "ERROR: path " + str("dir.primitives") + " is not a file\n\n"},
+    {{"--tree", str("ship.primitives"), str("out")}, "ERROR: path " + str("ship.primitives") + " is not a directory\n\n"},
+    {{"--verbose", "--tree", str("tree"), str("ship.primitives")},
+     "ERROR: path " + str("ship.primitives") + " is existed file (must be directory to place result)\n"},
+  };
+  for (const auto& [args, err] : cases)
+  {
+    const RunResult result = run(args);
+    EXPECT_EQ(result.status, 2) << err;
+    EXPECT_EQ(result.err, err);
+    EXPECT_EQ(result.out, "");
+  }
+  EXPECT_TRUE(fs::is_empty(path("out")));
+}
+
+TEST_F(VertexmillTool, SymbolicLinkLoops)
+{
+  fs::create_directories(path("tree/sub"));
+  fs::create_directories(path("out"));
+  std::error_code error;
+  fs::create_symlink("loop.primitives", path("tree/sub/loop.primitives"), error);
+  if (error)
+    GTEST_SKIP() << "cannot create symbolic links here: " << error.message();
+
+  // A status error other than "not found" on an argument is a bad argument too.
+  const RunResult argument = run({str("tree/sub/loop.primitives"), str("out")});
+  EXPECT_EQ(argument.status, 2);
+  EXPECT_EQ(argument.err, "ERROR: bad argument: " + osMessage(std::errc::too_many_symbolic_link_levels) + "\n\n");
+
+  // Met during the walk, it ends the run abnormally, with the reason on standard error.
+  const RunResult walk = run({"-q", "--tree", str("tree"), str("out")});
+  EXPECT_EQ(walk.status, 4);
+  EXPECT_EQ(walk.err.rfind("CRITICAL: ", 0), 0u) << walk.err;
+  EXPECT_NE(walk.err.find("loop.primitives"), std::string::npos) << walk.err;
+  EXPECT_EQ(walk.out, "");
+}
+
+// --- Tree mode ----------------------------------------------------------------------------------
+
+TEST_F(VertexmillTool, TreeWithoutModelsSucceedsWithZeroFiles)
+{
+  writeFile(path("tree/notes.txt"), "x");
+  writeFile(path("tree/sub/upper.PRIMITIVES"), validPrimitives());
+  writeFile(path("tree/sub/model.primitives.bak"), validPrimitives());
+  fs::create_directories(path("tree/dir.primitives"));
+  fs::create_directories(path("out"));
+
+  const RunResult verbose = run({"--verbose", "--tree", "--src-path", str("tree"), "--dst-path", str("out")});
+  EXPECT_EQ(verbose.status, 0);
+  EXPECT_EQ(verbose.out, "Success: 0 files generated\n\n");
+  EXPECT_EQ(verbose.err, "");
+  EXPECT_TRUE(fs::is_empty(path("out")));
+
+  const RunResult plain = run({"--tree", str("tree"), str("out")});
+  EXPECT_EQ(plain.status, 0);
+  EXPECT_EQ(plain.out + plain.err, "");
+}
+
+TEST_F(VertexmillTool, TreeOutputFolderIsNamedAfterTheSourceDirectory)
+{
+  // The model fails to convert, but the used-files list and the created directories already show
+  // where its output goes.
+  writeFile(path("art/ships/sub/deep/bad.primitives"), kInvalidPrimitives);
+  fs::create_directories(path("out"));
+  const fs::path ships = path("art/ships");
+  struct Case
+  {
+    std::string src;
+    fs::path workingDirectory;
+    std::string shownSource;
+  };
+  const std::vector<Case> cases = {
+    {".", ships, "./sub/deep/bad.primitives"},
+    {"./", ships, "./sub/deep/bad.primitives"},
+    {"../ships", ships, "../ships/sub/deep/bad.primitives"},
+    {"..", ships / "sub", "../sub/deep/bad.primitives"},
+    {u8(ships) + "/", {}, u8(ships) + "/sub/deep/bad.primitives"},
+  };
+  for (const Case& c : cases)
+  {
+    fs::remove_all(path("out/ships"));
+    const RunResult result = run({"--verbose", "--tree", c.src, str("out")}, c.workingDirectory);
+    EXPECT_EQ(result.status, 3) << c.src;
+    EXPECT_EQ(result.out, usedFiles(c.shownSource, str("out") + "/ships/sub/deep/bad.geometry")) << c.src;
+    EXPECT_TRUE(fs::is_directory(path("out/ships/sub/deep"))) << c.src;
+    EXPECT_FALSE(fs::exists(path("out/ships/sub/deep/bad.geometry"))) << c.src;
+  }
+}
+
+TEST_F(VertexmillTool, TreeModeConvertsEveryModelIncludingLodAndFullFiles)
+{
+  writeFile(path("art/ship.primitives"), validPrimitives());
+  writeFile(path("art/lods/ship_lod1.primitives"), validPrimitives({"hull", "turret"}));
+  writeFile(path("art/lods/ship_Full.primitives"), validPrimitives());
+  writeFile(path("art/readme.txt"), "x");
+  fs::create_directories(path("out"));
+
+  const RunResult result = run({"--verbose", "--tree", str("art"), str("out")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+  for (const char* model : {"ship", "lods/ship_lod1", "lods/ship_Full"})
+  {
+    const std::string listed = usedFiles(str("art/") + model + ".primitives", str("out/art/") + model + ".geometry");
+    EXPECT_NE(result.out.find(listed), std::string::npos) << model << "\n" << result.out;
+    EXPECT_GT(fs::file_size(path("out/art/") / (std::string(model) + ".geometry")), 0u) << model;
+  }
+  EXPECT_TRUE(endsWith(result.out, "Success: 3 files generated\n\n")) << result.out;
+}
+
+TEST_F(VertexmillTool, FirstFailingModelEndsTheTreeRun)
+{
+  for (const char* name : {"a", "b", "sub/c", "sub/d", "e"})
+    writeFile(path(std::string("tree/") + name + ".primitives"), validPrimitives());
+  writeFile(path("tree/sub/bad.primitives"), kInvalidPrimitives);
+  fs::create_directories(path("out"));
+
+  const RunResult result = run({"--verbose", "--tree", str("tree"), str("out")});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.out.find("Success"), std::string::npos);
+
+  // The walk order is the file system's: whatever was listed before the bad model was written
+  // and stays, the bad model is the last one listed, and nothing after it was looked at.
+  std::vector<std::string> listed;
+  for (size_t pos = 0; (pos = result.out.find("==> ", pos)) != std::string::npos; pos += 4)
+    listed.push_back(result.out.substr(pos + 4, result.out.find('\n', pos) - pos - 4));
+  ASSERT_FALSE(listed.empty()) << result.out;
+  EXPECT_EQ(listed.back(), str("out/tree/sub/bad.geometry"));
+  for (size_t i = 0; i + 1 < listed.size(); ++i)
+    EXPECT_TRUE(fs::exists(listed[i])) << listed[i];
+  std::set<std::string> written;
+  for (const auto& entry : fs::recursive_directory_iterator(path("out")))
+  {
+    if (entry.is_regular_file())
+      written.insert(u8(entry.path()));
+  }
+  EXPECT_EQ(written, std::set<std::string>(listed.begin(), listed.end() - 1));
+}
+
+// --- Default mode -------------------------------------------------------------------------------
+
+TEST_F(VertexmillTool, DefaultModeConvertsOneModel)
+{
+  writeFile(path("art/ship.primitives"), validPrimitives({"hull", "turret"}));
+  fs::create_directories(path("out"));
+
+  const RunResult plain = run({str("art/ship.primitives"), str("out")});
+  EXPECT_EQ(plain.status, 0) << plain.err;
+  EXPECT_EQ(plain.out + plain.err, "");
+  EXPECT_GT(fs::file_size(path("out/ship.geometry")), 0u);
+  fs::remove(path("out/ship.geometry"));
+
+  const RunResult verbose = run({"--verbose", "--src-path", "ship.primitives", "--dst-path", "../out"}, path("art"));
+  EXPECT_EQ(verbose.status, 0) << verbose.err;
+  EXPECT_EQ(verbose.out, usedFiles("ship.primitives", "../out/ship.geometry"));
+  EXPECT_EQ(verbose.err, "");
+  EXPECT_GT(fs::file_size(path("out/ship.geometry")), 0u);
+}
+
+TEST_F(VertexmillTool, DefaultModeFailureExitsWithThree)
+{
+  const std::string name = "mod\xC3\xA8le.primitives";
+  writeFile(path(name), kInvalidPrimitives);
+  fs::create_directories(path("out"));
+
+  // Positional and named paths mean the same; the list is shown before the conversion fails.
+  for (const auto& args : std::vector<std::vector<std::string>>{
+         {"--verbose", str(name), str("out")},
+         {"--dst-path", str("out"), "--verbose", str(name)},
+       })
+  {
+    const RunResult result = run(args);
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.out, usedFiles(str(name), str("out/mod\xC3\xA8le.geometry")));
+  }
+
+  const RunResult quiet = run({"-q", str(name), str("out")});
+  EXPECT_EQ(quiet.status, 3);
+  EXPECT_EQ(quiet.out + quiet.err, "");
+  EXPECT_FALSE(fs::exists(path("out/mod\xC3\xA8le.geometry")));
+}
+
+TEST_F(VertexmillTool, OutputDirectoryThatCannotBeCreated)
+{
+  writeFile(path("ship.primitives"), validPrimitives());
+  writeFile(path("file"), "x");
+  // Default mode does not check dst itself; making the output directory fails.
+  const RunResult result = run({str("ship.primitives"), str("file")});
+  EXPECT_EQ(result.status, 3);
+  const std::string prefix = "ERROR: failed to create path " + str("file") + ": ";
+  EXPECT_EQ(result.err.rfind(prefix, 0), 0u) << result.err;
+  EXPECT_EQ(result.err.size(), result.err.find('\n') + 1) << result.err;
+  EXPECT_EQ(result.out, "");
+}
+
+TEST_F(VertexmillTool, CompanionsNeedExactlyTheSourceStem)
+{
+  writeFile(path("art/ship.primitives"), validPrimitives());
+  // Not model data: the compiler reports each one it is handed and still writes the model.
+  for (const char* name : {"ship.collision", "ship.armor", "ship_lod1.collision", "ship_lod1.armor",
+                           "lods/ship.collision", "Ship.armorvisual", "ship.primitives.collision"})
+    writeFile(path(std::string("art/") + name), "companion bytes that are no model");
+  fs::create_directories(path("out"));
+
+  const RunResult result = run({str("art/ship.primitives"), str("out")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  const std::string geometry = readFile(path("out/ship.geometry"));
+  ASSERT_GE(geometry.size(), 72u);
+  // Picked up: either reported as unloadable or carried into the file (collision count at byte
+  // 16, armor count at byte 20).
+  EXPECT_TRUE(result.err.find("'" + str("art/ship.collision") + "'") != std::string::npos ||
+              readU32(geometry, 16) == 1)
+    << result.err;
+  EXPECT_TRUE(result.err.find("'" + str("art/ship.armor") + "'") != std::string::npos || readU32(geometry, 20) == 1)
+    << result.err;
+  EXPECT_LE(readU32(geometry, 16), 1u);
+  EXPECT_LE(readU32(geometry, 20), 1u);
+  for (const char* ignored : {"ship_lod1", "lods/", "Ship.armorvisual", "primitives.collision"})
+    EXPECT_EQ(result.err.find(ignored), std::string::npos) << ignored << "\n" << result.err;
+}
+
+} // namespace

@@ -1,0 +1,109 @@
+#include "geometry_inspect/inspect_issues.hpp"
+
+#include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
+
+#include <algorithm>
+#include <fstream>
+#include <limits>
+#include <mutex>
+#include <utility>
+
+namespace GeometryInspect
+{
+
+size_t Issues::count(Severity severity) const
+{
+  return static_cast<size_t>(
+    std::count_if(m_items.begin(), m_items.end(), [severity](const Issue& issue) { return issue.severity == severity; }));
+}
+
+bool readWholeFile(const std::string& path, BinaryPtr& block, std::string& error)
+{
+  block = nullptr;
+  std::ifstream stream(cstdmf::u8path(path), std::ios::binary);
+  if (!stream)
+  {
+    error = "cannot open the file";
+    return false;
+  }
+  stream.seekg(0, std::ios::end);
+  const std::streamoff length = stream.tellg();
+  stream.seekg(0, std::ios::beg);
+  if (length < 0 || !stream || static_cast<unsigned long long>(length) > std::numeric_limits<size_t>::max())
+  {
+    error = "cannot read the size of the file";
+    return false;
+  }
+  const size_t size = static_cast<size_t>(length);
+  BinaryPtr bytes(new BinaryBlock(nullptr, size, "Geometry"));
+  if (bytes->len() != size)
+  {
+    error = "not enough memory to read the file";
+    return false;
+  }
+  if (size != 0 && !stream.read(bytes->cdata(), static_cast<std::streamsize>(size)))
+  {
+    error = "cannot read the file";
+    return false;
+  }
+  block = std::move(bytes);
+  return true;
+}
+
+class LogCollector::Sink final : public spdlog::sinks::base_sink<std::mutex>
+{
+public:
+  std::vector<std::string> take()
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return std::exchange(m_messages, {});
+  }
+
+protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override
+  {
+    std::string text(msg.payload.data(), msg.payload.size());
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+      text.pop_back();
+    m_messages.push_back(std::move(text));
+  }
+  void flush_() override {}
+
+private:
+  std::vector<std::string> m_messages; // guarded by the sink's own mutex
+};
+
+LogCollector::LogCollector() : m_sink(std::make_shared<Sink>())
+{
+  m_sink->set_level(static_cast<spdlog::level::level_enum>(DebugMessagePriority::Warning));
+  cstdmf::appLogger().sinks().push_back(m_sink);
+}
+
+LogCollector::~LogCollector()
+{
+  auto& sinks = cstdmf::appLogger().sinks();
+  sinks.erase(std::remove(sinks.begin(), sinks.end(), m_sink), sinks.end());
+}
+
+std::vector<std::string> LogCollector::take()
+{
+  return m_sink->take();
+}
+
+std::string LogCollector::takeJoined()
+{
+  std::string joined;
+  for (const std::string& message : take())
+  {
+    if (!joined.empty())
+      joined += "; ";
+    joined += message;
+  }
+  return joined;
+}
+
+} // namespace GeometryInspect
