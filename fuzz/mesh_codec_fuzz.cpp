@@ -73,8 +73,8 @@ void fuzzIndices(std::span<const std::byte> encoded)
   require(indices.size() == header.getElementCount() && indices.size() % 3 == 0);
   const size_t vertexCount = size_t(*std::max_element(indices.begin(), indices.end())) + 1;
   std::vector<IndexT> again;
-  require(MeshDataOptimizer::decodeIndexData<IndexT>(
-    MeshDataOptimizer::encodeIndexData<IndexT>(indices, vertexCount), again));
+  require(MeshDataOptimizer::decodeIndexData<IndexT>(MeshDataOptimizer::encodeIndexData<IndexT>(indices, vertexCount),
+                                                     again));
   require(sameTriangles(again, indices));
 }
 
@@ -123,7 +123,8 @@ void fuzzEncodedVertices(std::span<const uint8_t> input, size_t stride)
   std::vector<std::byte> decoded;
   const bool ok = MeshDataOptimizer::decodeVertexData(encoded, stride, decoded);
   if (!edited)
-    require(vertices.empty() ? !ok : ok && std::equal(decoded.begin(), decoded.end(), vertices.begin(), vertices.end()));
+    require(vertices.empty() ? !ok
+                             : ok && std::equal(decoded.begin(), decoded.end(), vertices.begin(), vertices.end()));
   fuzzVertices(encoded, stride);
 }
 

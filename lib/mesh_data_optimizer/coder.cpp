@@ -76,10 +76,11 @@ std::vector<std::byte> encodeVertexData(std::span<const std::byte> vertices, siz
 
   const size_t bound = meshopt_encodeVertexBufferBound(vertexCount, vertexSize);
   std::vector<std::byte> encoded(EncodedBufferHeader::kSize + bound);
-  const size_t encodedSize = meshopt_encodeVertexBuffer(payloadOf(encoded), bound, vertices.data(), vertexCount,
-                                                        vertexSize);
+  const size_t encodedSize =
+    meshopt_encodeVertexBuffer(payloadOf(encoded), bound, vertices.data(), vertexCount, vertexSize);
   if (encodedSize == 0)
-    ZR_MSG(DebugMessagePriority::Error, "Other", "MeshDataOptimizer::encodeVertexData: The Vertex data can't be encoded.\n");
+    ZR_MSG(DebugMessagePriority::Error, "Other",
+           "MeshDataOptimizer::encodeVertexData: The Vertex data can't be encoded.\n");
   finishEncoded(encoded, encodedSize, elementCount);
   return encoded;
 }
@@ -103,7 +104,8 @@ std::vector<std::byte> encodeIndexData(std::span<const IndexT> indices, size_t v
     encodedSize = meshopt_encodeIndexBuffer(payloadOf(encoded), bound, wide.data(), wide.size());
   }
   if (encodedSize == 0)
-    ZR_MSG(DebugMessagePriority::Error, "Other", "MeshDataOptimizer::encodeIndexData: The Index data can't be encoded.\n");
+    ZR_MSG(DebugMessagePriority::Error, "Other",
+           "MeshDataOptimizer::encodeIndexData: The Index data can't be encoded.\n");
   finishEncoded(encoded, encodedSize, elementCount);
   return encoded;
 }
@@ -135,7 +137,8 @@ bool decodeVertexData(std::span<const std::byte> encoded, size_t vertexSize, std
       return true;
   }
   vertices.clear();
-  ZR_MSG(DebugMessagePriority::Error, "Other", "MeshDataOptimizer::decodeVertexData: The Vertex data can't be decoded.\n");
+  ZR_MSG(DebugMessagePriority::Error, "Other",
+         "MeshDataOptimizer::decodeVertexData: The Vertex data can't be decoded.\n");
   return false;
 }
 
@@ -150,8 +153,8 @@ bool decodeIndexData(std::span<const std::byte> encoded, std::vector<IndexT>& in
   const size_t payloadSize = encoded.size() - EncodedBufferHeader::kSize;
   const size_t indexCount = header.getElementCount();
   // The library asserts on a count that is not a whole number of triangles.
-  const bool plausible = indexCount % 3 == 0 && payloadSize >= kIndexStreamOverhead &&
-                         indexCount / 3 <= payloadSize - kIndexStreamOverhead;
+  const bool plausible =
+    indexCount % 3 == 0 && payloadSize >= kIndexStreamOverhead && indexCount / 3 <= payloadSize - kIndexStreamOverhead;
   if (plausible)
   {
     indices.resize(indexCount);
@@ -159,7 +162,8 @@ bool decodeIndexData(std::span<const std::byte> encoded, std::vector<IndexT>& in
       return true;
   }
   indices.clear();
-  ZR_MSG(DebugMessagePriority::Error, "Other", "MeshDataOptimizer::decodeIndexData: The Index data can't be decoded.\n");
+  ZR_MSG(DebugMessagePriority::Error, "Other",
+         "MeshDataOptimizer::decodeIndexData: The Index data can't be decoded.\n");
   return false;
 }
 

@@ -124,8 +124,7 @@ void optimizeFetch(std::span<std::byte> vertices, size_t vertexCount, size_t ver
   else
   {
     std::vector<uint32_t> wide(indices.begin(), indices.end());
-    meshopt_optimizeVertexFetch(vertices.data(), wide.data(), wide.size(), source.data(), vertexCount,
-                                vertexStride);
+    meshopt_optimizeVertexFetch(vertices.data(), wide.data(), wide.size(), source.data(), vertexCount, vertexStride);
     narrow(wide, indices);
   }
 }

@@ -32,7 +32,8 @@ concept MeshIndex = std::same_as<T, uint16_t> || std::same_as<T, uint32_t>;
 // cache efficiency is traded for less overdraw), then vertex fetch. The vertex count is the vertex
 // span's length divided by the stride; neither span changes length. Afterwards the vertices are in
 // first-use order of the optimised indices (see optimizeFetch for unreferenced ones), and a 16-bit
-// buffer still holds only indices below the vertex count. Needs: vertices.size() a multiple of vertexStride, and the shared preconditions.
+// buffer still holds only indices below the vertex count. Needs: vertices.size() a multiple of
+// vertexStride, and the shared preconditions.
 template <MeshIndex IndexT>
 void optimizeMeshData(std::span<std::byte> vertices, size_t vertexStride, std::span<IndexT> indices);
 

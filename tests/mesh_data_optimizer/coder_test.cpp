@@ -47,7 +47,8 @@ struct CapturedLog
   }
 };
 
-const std::string kInvalidHeader = "ERROR: MeshDataOptimizer::checkHeaderData: Encoded buffer has invalid header data.\n\n";
+const std::string kInvalidHeader =
+  "ERROR: MeshDataOptimizer::checkHeaderData: Encoded buffer has invalid header data.\n\n";
 
 std::vector<std::byte> withHeader(uint32_t count, size_t payloadSize)
 {

@@ -1,46 +1,24 @@
 #include "moo/vertex_conversion.hpp"
 
-#include "cstdmf/log_sinks.hpp"
-#include "moo/format_table.hpp"
+#include "moo/formats_test_support.hpp"
 #include "moo/primitive_vertex_format.hpp"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstring>
+#include <memory>
 #include <set>
 #include <tuple>
 #include <type_traits>
-#include <vector>
 
 namespace
 {
 
-using S = VertexSemantic;
-using T = VertexDataType;
-using Bytes = std::vector<std::byte>;
-
-#define EXPECT_ASSERTION(statement, text)                                                                              \
-  EXPECT_EXIT(                                                                                                         \
-    {                                                                                                                  \
-      cstdmf::setupConsoleLogging(1);                                                                                  \
-      statement;                                                                                                       \
-    },                                                                                                                 \
-    testing::ExitedWithCode(255), text)
-
-template <typename Value>
-void append(Bytes& out, const Value& value)
-{
-  const auto* bytes = reinterpret_cast<const std::byte*>(&value);
-  out.insert(out.end(), bytes, bytes + sizeof(Value));
-}
+using namespace formats_test;
 
 template <size_t N>
 Bytes bytesOf(const std::array<uint8_t, N>& values)
 {
-  Bytes out;
-  append(out, values);
-  return out;
+  return Bytes(reinterpret_cast<const std::byte*>(values.data()), reinterpret_cast<const std::byte*>(values.data()) + N);
 }
 
 // Converts one element of `src` and returns the destination bytes (starting from 0xCD filler).
@@ -88,15 +66,13 @@ TEST(ConversionTable, HasExactlyTheListedPairs)
   EXPECT_EQ(found, expected);
 }
 
-TEST(ConversionFunctions, BonesAndWeights)
+// The source-to-GPU directions are checked on whole sections of every format (WholeSections);
+// these cover the way back, the edges of the normal check and the missing pairs.
+TEST(ConversionFunctions, BonesAndWeightsBack)
 {
-  const std::array<uint8_t, 3> indices = {3, 6, 9};
-  EXPECT_EQ(convertOne(S::BLENDINDICES, T::UBYTE4, indices, T::UBYTE3), bytesOf<4>({9, 6, 3, 0}));
   const std::array<uint8_t, 4> gpuIndices = {9, 6, 3, 77};
   EXPECT_EQ(convertOne(S::BLENDINDICES, T::UBYTE3, gpuIndices, T::UBYTE4), bytesOf<3>({3, 2, 1}));
 
-  const std::array<uint8_t, 2> weights = {200, 55};
-  EXPECT_EQ(convertOne(S::BLENDWEIGHT, T::UBYTE4, weights, T::UBYTE2), bytesOf<4>({0, 55, 200, 0}));
   // Reads bytes 0 and 1, not where the weights were put.
   const auto floats = as<Moo::Vector3>(convertOne(S::BLENDWEIGHT, T::FLOAT3, bytesOf<4>({51, 102, 200, 0}), T::UBYTE4));
   EXPECT_FLOAT_EQ(floats.x, 0.2f);
@@ -109,7 +85,6 @@ TEST(ConversionFunctions, BonesAndWeights)
 
 TEST(ConversionFunctions, NormalPacking)
 {
-  EXPECT_EQ(Moo::packFloat3toUByte4Normal888({0, 0, 1}), 0x00FE7F7Fu);  // 127, 127, 254, 0
   EXPECT_EQ(Moo::packFloat3toUByte4Normal888({0, 0, -1}), 0x00007F7Fu); // 127, 127, 0, 0
   EXPECT_EQ(Moo::packFloat3toUByte4Normal888({0, 0, 0}), 0x007F7F7Fu);
   EXPECT_EQ(Moo::packFloat3toUByte4Normal888({0.995f, 0, 0}), 0x007F7FFDu); // trunc(-126.365) = -126
@@ -118,9 +93,6 @@ TEST(ConversionFunctions, NormalPacking)
                    "ASSERTION FAILED: almostZero\\( unpacked.length\\(\\) \\) \\|\\| almostEqual\\( "
                    "unpacked.length\\(\\), 1.0f, 0.01f \\) && \"Normal must be normalized before packing\"");
   EXPECT_ASSERTION((void)Moo::packFloat3toUByte4Normal888({0, 0.001f, 0}), "Normal must be normalized");
-
-  const float unit[3] = {0.0f, 0.6f, 0.8f};
-  EXPECT_EQ(convertOne(S::TANGENT, T::UBYTE4_NORMAL_888, unit, T::FLOAT3), bytesOf<4>({127, 203, 228, 0}));
 }
 
 TEST(ConversionFunctions, PackedNormals)
@@ -135,8 +107,6 @@ TEST(ConversionFunctions, PackedNormals)
   EXPECT_EQ(n.x, -1.0f);
   EXPECT_EQ(n.y, -0.0009775171056389809f);
   EXPECT_EQ(n.z, -1.0f);
-  EXPECT_EQ(convertOne(S::NORMAL, T::UBYTE4_NORMAL_888, uint32_t{511u << 22}, T::PACKED_NORMAL),
-            bytesOf<4>({127, 127, 254, 0}));
   // A source normal far from unit length stops the conversion.
   EXPECT_ASSERTION((void)convertOne(S::NORMAL, T::UBYTE4_NORMAL_888, uint32_t{1023u | (1023u << 11)}, T::PACKED_NORMAL),
                    "Normal must be normalized before packing");
@@ -163,8 +133,6 @@ TEST(ConversionFunctions, TextureCoordinatesAreHalvesCentredOnOneHalf)
 
   uint32_t scratch[4] = {};
   EXPECT_ASSERTION(Moo::conv_TexCoord_Float2_to_Float16_2(scratch, uv, 8), "destSize == sizeof\\( PackedVector2Float16_X2 \\)");
-  EXPECT_ASSERTION(Moo::conv_TexCoord_Float16_2_to_Float2(scratch, uv, 12), "destSize == sizeof\\( Vector2 \\)");
-  EXPECT_ASSERTION(Moo::conv_TexCoord_Float16_2_to_Float3(scratch, uv, 8), "destSize == sizeof\\( Vector3 \\)");
 }
 
 TEST(ConversionFunctions, MissingPairsAndEqualTypes)
@@ -180,8 +148,6 @@ TEST(ConversionFunctions, MissingPairsAndEqualTypes)
   uint32_t value = 0;
   EXPECT_ASSERTION((void)Moo::convertElements(S::COLOR, nullptr, T::UINT32, 0, 4, &value, T::UINT32, 0, 4, 1),
                    "destData != nullptr");
-  EXPECT_ASSERTION((void)Moo::convertElements(S::COLOR, &value, T::UINT32, 0, 4, nullptr, T::UINT32, 0, 4, 1),
-                   "srcData != nullptr");
 }
 
 Moo::VertexFormat singleStreamFormat(std::initializer_list<std::tuple<S, T, uint16_t>> elements)
@@ -230,89 +196,6 @@ TEST(ConvertVertices, UnmatchedElementsAreLeftAndFailuresDoNotStopTheRest)
   twoStreams.streams.push_back({1, ari::VertexInputProgressionMode::INSTANCE_DATA, 1});
   EXPECT_ASSERTION((void)Moo::convertVertices(dest.data(), twoStreams, src, source, 1),
                    "destFormat.streams.size\\(\\) == 1");
-  EXPECT_ASSERTION((void)Moo::convertVertices(dest.data(), withColour, src, twoStreams, 1),
-                   "destFormat.streams.size\\(\\) == srcFormat.streams.size\\(\\)");
-}
-
-// One vertex's values in every encoding the formats use, with the GPU bytes worked out by hand.
-struct SampleVertex
-{
-  float position[3];
-  float normal[3];
-  uint32_t packedNormal; // the same direction as `normal`
-  std::array<uint8_t, 4> normal888;
-  float uv0[2];
-  uint16_t uv0Half[2];
-  float uv1[2];
-  uint16_t uv1Half[2];
-  uint32_t packedTangent;
-  std::array<uint8_t, 4> tangent888;
-  uint32_t packedBinormal;
-  std::array<uint8_t, 4> binormal888;
-  std::array<uint8_t, 3> indices;
-  std::array<uint8_t, 4> gpuIndices;
-  std::array<uint8_t, 2> weights;
-  std::array<uint8_t, 4> gpuWeights;
-  uint32_t colour;
-  float r;
-};
-
-const SampleVertex kSamples[] = {
-  {{1, 2, 3}, {0, 0, 1}, 511u << 22, {127, 127, 254, 0},
-   {0.5f, 1.5f}, {0x0000, 0x3C00}, {0.0f, 1.0f}, {0xB800, 0x3800},
-   1023u, {254, 127, 127, 0}, 1023u << 11, {127, 254, 127, 0},
-   {3, 6, 9}, {9, 6, 3, 0}, {200, 55}, {0, 55, 200, 0}, 0xAABBCCDDu, 0.25f},
-  {{-1.5f, 0.25f, 1000}, {-1, 0, 0}, 0x401u, {0, 127, 127, 0},
-   {0.75f, 0.25f}, {0x3400, 0xB400}, {2.5f, -1.0f}, {0x4000, 0xBE00},
-   0x401u << 11, {127, 0, 127, 0}, 0x201u << 22, {127, 127, 0, 0},
-   {0, 1, 255}, {255, 1, 0, 0}, {0, 255}, {0, 255, 0, 0}, 0x01020304u, -7.0f},
-  {{0.1f, 0.2f, 0.3f}, {0, 0.6f, 0.8f}, (614u << 11) | (409u << 22), {127, 203, 228, 0},
-   {0.1f, 0.9f}, {0xB666, 0x3666}, {100.0f, 0.50000095367431640625f}, {0x5638, 0x0010},
-   614u | (818u << 11), {203, 228, 127, 0}, (2048u - 614u) | ((1024u - 409u) << 22), {51, 127, 26, 0},
-   {10, 20, 30}, {30, 20, 10, 0}, {128, 127}, {0, 127, 128, 0}, 0xFFFFFFFFu, 1e-40f},
-};
-
-Bytes sourceVertex(const SampleVertex& v, std::string_view tokens)
-{
-  Bytes out;
-  for (char token : tokens)
-    switch (token)
-    {
-    case 'P': append(out, v.position); break;
-    case 'N': append(out, v.normal); break;
-    case 'n': append(out, v.packedNormal); break;
-    case 'U': append(out, v.uv0); break;
-    case 'V': append(out, v.uv1); break;
-    case 't': append(out, v.packedTangent); break;
-    case 'b': append(out, v.packedBinormal); break;
-    case 'i': append(out, v.indices); break;
-    case 'w': append(out, v.weights); break;
-    case 'c': append(out, v.colour); break;
-    case 'r': append(out, v.r); break;
-    default: ADD_FAILURE() << "unknown token " << token;
-    }
-  return out;
-}
-
-Bytes gpuVertex(const SampleVertex& v, std::string_view tokens)
-{
-  Bytes out;
-  for (char token : tokens)
-    switch (token)
-    {
-    case 'P': append(out, v.position); break;
-    case 'N': append(out, v.normal888); break;
-    case 'U': append(out, v.uv0Half); break;
-    case 'V': append(out, v.uv1Half); break;
-    case 'T': append(out, v.tangent888); break;
-    case 'B': append(out, v.binormal888); break;
-    case 'I': append(out, v.gpuIndices); break;
-    case 'W': append(out, v.gpuWeights); break;
-    case 'c': append(out, v.colour); break;
-    case 'r': append(out, v.r); break;
-    default: ADD_FAILURE() << "unknown token " << token;
-    }
-  return out;
 }
 
 class WholeSections : public testing::Test
@@ -324,15 +207,15 @@ protected:
 
 TEST_F(WholeSections, EverySourceFormatConvertsToItsGpuBytes)
 {
-  for (const auto& row : formats_test::kFormatRows)
+  for (const FormatRow& row : kFormatRows)
   {
     SCOPED_TRACE(std::string(row.name));
     Bytes source;
     Bytes expected;
     for (const SampleVertex& sample : kSamples)
     {
-      const Bytes s = sourceVertex(sample, row.sourceTokens);
-      const Bytes g = gpuVertex(sample, row.gpuTokens);
+      const Bytes s = vertexBytes(sample, kSourceTokens, row.sourceTokens);
+      const Bytes g = vertexBytes(sample, kGpuTokens, row.gpuTokens);
       ASSERT_EQ(s.size(), row.sourceStride);
       ASSERT_EQ(g.size(), row.gpuStride);
       source.insert(source.end(), s.begin(), s.end());

@@ -140,12 +140,12 @@ int runGeometry(const Options& options, const ConstBinaryPtr& block, std::ostrea
                             {"triangles", counts.triangles}};
     printDocument(out, document);
   }
-  else if (loaded)
+  else
   {
     const bool summary = !options.validate && !options.stats && options.exportPath.empty();
-    if (summary)
+    if (loaded && summary)
       writeGeometrySummary(out, inspection);
-    if (options.stats)
+    if (loaded && options.stats)
       writeRenderSetStats(out, inspection);
     if (exported)
       out << fmt::format("{}: {} render sets, {} vertices, {} triangles\n", options.exportPath, counts.objects,

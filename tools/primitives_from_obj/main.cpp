@@ -30,11 +30,11 @@ constexpr int kExitWriteFailed = 3;
 
 constexpr std::string_view kDefaultFormat = "xyznuvtb";
 
-// The thirteen source formats, listed in the help text. The registry is the authority; this list
-// is only shown to people.
-constexpr std::string_view kFormatHelp =
-  "xyznuv xyznuv2 xyznuvtb xyznuv2tb xyznuviiiww xyznuviiiwwtb xyznuv2iiiwwtb\n"
-  "           xyznuvtbi xyznuv2tbi xyznuvtboi xyznuv2tboi xyznuvr xyznuviiiwwr";
+// The thirteen source formats, for messages. The registry is the authority; this list is only
+// shown to people.
+constexpr std::string_view kFormatNames = "xyznuv xyznuv2 xyznuvtb xyznuv2tb xyznuviiiww xyznuviiiwwtb "
+                                          "xyznuv2iiiwwtb xyznuvtbi xyznuv2tbi xyznuvtboi xyznuv2tboi xyznuvr "
+                                          "xyznuviiiwwr";
 
 void printUsage(std::FILE* stream)
 {
@@ -46,14 +46,15 @@ void printUsage(std::FILE* stream)
              "group or material, vertices de-duplicated per corner, normals generated where the\n"
              "file has none, tangent frames built for formats that carry them.\n"
              "\n"
-             "  --format NAME       source vertex format (default {}):\n"
-             "                      {}\n"
+             "  --format NAME       source vertex format (default {}): xyznuv xyznuv2\n"
+             "                      xyznuvtb xyznuv2tb xyznuviiiww xyznuviiiwwtb xyznuv2iiiwwtb\n"
+             "                      xyznuvtbi xyznuv2tbi xyznuvtboi xyznuv2tboi xyznuvr xyznuviiiwwr\n"
              "  --flip-v            store 1 - v as texture coordinate v\n"
              "  --procedural SHAPE  write a built-in shape (cube, sphere, torus) instead of reading\n"
              "  --help              show this text\n"
              "\n"
              "Exit status: 0 success, 1 bad arguments, 2 unreadable or malformed input, 3 write failure.\n",
-             kDefaultFormat, kFormatHelp);
+             kDefaultFormat);
 }
 
 struct Arguments
@@ -73,19 +74,18 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
   for (int i = 1; i < argc; ++i)
   {
     const std::string_view arg = argv[i];
-    const auto value = [&](std::string_view option, std::string& out) {
-      if (arg.size() > option.size() && arg.substr(0, option.size()) == option && arg[option.size()] == '=')
-      {
-        out = std::string(arg.substr(option.size() + 1));
-        return true;
-      }
-      if (i + 1 >= argc)
-        return false;
-      out = argv[++i];
-      return true;
-    };
+    // "--option VALUE" or "--option=VALUE".
     const auto is = [&](std::string_view option) {
-      return arg == option || (arg.size() > option.size() && arg.substr(0, option.size() + 1) == std::string(option) + "=");
+      return arg.substr(0, option.size()) == option && (arg.size() == option.size() || arg[option.size()] == '=');
+    };
+    const auto value = [&](std::string_view option, std::string& out) {
+      if (arg.size() > option.size())
+        out = std::string(arg.substr(option.size() + 1));
+      else if (i + 1 < argc)
+        out = argv[++i];
+      else
+        return false;
+      return !out.empty();
     };
     if (arg == "--help" || arg == "-h")
       args.help = true;
@@ -93,7 +93,7 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
       args.flipV = true;
     else if (is("--format"))
     {
-      if (!value("--format", args.format) || args.format.empty())
+      if (!value("--format", args.format))
       {
         error = "--format needs a format name";
         return false;
@@ -102,7 +102,7 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
     else if (is("--procedural"))
     {
       std::string shape;
-      if (!value("--procedural", shape) || shape.empty())
+      if (!value("--procedural", shape))
       {
         error = "--procedural needs a shape name";
         return false;
@@ -176,7 +176,7 @@ int run(int argc, char** argv)
   FormatRegistry registry;
   const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByFormatName(args.format);
   if (format == nullptr)
-    return fail(kExitUsage, fmt::format("unknown vertex format '{}'; known formats: {}", args.format, kFormatHelp));
+    return fail(kExitUsage, fmt::format("unknown vertex format '{}'; known formats: {}", args.format, kFormatNames));
 
   objimport::ObjMesh mesh;
   if (args.procedural)
