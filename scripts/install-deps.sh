@@ -6,8 +6,30 @@ set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config
           libspdlog-dev libfmt-dev libmeshoptimizer-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev gltfpack)
+windows=0
 if [[ "${1:-}" == "--windows" ]]; then
-  packages+=(g++-mingw-w64-x86-64 libz-mingw-w64-dev wine64)
+  windows=1
+  # The posix-threads compiler variants only (std::thread, std::mutex); wine for the wrapper
+  # script, wine64 for the 64-bit loader; dpkg-dev unpacks meshoptimizer's source package.
+  packages+=(gcc-mingw-w64-x86-64-posix g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64 dpkg-dev)
+fi
+
+sudo=""
+if [[ $(id -u) -ne 0 ]]; then sudo="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+
+# The Windows build compiles meshoptimizer from Debian's source package ("apt-get source"), which
+# needs deb-src entries for the suites the binary packages come from.
+need_update=0
+if [[ $windows -eq 1 ]] && ! grep -rqsE '^(deb-src|Types:.*deb-src)' /etc/apt/sources.list /etc/apt/sources.list.d/; then
+  if [[ -f /etc/apt/sources.list.d/debian.sources ]]; then
+    sed -E 's/^Types:.*$/Types: deb-src/' /etc/apt/sources.list.d/debian.sources |
+      $sudo tee /etc/apt/sources.list.d/vertexmill-deb-src.sources >/dev/null
+  else
+    grep -hE '^deb ' /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null | sed 's/^deb /deb-src /' |
+      $sudo tee /etc/apt/sources.list.d/vertexmill-deb-src.list >/dev/null
+  fi
+  need_update=1
 fi
 
 missing=()
@@ -16,11 +38,11 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
-[[ ${#missing[@]} -eq 0 ]] && exit 0
+if [[ ${#missing[@]} -eq 0 ]]; then
+  [[ $need_update -eq 1 ]] && $sudo apt-get update -qq
+  exit 0
+fi
 
 echo "Installing: ${missing[*]}"
-sudo=""
-if [[ $(id -u) -ne 0 ]]; then sudo="sudo"; fi
-export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -18,6 +18,7 @@ constexpr std::array<std::string_view, kPriorityCount> s_priorityNames = {
 };
 
 thread_local const char* s_currentCategory = "";
+thread_local ScopedMessageWatcher* s_watcher = nullptr;
 
 spdlog::logger* makeAppLogger()
 {
@@ -58,6 +59,16 @@ bool shouldLog(DebugMessagePriority priority)
   return appLogger().should_log(static_cast<spdlog::level::level_enum>(priority));
 }
 
+ScopedMessageWatcher::ScopedMessageWatcher() : m_previous(s_watcher)
+{
+  s_watcher = this;
+}
+
+ScopedMessageWatcher::~ScopedMessageWatcher()
+{
+  s_watcher = m_previous;
+}
+
 const char* currentCategory()
 {
   return s_currentCategory;
@@ -69,6 +80,8 @@ void emit(DebugMessagePriority priority, const char* category, const SourceLocat
   const auto level = static_cast<spdlog::level::level_enum>(priority);
   if (!logger.should_log(level))
     return;
+  for (ScopedMessageWatcher* watcher = s_watcher; watcher; watcher = watcher->previous())
+    watcher->onMessage(priority, category ? category : "", text);
   const char* previous = s_currentCategory;
   s_currentCategory = category ? category : "";
   logger.log(spdlog::source_loc{where.file, where.line, where.function}, level, text);

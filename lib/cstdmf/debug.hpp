@@ -79,6 +79,24 @@ void emitFmt(DebugMessagePriority priority, const char* category, const SourceLo
   emit(priority, category, where, fmt::format(format, std::forward<Args>(args)...));
 }
 
+// Sees every message emitted on the thread that installed it, after the logger's level check
+// (so INFO and above by default), whatever the sinks do with it. Watchers nest; each is removed
+// when it goes out of scope. Costs nothing while none is installed.
+class ScopedMessageWatcher
+{
+public:
+  ScopedMessageWatcher();
+  virtual ~ScopedMessageWatcher();
+  ScopedMessageWatcher(const ScopedMessageWatcher&) = delete;
+  ScopedMessageWatcher& operator=(const ScopedMessageWatcher&) = delete;
+
+  virtual void onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text) = 0;
+  ScopedMessageWatcher* previous() const { return m_previous; }
+
+private:
+  ScopedMessageWatcher* m_previous;
+};
+
 // Formats "ASSERTION FAILED: %s\n" with the condition text and takes the critical-error path.
 [[noreturn]] void assertionFailed(const char* conditionText, const SourceLocation& where);
 // As assertionFailed, with a further explanatory line after the condition.

@@ -10,9 +10,46 @@
 namespace cstdmf
 {
 
+// What a thread is working for, as far as code that runs on it needs to know (the command-line
+// tool keeps each model's messages together through it). parallelFor hands the caller's context
+// on to the threads it starts, so work split across threads stays attributed to the caller's job.
+class WorkContext
+{
+public:
+  virtual ~WorkContext() = default;
+};
+
+namespace detail
+{
+inline thread_local WorkContext* s_workContext = nullptr;
+}
+
+// The calling thread's work context; null when it has none.
+inline WorkContext* currentWorkContext()
+{
+  return detail::s_workContext;
+}
+
+// Makes `context` (may be null) the calling thread's work context for the lifetime of the scope,
+// then restores the previous one. The context must outlive the scope.
+class ScopedWorkContext
+{
+public:
+  explicit ScopedWorkContext(WorkContext* context) : m_previous(detail::s_workContext)
+  {
+    detail::s_workContext = context;
+  }
+  ~ScopedWorkContext() { detail::s_workContext = m_previous; }
+  ScopedWorkContext(const ScopedWorkContext&) = delete;
+  ScopedWorkContext& operator=(const ScopedWorkContext&) = delete;
+
+private:
+  WorkContext* m_previous;
+};
+
 // Calls fn(i) for every i in [0, count), on up to `jobs` threads (the calling thread included).
 // Items are independent; fn must not throw. With jobs <= 1 everything runs in order on the
-// calling thread.
+// calling thread. The threads started here run with the caller's work context.
 template <typename Fn>
 void parallelFor(size_t count, unsigned jobs, Fn&& fn)
 {
@@ -23,7 +60,9 @@ void parallelFor(size_t count, unsigned jobs, Fn&& fn)
     return;
   }
   std::atomic<size_t> next{0};
+  WorkContext* const context = currentWorkContext();
   auto worker = [&]() {
+    const ScopedWorkContext scope(context);
     for (size_t i = next.fetch_add(1); i < count; i = next.fetch_add(1))
       fn(i);
   };

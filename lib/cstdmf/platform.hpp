@@ -37,6 +37,10 @@ std::string knownFolder(KnownFolder folder);
 // True when the stream (1 standard output, 2 standard error) is an interactive terminal.
 bool isTerminal(int stream);
 
+// Width in character columns of the terminal the stream (1 standard output, 2 standard error)
+// writes to; 0 when the stream is no terminal or its width cannot be found.
+int terminalWidth(int stream);
+
 // Opens a file by its UTF-8 path with a C stdio mode ("rb", "wb"); null on failure. Wide
 // characters are used underneath where the system needs them.
 std::FILE* openFile(const std::string& utf8Path, const char* mode);

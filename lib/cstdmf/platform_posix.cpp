@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace platform
@@ -72,6 +73,16 @@ std::string knownFolder(KnownFolder folder)
 bool isTerminal(int stream)
 {
   return ::isatty(stream) == 1;
+}
+
+int terminalWidth(int stream)
+{
+  if (::isatty(stream) != 1)
+    return 0;
+  struct winsize size = {};
+  if (::ioctl(stream, TIOCGWINSZ, &size) != 0)
+    return 0;
+  return static_cast<int>(size.ws_col);
 }
 
 std::FILE* openFile(const std::string& utf8Path, const char* mode)

@@ -306,6 +306,9 @@ bool GeometryCompiler::packVertices(const std::string& sectionName, const Binary
   if (!Moo::checkVertexPayload(header, sourceStride, sectionName))
     return false;
 
+  if (m_statistics)
+    m_statistics->sections.push_back({sectionName, "vertices", header.formatName, header.vertexCount});
+
   size_t convertedSize = 0;
   if (!cstdmf::checkedMultiply(header.vertexCount, gpuStride, convertedSize) ||
       convertedSize > std::numeric_limits<uint32_t>::max())
@@ -337,6 +340,8 @@ bool GeometryCompiler::packIndices(const std::string& sectionName, const BinaryP
   Moo::IndexSectionHeader header;
   if (!Moo::readIndexSectionHeader(bytesOf(section), sectionName, header))
     return false;
+  if (m_statistics)
+    m_statistics->sections.push_back({sectionName, "indices", header.formatName, header.indexCount});
   return addIndices(sectionName, header.indices, std::string(Moo::getIndexFormatName(header.format)),
                     static_cast<uint32_t>(header.format));
 }
@@ -492,6 +497,8 @@ bool GeometryCompiler::loadCompanionModel(const std::string& path, const std::st
   }
 
   const std::string sectionName = cstdmf::toUtf8(cstdmf::u8path(path).filename());
+  if (m_statistics)
+    m_statistics->companions.push_back({sectionName, kind, static_cast<uint64_t>(fileSize)});
   DataSectionPtr section(new BinSection(sectionName, block));
   const std::string_view kindText = kind;
   if (kindText == "armor")
@@ -546,6 +553,9 @@ void GeometryCompiler::verifyVertices(const std::string& sectionName, const void
 {
   Verifier verifier;
   verifier.verify(vertices, size, format);
+  if (m_statistics)
+    m_statistics->verifier.push_back({sectionName, verifier.invalidPositions(), verifier.invalidNormals(),
+                                      verifier.invalidTangents(), verifier.invalidBinormals(), verifier.invalidUVs()});
   const char* name = sectionName.c_str();
   if (verifier.invalidPositions() != 0)
     ZR_MSG(kWarning, kCategory, "[Verifier] Found %d vertices with invalid positions in \"%s\".\n",
@@ -572,6 +582,8 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   ZR_GUARD("GeometryCompiler::save");
   if (m_settings.optimizeMeshes)
     optimizeMesh();
+  else if (m_statistics)
+    recordRenderSets(gatherMeshTasks(false), false, nullptr);
 
   SaveState state;
   if (!saveArmor(state, resourcePath))
@@ -583,65 +595,111 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   saveIndicesMapping(state);
 
   BinaryPtr block = packData(state.prototype);
+  if (block && m_statistics)
+    m_statistics->outputBytes = block->len();
   return block && writeToFile(resourcePath, block);
 }
 
-void GeometryCompiler::optimizeMesh()
+std::vector<GeometryCompiler::MeshTask> GeometryCompiler::gatherMeshTasks(bool optimizing)
 {
-  struct Task
-  {
-    std::span<std::byte> vertices;
-    uint16_t stride;
-    std::span<std::byte> indices;
-    IndexFormat format;
-  };
-  std::vector<Task> tasks;
-
+  std::vector<MeshTask> tasks;
   for (const MappingEntry& indexMapping : m_indexMappings)
   {
     const std::string& indexName = indexMapping.sectionName;
-    const std::string vertexName =
-      indexName.substr(0, indexName.size() >= 7 ? indexName.size() - 7 : 0) + std::string(kVerticesKind);
+    const std::string prefix = indexName.substr(0, indexName.size() >= 7 ? indexName.size() - 7 : 0);
+    const std::string vertexName = prefix + std::string(kVerticesKind);
 
     MappingEntry* vertexMapping = findByName(m_vertexMappings, vertexName);
     DataEntry* vertexData = vertexMapping ? findData(m_vertexData, vertexMapping->formatName) : nullptr;
     if (!vertexData)
     {
-      ZR_MSG_FMT(kError, kCategory, "GeometryCompiler::save cannot find vertex entry data for optimization '{}'\n",
-                 vertexName);
+      if (optimizing)
+        ZR_MSG_FMT(kError, kCategory, "GeometryCompiler::save cannot find vertex entry data for optimization '{}'\n",
+                   vertexName);
       continue;
     }
     DataEntry* indexData = findData(m_indexData, indexMapping.formatName);
     if (!indexData)
     {
-      ZR_MSG_FMT(kError, kCategory, "GeometryCompiler::save cannot find index entry data for optimization '{}'\n",
-                 indexName);
+      if (optimizing)
+        ZR_MSG_FMT(kError, kCategory, "GeometryCompiler::save cannot find index entry data for optimization '{}'\n",
+                   indexName);
       continue;
     }
 
     const uint16_t stride = vertexMapping->strideInBytes;
     const uint32_t vertexCount = stride ? vertexMapping->info.sizeInBytes / stride : 0;
-    if (IndexBufferInfo* info = const_cast<IndexBufferInfo*>(findIndexBufferInfo(indexMapping.formatName)))
-      info->maxVertexCount = std::max(info->maxVertexCount, vertexCount);
+    if (optimizing)
+      if (IndexBufferInfo* info = const_cast<IndexBufferInfo*>(findIndexBufferInfo(indexMapping.formatName)))
+        info->maxVertexCount = std::max(info->maxVertexCount, vertexCount);
 
     const std::optional<IndexFormat> format = Moo::getIndexFormatFromName(indexMapping.formatName);
     if (!format)
     {
-      ZR_MSG_FMT(kError, kCategory, "GeometryCompiler::Index entry has invalid format '{}'\n", indexMapping.formatName);
+      if (optimizing)
+        ZR_MSG_FMT(kError, kCategory, "GeometryCompiler::Index entry has invalid format '{}'\n", indexMapping.formatName);
       continue;
     }
     if (vertexCount == 0 || indexMapping.info.sizeInBytes == 0)
       continue;
-    tasks.push_back(Task{
+    std::string name = prefix;
+    if (!name.empty() && name.back() == '.')
+      name.pop_back();
+    tasks.push_back(MeshTask{
+      std::move(name),
       std::span<std::byte>(vertexData->data.data() + vertexMapping->info.offsetInBytes, vertexMapping->info.sizeInBytes),
       stride,
       std::span<std::byte>(indexData->data.data() + indexMapping.info.offsetInBytes, indexMapping.info.sizeInBytes),
-      *format});
+      *format, vertexMapping->texelDensity});
   }
+  return tasks;
+}
+
+namespace
+{
+MeshDataOptimizer::MeshStatistics analyzeTask(std::span<const std::byte> vertices, size_t stride,
+                                              std::span<const std::byte> indices, IndexFormat format)
+{
+  const size_t vertexCount = vertices.size() / stride;
+  if (format == IndexFormat::LIST)
+    return MeshDataOptimizer::analyze<uint16_t>(
+      vertices, vertexCount, stride,
+      std::span<const uint16_t>(reinterpret_cast<const uint16_t*>(indices.data()), indices.size() / 2));
+  return MeshDataOptimizer::analyze<uint32_t>(
+    vertices, vertexCount, stride,
+    std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(indices.data()), indices.size() / 4));
+}
+} // namespace
+
+void GeometryCompiler::recordRenderSets(const std::vector<MeshTask>& tasks, bool optimized,
+                                        const std::vector<MeshDataOptimizer::MeshStatistics>* before)
+{
+  for (size_t i = 0; i < tasks.size(); ++i)
+  {
+    const MeshTask& task = tasks[i];
+    CompileStatistics::RenderSet set;
+    set.name = task.name;
+    set.vertexCount = static_cast<uint32_t>(task.vertices.size() / task.stride);
+    set.triangleCount = static_cast<uint32_t>(task.indices.size() / (task.format == IndexFormat::LIST ? 2 : 4) / 3);
+    set.strideInBytes = task.stride;
+    set.texelDensity = task.texelDensity;
+    set.optimized = optimized;
+    set.after = analyzeTask(task.vertices, task.stride, task.indices, task.format);
+    set.before = before ? (*before)[i] : set.after;
+    m_statistics->renderSets.push_back(std::move(set));
+  }
+}
+
+void GeometryCompiler::optimizeMesh()
+{
+  const std::vector<MeshTask> tasks = gatherMeshTasks(true);
+  std::vector<MeshDataOptimizer::MeshStatistics> before(m_statistics ? tasks.size() : 0);
 
   // Every pair owns disjoint ranges of the merged buffers, so pairs can be optimised at once.
   cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t i) {
-    const Task& task = tasks[i];
+    const MeshTask& task = tasks[i];
+    if (m_statistics)
+      before[i] = analyzeTask(task.vertices, task.stride, task.indices, task.format);
     if (task.format == IndexFormat::LIST)
     {
       std::span<uint16_t> indices(reinterpret_cast<uint16_t*>(task.indices.data()), task.indices.size() / 2);
@@ -653,6 +711,8 @@ void GeometryCompiler::optimizeMesh()
       MeshDataOptimizer::optimizeMeshData<uint32_t>(task.vertices, task.stride, indices);
     }
   });
+  if (m_statistics)
+    recordRenderSets(tasks, true, &before);
 }
 
 bool GeometryCompiler::saveArmor(SaveState& state, const std::string& resourcePath)
@@ -708,6 +768,10 @@ void GeometryCompiler::saveVerticesData(SaveState& state)
     infos[i] = vertIndexationIt;
   }
 
+  std::vector<uint64_t> rawSizes;
+  for (const DataEntry& entry : m_vertexData)
+    rawSizes.push_back(entry.data.size());
+
   if (m_settings.encodeBuffers)
   {
     std::vector<uint8_t> failed(m_vertexData.size(), 0);
@@ -734,6 +798,10 @@ void GeometryCompiler::saveVerticesData(SaveState& state)
     record.isSkinned = std::byte{infos[i]->isSkinned ? uint8_t(1) : uint8_t(0)};
     record.isBumped = std::byte{infos[i]->isBumped ? uint8_t(1) : uint8_t(0)};
     addToStringPool(entry.formatName, record.formatName);
+    if (m_statistics)
+      m_statistics->buffers.push_back({"vertices", entry.formatName, infos[i]->strideInBytes,
+                                       rawSizes[i] / infos[i]->strideInBytes, rawSizes[i], entry.data.size(),
+                                       m_settings.encodeBuffers});
   }
   state.prototype.mergedVerticesCount = static_cast<uint32_t>(state.mergedVertices.size());
   state.prototype.mergedVertices = state.mergedVertices.empty() ? nullptr : state.mergedVertices.data();
@@ -777,6 +845,10 @@ void GeometryCompiler::saveIndicesData(SaveState& state)
     infos[i] = vertIndexationIt;
   }
 
+  std::vector<uint64_t> rawSizes;
+  for (const DataEntry& entry : m_indexData)
+    rawSizes.push_back(entry.data.size());
+
   if (m_settings.encodeBuffers)
   {
     std::vector<uint8_t> failed(m_indexData.size(), 0);
@@ -816,6 +888,10 @@ void GeometryCompiler::saveIndicesData(SaveState& state)
     record.sizeInBytes = ZR::range_check_cast<uint32_t>(static_cast<uint64_t>(entry.data.size()));
     record.primitiveType = code;
     record.strideInBytes = code == 0 ? 2 : 4;
+    if (m_statistics)
+      m_statistics->buffers.push_back({"indices", entry.formatName, record.strideInBytes,
+                                       rawSizes[i] / record.strideInBytes, rawSizes[i], entry.data.size(),
+                                       m_settings.encodeBuffers});
   }
   state.prototype.mergedIndicesCount = static_cast<uint32_t>(state.mergedIndices.size());
   state.prototype.mergedIndices = state.mergedIndices.empty() ? nullptr : state.mergedIndices.data();

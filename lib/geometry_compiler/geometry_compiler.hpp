@@ -4,7 +4,9 @@
 // merged per format, every render set optimised, the buffers encoded, and the whole written as
 // one packed prototype.
 
+#include "geometry_compiler/compile_statistics.hpp"
 #include "geometry_compiler/merged_geometry.hpp"
+#include "moo/index_format.hpp"
 #include "resmgr/binary_block.hpp"
 #include "resmgr/bin_section.hpp"
 
@@ -62,6 +64,10 @@ public:
   // Worker threads for optimising render sets and encoding buffers (1: all on the calling
   // thread). The output does not depend on it.
   void setJobs(unsigned jobs) { m_jobs = jobs == 0 ? 1 : jobs; }
+
+  // Where the next compile records what it did (null: nothing is recorded). Not owned; must
+  // outlive the compile.
+  void setStatistics(CompileStatistics* statistics) { m_statistics = statistics; }
 
   // The whole conversion: reads the request's files and writes outputPath whole or not at all.
   // Returns false (after logging why) when no file was written.
@@ -124,6 +130,23 @@ public:
 private:
   struct SaveState;
 
+  // One render set to optimise: a vertex range and the index range drawn from it.
+  struct MeshTask
+  {
+    std::string name;
+    std::span<std::byte> vertices;
+    uint16_t stride = 0;
+    std::span<std::byte> indices;
+    IndexFormat format = IndexFormat::LIST;
+    float texelDensity = 0.0f;
+  };
+
+  // Pairs every index range with its vertex range. With `optimizing`, reports the ranges that
+  // cannot be paired and records each index buffer's largest vertex count.
+  std::vector<MeshTask> gatherMeshTasks(bool optimizing);
+  void recordRenderSets(const std::vector<MeshTask>& tasks, bool optimized,
+                        const std::vector<MeshDataOptimizer::MeshStatistics>* before);
+
   bool addVertices(const std::string& sectionName, std::span<const std::byte> data, const std::string& formatName,
                    uint16_t strideInBytes, bool isSkinned, bool isBumped);
   bool addIndices(const std::string& sectionName, std::span<const std::byte> data, const std::string& formatName,
@@ -151,6 +174,7 @@ private:
 
   Settings m_settings;
   unsigned m_jobs = 1;
+  CompileStatistics* m_statistics = nullptr;
   std::string m_resourceName; // the .primitives file being compiled, for messages
 
   std::vector<GeometryCompilerDetail::DataEntry> m_vertexData;

@@ -45,7 +45,7 @@ TEST(GeometryInspectCommandLine, ExitStatuses)
   EXPECT_EQ(run.status, 0);
   EXPECT_TRUE(contains(run.out, "--export-obj <OUT.obj>")) << run.out;
 
-  for (const std::string bad : {std::string(), std::string("--bogus ") + quoted(geometry),
+  for (const std::string& bad : std::vector<std::string>{std::string(), std::string("--bogus ") + quoted(geometry),
                                 quoted(geometry) + " " + quoted(geometry), std::string("--export-obj")})
   {
     SCOPED_TRACE(bad);

@@ -98,8 +98,7 @@ TEST(GeometryInspect, SummaryAndJsonDescribeTheCompiledModel)
 
   const RunResult text = inspect({geometry.string()});
   ASSERT_EQ(text.status, 0) << text.err;
-  for (const std::string part :
-       {"set3/xyznuvpc stride 20 skinned no bumped no: 34 vertices, encoded", "list (16-bit): 96 indices",
+  for (const std::string& part : std::vector<std::string>{"set3/xyznuvpc stride 20 skinned no bumped no: 34 vertices, encoded", "list (16-bit): 96 indices",
         "list32 (32-bit): 24 indices", "id " + idOf("deck.vertices") + " buffer 0 items 25+9 texel density 0.25",
         "'ship.collision' 100 B", "'ship.armor' 7 B"})
     EXPECT_TRUE(contains(text.out, part)) << part << "\n" << text.out;
@@ -264,7 +263,7 @@ TEST(GeometryInspect, EverySingleByteFlipIsHandled)
     testutil::writeFile(target, bytes);
     const RunResult run = inspect({"--validate", "--stats", "--json", "--export-obj", obj.string(), target.string()});
     ASSERT_TRUE(run.status == 0 || run.status == 1) << i;
-    ASSERT_NO_THROW((void)nlohmann::json::parse(run.out)) << i;
+    EXPECT_TRUE(nlohmann::json::accept(run.out)) << i;
     refused += run.status == 1;
   }
   // Records, offsets and codec streams make up most of a small file.
