@@ -1,0 +1,100 @@
+# The dependencies of the Windows cross build, made from what Debian ships for the build host
+# instead of from find_package (Debian has no MinGW packages for most of them):
+#   fmt, spdlog, nlohmann-json  header-only, from the host's /usr/include
+#   meshoptimizer               compiled from Debian's source package of the host's release
+#   GoogleTest                  compiled from /usr/src/googletest (libgtest-dev)
+#   zlib                        libz-mingw-w64-dev, found in the MinGW sysroot
+# It defines the same imported targets as the find_package calls of the normal build.
+
+set(VERTEXMILL_DEPS_DIR ${CMAKE_BINARY_DIR}/_deps)
+
+# The host's /usr/include must never be on the cross compiler's search path (its C library headers
+# are glibc's), so each header-only library is reached through a link in a folder of its own.
+set(VERTEXMILL_HEADER_DIR ${VERTEXMILL_DEPS_DIR}/include)
+file(MAKE_DIRECTORY ${VERTEXMILL_HEADER_DIR})
+function(vertexmill_link_headers name source)
+  if(NOT EXISTS ${source})
+    message(FATAL_ERROR "${source} not found: install the host's development package (scripts/install-deps.sh)")
+  endif()
+  if(NOT EXISTS ${VERTEXMILL_HEADER_DIR}/${name})
+    file(CREATE_LINK ${source} ${VERTEXMILL_HEADER_DIR}/${name} SYMBOLIC)
+  endif()
+endfunction()
+vertexmill_link_headers(fmt /usr/include/fmt)
+vertexmill_link_headers(spdlog /usr/include/spdlog)
+vertexmill_link_headers(nlohmann /usr/include/nlohmann)
+
+add_library(fmt::fmt INTERFACE IMPORTED)
+set_target_properties(fmt::fmt PROPERTIES
+  INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR}
+  INTERFACE_COMPILE_DEFINITIONS FMT_HEADER_ONLY)
+
+# Header-only spdlog includes <windows.h> in every file that includes it: keep min/max usable and
+# the rest of the Windows API out.
+add_library(spdlog::spdlog INTERFACE IMPORTED)
+set_target_properties(spdlog::spdlog PROPERTIES
+  INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR}
+  INTERFACE_COMPILE_DEFINITIONS "SPDLOG_FMT_EXTERNAL;NOMINMAX;WIN32_LEAN_AND_MEAN"
+  INTERFACE_LINK_LIBRARIES fmt::fmt)
+
+add_library(nlohmann_json::nlohmann_json INTERFACE IMPORTED)
+set_target_properties(nlohmann_json::nlohmann_json PROPERTIES INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR})
+
+# zlib: the MinGW build of it, static so that no DLL has to travel with the executables.
+find_path(VERTEXMILL_MINGW_ZLIB_INCLUDE zlib.h REQUIRED)
+find_library(VERTEXMILL_MINGW_ZLIB NAMES libz.a z REQUIRED)
+add_library(ZLIB::ZLIB STATIC IMPORTED)
+set_target_properties(ZLIB::ZLIB PROPERTIES
+  IMPORTED_LOCATION ${VERTEXMILL_MINGW_ZLIB}
+  INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_MINGW_ZLIB_INCLUDE})
+
+# meshoptimizer: the release the host build links (libmeshoptimizer-dev), unpacked from Debian's
+# source package with its patches applied. VERTEXMILL_MESHOPTIMIZER_SOURCE_DIR may name an unpacked
+# tree instead (builds without network access).
+set(VERTEXMILL_MESHOPTIMIZER_SOURCE_DIR "" CACHE PATH "Unpacked meshoptimizer source tree (empty: apt-get source)")
+set(meshopt_dir ${VERTEXMILL_MESHOPTIMIZER_SOURCE_DIR})
+if(NOT meshopt_dir)
+  file(GLOB meshopt_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/meshoptimizer/meshoptimizer-*)
+  if(NOT meshopt_dir)
+    execute_process(COMMAND dpkg-query -W -f=\${Version} libmeshoptimizer-dev
+      OUTPUT_VARIABLE meshopt_version RESULT_VARIABLE meshopt_query ERROR_QUIET)
+    set(meshopt_package meshoptimizer)
+    if(meshopt_query EQUAL 0 AND meshopt_version)
+      set(meshopt_package meshoptimizer=${meshopt_version})
+    endif()
+    message(STATUS "Unpacking Debian's source package ${meshopt_package}")
+    file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/meshoptimizer)
+    execute_process(COMMAND apt-get source -qq ${meshopt_package}
+      WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/meshoptimizer
+      RESULT_VARIABLE meshopt_fetch OUTPUT_QUIET)
+    file(GLOB meshopt_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/meshoptimizer/meshoptimizer-*)
+    if(NOT meshopt_fetch EQUAL 0 OR NOT meshopt_dir)
+      message(FATAL_ERROR "apt-get source ${meshopt_package} failed: it needs deb-src entries and dpkg-dev "
+                          "(scripts/install-deps.sh --windows adds both)")
+    endif()
+  endif()
+endif()
+list(GET meshopt_dir 0 meshopt_dir)
+file(GLOB meshopt_sources ${meshopt_dir}/src/*.cpp)
+if(NOT EXISTS ${meshopt_dir}/src/meshoptimizer.h OR NOT meshopt_sources)
+  message(FATAL_ERROR "no meshoptimizer sources in ${meshopt_dir}")
+endif()
+add_library(vertexmill_meshoptimizer STATIC ${meshopt_sources})
+target_include_directories(vertexmill_meshoptimizer SYSTEM PUBLIC ${meshopt_dir}/src)
+add_library(meshoptimizer::meshoptimizer ALIAS vertexmill_meshoptimizer)
+
+# GoogleTest from the sources libgtest-dev ships; the two amalgamation files are the whole library.
+if(VERTEXMILL_BUILD_TESTS)
+  set(gtest_dir /usr/src/googletest/googletest)
+  if(NOT EXISTS ${gtest_dir}/src/gtest-all.cc)
+    message(FATAL_ERROR "${gtest_dir} not found: install libgtest-dev")
+  endif()
+  find_package(Threads REQUIRED)
+  add_library(vertexmill_gtest STATIC ${gtest_dir}/src/gtest-all.cc)
+  target_include_directories(vertexmill_gtest SYSTEM PUBLIC ${gtest_dir}/include PRIVATE ${gtest_dir})
+  target_link_libraries(vertexmill_gtest PUBLIC Threads::Threads)
+  add_library(vertexmill_gtest_main STATIC ${gtest_dir}/src/gtest_main.cc)
+  target_link_libraries(vertexmill_gtest_main PUBLIC vertexmill_gtest)
+  add_library(GTest::gtest ALIAS vertexmill_gtest)
+  add_library(GTest::gtest_main ALIAS vertexmill_gtest_main)
+endif()
