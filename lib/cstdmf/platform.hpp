@@ -3,7 +3,9 @@
 // header, never an OS header.
 
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace platform
 {
@@ -47,5 +49,42 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode);
 
 // Process id of the current process.
 unsigned long processId();
+
+// Where a child process reads and writes: paths of files (UTF-8) that its standard output and
+// error replace (created or truncated), and its working directory (empty: this process's).
+// Standard input is empty.
+struct ChildIo
+{
+  std::string stdoutPath;
+  std::string stderrPath;
+  std::string workingDirectory;
+};
+
+// Runs `program` (a path, not searched for) with `arguments` (UTF-8, passed exactly as given, each
+// one argument of the child) and waits for it. Returns its exit status as a parent sees it: on
+// POSIX systems the low 8 bits of the exit code, or 128 + the signal number when a signal ended
+// it; on Windows the whole 32-bit exit code (-1 stays -1). Empty when the program could not be
+// started or a redirection file not opened.
+std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
+                              const ChildIo& io);
+
+#ifdef _WIN32
+// The command line of a wide-character entry point (wmain) as UTF-8 text, in the shape of main's
+// arguments: argv()[argc()] is null. The strings live as long as this object.
+class Utf8Arguments
+{
+public:
+  Utf8Arguments(int argc, const wchar_t* const* wideArgv);
+  Utf8Arguments(const Utf8Arguments&) = delete;
+  Utf8Arguments& operator=(const Utf8Arguments&) = delete;
+
+  int argc() const { return static_cast<int>(m_arguments.size()); }
+  char** argv() { return m_pointers.data(); }
+
+private:
+  std::vector<std::string> m_arguments;
+  std::vector<char*> m_pointers;
+};
+#endif
 
 } // namespace platform

@@ -1,6 +1,7 @@
 // The POSIX side of the platform layer (Linux and other Unix-like build hosts).
 #include "cstdmf/platform.hpp"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -93,6 +94,62 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode)
 unsigned long processId()
 {
   return static_cast<unsigned long>(::getpid());
+}
+
+std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
+                              const ChildIo& io)
+{
+  // Everything the child needs is made before fork: after it only async-signal-safe calls.
+  std::vector<char*> argv;
+  argv.push_back(const_cast<char*>(program.c_str()));
+  for (const std::string& argument : arguments)
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+  const int out = ::open(io.stdoutPath.c_str(), flags, 0644);
+  const int err = ::open(io.stderrPath.c_str(), flags, 0644);
+  const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  // The child writes one byte into this pipe when it cannot get as far as the program; a
+  // successful exec closes it empty.
+  int failure[2] = {-1, -1};
+  std::optional<int> status;
+  if (out >= 0 && err >= 0 && in >= 0 && ::pipe2(failure, O_CLOEXEC) == 0)
+  {
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+      if ((io.workingDirectory.empty() || ::chdir(io.workingDirectory.c_str()) == 0) && ::dup2(in, 0) >= 0 &&
+          ::dup2(out, 1) >= 0 && ::dup2(err, 2) >= 0)
+        ::execv(program.c_str(), argv.data());
+      const char failed = 1;
+      (void)!::write(failure[1], &failed, 1);
+      ::_exit(127);
+    }
+    ::close(failure[1]);
+    failure[1] = -1;
+    char failed = 0;
+    ssize_t got = 0;
+    do
+      got = child > 0 ? ::read(failure[0], &failed, 1) : -1;
+    while (got < 0 && errno == EINTR);
+    int waitStatus = 0;
+    pid_t waited = -1;
+    if (child > 0)
+    {
+      do
+        waited = ::waitpid(child, &waitStatus, 0);
+      while (waited < 0 && errno == EINTR);
+    }
+    if (waited == child && got == 0)
+      status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+  }
+  for (const int fd : {out, err, in, failure[0], failure[1]})
+  {
+    if (fd >= 0)
+      ::close(fd);
+  }
+  return status;
 }
 
 } // namespace platform

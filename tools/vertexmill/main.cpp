@@ -4,21 +4,31 @@
 // to convert, 4 a file-system error (unreadable directory, symbolic-link loop, ...) ended the run
 // abnormally; -1 (255) when an assertion or critical error ended the process.
 
+#include "console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+#include "display_text.hpp"
+#include "exit_status.hpp"
 #include "fw/arg_parser.hpp"
-#include "geometry_compiler/geometry_compiler.hpp"
+#include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "resmgr/zrresource.hpp"
+#include "tree_run.hpp"
+#include "tree_walk.hpp"
 
-#include <array>
+#include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -29,6 +39,7 @@
 namespace
 {
 namespace fs = std::filesystem;
+using namespace vertexmill;
 
 constexpr const char* kToolName = "vertexmill";
 
@@ -41,40 +52,19 @@ constexpr const char* kDescription =
   "MODEL_NAME_Full.geometry or MODEL_NAME_lod<n>.geometry (where <n> is number of lod).";
 
 constexpr std::string_view kPrimitivesExtension = ".primitives";
-constexpr std::string_view kGeometryExtension = ".geometry";
 
-enum ExitStatus : int
-{
-  kExitSuccess = 0,
-  kExitBadCommandLine = 1,
-  kExitBadPath = 2,
-  kExitConversionFailed = 3,
-  kExitFilesystemError = 4,
-};
+// More jobs than this is a typing error rather than a machine.
+constexpr unsigned kMaxJobs = 1024;
 
-// Companion files beside a model, tried in this order, and where each goes in the request.
-struct Companion
+// "--jobs" takes a decimal count, 0 meaning one job per hardware thread.
+[[nodiscard]] std::optional<unsigned> parseJobs(std::string_view text)
 {
-  std::string_view extension;
-  std::string GeometryCompiler::Request::*slot;
-};
-constexpr std::array<Companion, 3> kCompanions = {{
-  {".collision", &GeometryCompiler::Request::collisionPath},
-  {".armor", &GeometryCompiler::Request::armorPath},
-  {".armorvisual", &GeometryCompiler::Request::armorVisualPath},
-}};
-
-// Paths are held as std::filesystem::path (wide on Windows) and cross into text as UTF-8 only.
-// Going through char8_t keeps the conversion independent of the process locale.
-fs::path pathFromUtf8(std::string_view text)
-{
-  return fs::path(std::u8string(text.begin(), text.end()));
-}
-
-std::string pathToUtf8(const fs::path& path)
-{
-  const std::u8string text = path.u8string();
-  return std::string(text.begin(), text.end());
+  unsigned value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (text.empty() || error != std::errc() || stop != end || value > kMaxJobs)
+    return std::nullopt;
+  return value;
 }
 
 struct Args
@@ -83,6 +73,9 @@ struct Args
   fs::path srcPath;
   fs::path dstPath;
   int32_t verbosity = 1; // 0 quiet, 1 warnings and errors, 2 also the used-files list
+  unsigned jobs = 1;     // 0: one per hardware thread
+  bool keepGoing = false;
+  bool incremental = false;
   bool showVersion = false;
   bool helpShown = false;
 
@@ -132,7 +125,7 @@ bool Args::parse(int argc, const char* const* argv)
         .positionalName = "src-path",
         .valueName = "path",
         .callback = [this](std::string_view value) {
-          srcPath = pathFromUtf8(value);
+          srcPath = cstdmf::u8path(value);
           return true;
         },
       })
@@ -144,7 +137,38 @@ bool Args::parse(int argc, const char* const* argv)
         .positionalName = "dst-path",
         .valueName = "path",
         .callback = [this](std::string_view value) {
-          dstPath = pathFromUtf8(value);
+          dstPath = cstdmf::u8path(value);
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "jobs",
+        .shortName = 'j',
+        .description = "convert N models at once, and use N threads within a model (0: one per hardware thread)",
+        .valueName = "N",
+        .callback = [this](std::string_view value) {
+          const std::optional<unsigned> parsed = parseJobs(value);
+          if (parsed)
+            jobs = *parsed;
+          return parsed.has_value();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Flag,
+        .longName = "keep-going",
+        .description = "in tree mode convert every model even after failures, then list the failed ones",
+        .callback = [this](std::string_view) {
+          keepGoing = true;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Flag,
+        .longName = "incremental",
+        .description = "skip models whose .geometry file is newer than their sources and the tool",
+        .callback = [this](std::string_view) {
+          incremental = true;
           return true;
         },
       })
@@ -171,13 +195,17 @@ struct RunRequest
   fs::path dstPath;
   bool tree = false;
   int32_t verbosity = 1;
+  unsigned jobs = 1; // already resolved: at least 1
+  bool keepGoing = false;
+  bool incremental = false;
+  ConsoleRouter* router = nullptr;
 };
 
 [[nodiscard]] bool requirePathExists(const fs::path& path, fs::file_status status, std::string_view kind)
 {
   if (status.type() == fs::file_type::not_found)
   {
-    ZR_MSG_FMT(DebugMessagePriority::Error, "", "{} {} not found\n", kind, pathToUtf8(path));
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "{} {} not found\n", kind, cstdmf::toUtf8(path));
     return false;
   }
   return true;
@@ -191,7 +219,7 @@ struct RunRequest
     return false;
   if (!fs::is_regular_file(status))
   {
-    ZR_MSG_FMT(DebugMessagePriority::Error, "", "path {} is not a file\n", pathToUtf8(path));
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "path {} is not a file\n", cstdmf::toUtf8(path));
     return false;
   }
   return true;
@@ -204,7 +232,7 @@ struct RunRequest
     return false;
   if (!fs::is_directory(status))
   {
-    ZR_MSG_FMT(DebugMessagePriority::Error, "", "path {} is not a directory\n", pathToUtf8(path));
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "path {} is not a directory\n", cstdmf::toUtf8(path));
     return false;
   }
   return true;
@@ -213,9 +241,9 @@ struct RunRequest
 // Case-sensitive on every platform: model.PRIMITIVES is not a model.
 [[nodiscard]] bool requireExtension(const fs::path& path, std::string_view extension)
 {
-  if (path.extension() != pathFromUtf8(extension))
+  if (path.extension() != cstdmf::u8path(extension))
   {
-    ZR_MSG_FMT(DebugMessagePriority::Error, "", "wrong {} extension ( must be {} )\n", pathToUtf8(path), extension);
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "wrong {} extension ( must be {} )\n", cstdmf::toUtf8(path), extension);
     return false;
   }
   return true;
@@ -234,91 +262,75 @@ std::string getDirectoryName(const fs::path& path)
   fs::path name = absolute.filename();
   if (name.empty())
     name = absolute.parent_path().filename();
-  return pathToUtf8(name);
+  return cstdmf::toUtf8(name);
 }
 
-// Converts one model. Touches nothing shared but the read-only registries and the logger, so it
-// may run for several models at once.
-[[nodiscard]] bool processModel(const fs::path& source, const fs::path& output)
+// Settings shared by every model of the run.
+ModelSettings modelSettings(const RunRequest& request)
 {
-  GeometryCompiler::Request request;
-  request.primitivesPath = pathToUtf8(source);
-  request.modelName = pathToUtf8(source.stem());
-
-  const fs::path directory = source.parent_path();
-  for (const Companion& companion : kCompanions)
+  ModelSettings settings;
+  settings.compilerJobs = request.jobs;
+  settings.incremental = request.incremental;
+  if (request.incremental)
   {
-    const fs::path candidate = directory / pathFromUtf8(request.modelName + std::string(companion.extension));
+    // The tool's own time counts as an input: a newer tool may write different files.
     std::error_code error;
-    if (fs::exists(fs::status(candidate, error)))
-      request.*companion.slot = pathToUtf8(candidate);
+    const fs::file_time_type toolTime = fs::last_write_time(cstdmf::u8path(platform::executablePath()), error);
+    if (!error)
+      settings.toolTime = toolTime;
+    else
+      ZR_MSG_FMT(DebugMessagePriority::Warning, "",
+                 "cannot find the time of the tool's own executable: --incremental converts every model\n");
   }
-
-  ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", request.primitivesPath);
-  const std::string outputText = pathToUtf8(output);
-  ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {}\n", outputText);
-
-  const fs::path outputDirectory = output.parent_path();
-  if (!outputDirectory.empty())
-  {
-    std::error_code error;
-    fs::create_directories(outputDirectory, error);
-    if (error)
-    {
-      ZR_MSG_FMT(DebugMessagePriority::Error, "", "failed to create path {}: {}", pathToUtf8(outputDirectory),
-                 error.message());
-      return false;
-    }
-  }
-
-  GeometryCompiler compiler;
-  return compiler.compile(request, outputText, true, true, true);
+  return settings;
 }
 
-fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relativeSource)
-{
-  fs::path output = outputDirectory / relativeSource;
-  output.replace_extension(pathFromUtf8(kGeometryExtension));
-  return output;
-}
-
-int processSingle(const fs::path& src, const fs::path& dst)
+int processSingle(const RunRequest& request, const fs::path& src, const fs::path& dst)
 {
   if (!requireExtension(src, kPrimitivesExtension))
     return kExitBadPath;
   if (!requireFileExists(src, fs::status(src)))
     return kExitBadPath;
-  return processModel(src, geometryPathFor(dst, src.filename())) ? kExitSuccess : kExitConversionFailed;
+  const ModelOutcome outcome = convertModel(src, geometryPathFor(dst, src.filename()), modelSettings(request));
+  return outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
 }
 
-int processTree(const fs::path& src, const fs::path& dst)
+// The run cannot go on because the file system failed under it. Said on standard error whatever
+// the verbosity, as for any other abnormal end.
+int reportFilesystemFailure(std::string_view text)
+{
+  std::fflush(stdout);
+  std::fprintf(stderr, "CRITICAL: %s\n", toDisplayText(text).c_str());
+  std::fflush(stderr);
+  return kExitFilesystemError;
+}
+
+int processTree(const RunRequest& request, const fs::path& src, const fs::path& dst)
 {
   if (!requireDirectoryExists(src, fs::status(src)))
     return kExitBadPath;
   if (fs::is_regular_file(fs::status(dst)))
   {
     ZR_MSG_FMT(DebugMessagePriority::Error, "", "path {} is existed file (must be directory to place result)",
-               pathToUtf8(dst));
+               cstdmf::toUtf8(dst));
     return kExitBadPath;
   }
 
-  const fs::path outputRoot = dst / pathFromUtf8(getDirectoryName(src));
-  const fs::path primitivesExtension = pathFromUtf8(kPrimitivesExtension);
-  uint64_t count = 0;
-  // Errors of the walk itself throw; they end the run (see vertexmillMain).
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(src))
-  {
-    if (!fs::is_regular_file(entry.status()) || entry.path().extension() != primitivesExtension)
-      continue;
-    ++count;
-    fs::path relative = entry.path().lexically_relative(src);
-    if (relative.empty())
-      relative = entry.path().filename();
-    if (!processModel(entry.path(), geometryPathFor(outputRoot, relative)))
-      return kExitConversionFailed;
-  }
-  ZR_MSG_FMT(DebugMessagePriority::Info, "", "Success: {} files generated\n", count);
-  return kExitSuccess;
+  // The whole tree is listed before anything is written, so outputs placed inside the source
+  // tree are never taken for models, and a tree that cannot be read fails before any work.
+  ModelList models;
+  models.sourceRoot = src;
+  models.outputRoot = dst / cstdmf::u8path(getDirectoryName(src));
+  std::string walkError;
+  if (!listModels(src, models.sources, walkError))
+    return reportFilesystemFailure(walkError);
+
+  TreeRunOptions options;
+  options.jobs = request.jobs;
+  options.keepGoing = request.keepGoing;
+  options.showProgress = request.verbosity > 0 && platform::isTerminal(2);
+  options.model = modelSettings(request);
+  return convertModels(models, options, *request.router);
 }
 
 // Runs default or tree mode and returns the exit status. May throw std::filesystem::filesystem_error
@@ -337,7 +349,7 @@ int process(const RunRequest& request)
       return kExitBadPath;
     }
   }
-  return request.tree ? processTree(src, dst) : processSingle(src, dst);
+  return request.tree ? processTree(request, src, dst) : processSingle(request, src, dst);
 }
 
 // The tool from a UTF-8 command line. The Windows entry point converts its wide arguments and
@@ -362,10 +374,15 @@ int vertexmillMain(int argc, const char* const* argv)
   }
 
   cstdmf::setupConsoleLogging(args.verbosity);
+  const std::shared_ptr<ConsoleRouter> router = installConsoleRouter();
   (void)ZRResource::init(std::vector<std::string>{});
   Moo::PrimitiveVertexFormat::init(0);
 
-  RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity};
+  unsigned jobs = args.jobs;
+  if (jobs == 0)
+    jobs = std::max(1u, std::thread::hardware_concurrency());
+  RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
+                     args.keepGoing, args.incremental, router.get()};
   int status = kExitSuccess;
   try
   {
@@ -373,13 +390,10 @@ int vertexmillMain(int argc, const char* const* argv)
   }
   catch (const std::exception& error)
   {
-    // The one exception boundary of the tool: the file-system library reports faults of a
-    // directory walk and of status queries by throwing. The run ends abnormally, with the
-    // reason on standard error whatever the verbosity.
-    std::fflush(stdout);
-    std::fprintf(stderr, "CRITICAL: %s\n", error.what());
-    std::fflush(stderr);
-    status = kExitFilesystemError;
+    // The one exception boundary of the tool: the status queries of the path checks throw for
+    // faults other than a missing path, and so does starting a thread the system refuses. The
+    // run ends abnormally, with the reason on standard error whatever the verbosity.
+    status = reportFilesystemFailure(error.what());
   }
 
   Moo::PrimitiveVertexFormat::fini();
@@ -392,3 +406,15 @@ int main(int argc, char** argv)
 {
   return vertexmillMain(argc, argv);
 }
+
+#ifdef _WIN32
+#include "cstdmf/platform.hpp"
+
+// Windows starts here (-municode, /ENTRY:wmainCRTStartup): the arguments arrive as UTF-16 and
+// reach the same core as UTF-8, so non-ASCII paths survive any ANSI code page.
+int wmain(int argc, wchar_t** argv)
+{
+  platform::Utf8Arguments utf8(argc, argv);
+  return vertexmillMain(utf8.argc(), utf8.argv());
+}
+#endif

@@ -1,0 +1,185 @@
+#!/usr/bin/env bash
+# Whole-corpus run: bench/corpus.sh BUILD_DIR
+#
+# For every mesh of the corpus (VERTEXMILL_CORPUS, else ../shared/corpus beside the repository):
+#   1. untimed: primitives_from_obj imports the OBJ to a .primitives file (format xyznuvtb), and
+#      bench_corpus_prepare stores the converted data the compiler optimises (for step 3);
+#   2. vertexmill --src-path MESH.primitives --dst-path DIR, the whole process;
+#   3. bench_corpus_bare MESH.gpumesh: a process making only the five meshoptimizer calls on the
+#      same data (vertex cache, overdraw, vertex fetch, vertex and index encoding);
+#   4. gltfpack -c -i MESH.obj -o out.glb, the whole process (merged_scene is gunzipped first,
+#      untimed).
+# Steps 2 to 4 run one after another, REPEATS times (default 5); each figure is the median, and
+# the ratios are medians of the per-round ratios, so both sides of a ratio saw about the same load.
+# Times are wall-clock; peak memory is the maximum resident set size from /usr/bin/time.
+# vertexmill's time does not include the OBJ import (step 1): its input is the .primitives file.
+# Afterwards bench_compile (in-process figures) runs if it was built, unless COMPILE_BENCH=0.
+#
+# Environment: REPEATS, VERTEXMILL_CORPUS, COMPILE_BENCH, GLTFPACK (default: gltfpack on PATH),
+# KEEP_WORK=1 keeps the temporary folder.
+
+set -euo pipefail
+
+if [[ $# -ne 1 ]]; then
+  echo "usage: $0 BUILD_DIR" >&2
+  exit 1
+fi
+build=$(cd "$1" && pwd)
+script_dir=$(cd "$(dirname "$0")" && pwd)
+corpus=${VERTEXMILL_CORPUS:-$script_dir/../../shared/corpus}
+repeats=${REPEATS:-5}
+
+if [[ ! -d $corpus ]]; then
+  echo "bench_corpus: no mesh corpus at '$corpus' (set VERTEXMILL_CORPUS); nothing to measure."
+  exit 0
+fi
+corpus=$(cd "$corpus" && pwd)
+
+vertexmill=$build/tools/vertexmill/vertexmill
+importer=$build/tools/primitives_from_obj/primitives_from_obj
+prepare=$build/bench/bench_corpus_prepare
+bare=$build/bench/bench_corpus_bare
+compile_bench=$build/bench/bench_compile
+gltfpack=${GLTFPACK:-$(command -v gltfpack || true)}
+gnu_time=/usr/bin/time
+
+for tool in "$vertexmill" "$importer" "$prepare" "$bare"; do
+  if [[ ! -x $tool ]]; then
+    echo "bench_corpus: $tool is not built (ninja vertexmill primitives_from_obj bench_corpus_prepare bench_corpus_bare)" >&2
+    exit 1
+  fi
+done
+if [[ ! -x $gnu_time ]]; then
+  echo "bench_corpus: $gnu_time is missing (apt-get install -y time)" >&2
+  exit 1
+fi
+if [[ -z $gltfpack ]]; then
+  echo "bench_corpus: gltfpack not found; its columns stay empty (apt-get install -y gltfpack)" >&2
+fi
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_corpus.XXXXXX")
+cleanup() { [[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"; }
+trap cleanup EXIT
+
+# run_measured OUTFILE COMMAND...: runs the command with its output discarded and appends
+# "<wall microseconds> <peak KiB>" to OUTFILE. Exits the script when the command fails.
+run_measured() {
+  local out=$1
+  shift
+  local start end
+  start=$(date +%s%N)
+  if ! "$gnu_time" -f '%M' -o "$work/time.txt" "$@" >"$work/stdout.txt" 2>"$work/stderr.txt"; then
+    echo "bench_corpus: failed: $*" >&2
+    cat "$work/stderr.txt" >&2
+    exit 1
+  fi
+  end=$(date +%s%N)
+  echo "$(((end - start) / 1000)) $(tail -n 1 "$work/time.txt")" >>"$out"
+}
+
+# median FILE COLUMN: the median of one column of numbers.
+median() {
+  sort -g -k"$2,$2" "$1" | awk -v c="$2" '{ v[NR] = $c } END { if (NR == 0) print "nan"; else if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+}
+
+# ratio_median A B: the median of the per-round ratios of column 1 of A to column 1 of B.
+ratio_median() {
+  paste "$1" "$2" | awk '{ print $1 / $3 }' >"$work/ratios.txt"
+  median "$work/ratios.txt" 1
+}
+
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
+echo "# vertexmill whole-corpus run"
+echo
+echo "date $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) cores ($(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')),"
+echo "load average at start $load_before, $repeats rounds per mesh, medians shown."
+echo "vertexmill's time excludes the .obj -> .primitives import; bare = the five meshoptimizer calls alone"
+echo "on the same converted data, as a process; gltfpack = gltfpack -c on the .obj."
+echo
+
+# Corpus meshes, smallest file first.
+mapfile -t objs < <(find "$corpus" -maxdepth 1 -type f \( -name '*.obj' -o -name '*.obj.gz' \) -printf '%s %p\n' | sort -n | cut -d' ' -f2-)
+if [[ ${#objs[@]} -eq 0 ]]; then
+  echo "bench_corpus: no .obj or .obj.gz files in $corpus; nothing to measure."
+  exit 0
+fi
+
+results=$work/results.txt
+: >"$results"
+for obj in "${objs[@]}"; do
+  file=$(basename "$obj")
+  name=${file%.gz}
+  name=${name%.obj}
+  dir=$work/$name
+  mkdir -p "$dir/out"
+
+  # Untimed preparation.
+  "$importer" "$obj" "$dir/$name.primitives" >/dev/null
+  figures=$("$prepare" "$dir/$name.primitives" "$dir/$name.gpumesh")
+  triangles=$(sed -n 's/.*triangles=\([0-9]*\).*/\1/p' <<<"$figures")
+  raw_bytes=$(sed -n 's/.*raw_bytes=\([0-9]*\).*/\1/p' <<<"$figures")
+  gltf_input=$obj
+  if [[ $obj == *.gz ]]; then
+    gltf_input=$dir/$name.obj
+    gzip -dc "$obj" >"$gltf_input"
+  fi
+
+  : >"$dir/tool.txt"
+  : >"$dir/bare.txt"
+  : >"$dir/gltf.txt"
+  for ((round = 0; round < repeats; ++round)); do
+    rm -f "$dir/out/$name.geometry" "$dir/out.glb"
+    run_measured "$dir/tool.txt" "$vertexmill" --src-path "$dir/$name.primitives" --dst-path "$dir/out"
+    run_measured "$dir/bare.txt" "$bare" "$dir/$name.gpumesh"
+    if [[ -n $gltfpack ]]; then
+      run_measured "$dir/gltf.txt" "$gltfpack" -c -i "$gltf_input" -o "$dir/out.glb"
+    fi
+  done
+
+  geometry_bytes=$(stat -c %s "$dir/out/$name.geometry")
+  tool_us=$(median "$dir/tool.txt" 1)
+  tool_kib=$(median "$dir/tool.txt" 2)
+  bare_us=$(median "$dir/bare.txt" 1)
+  bare_kib=$(median "$dir/bare.txt" 2)
+  tool_bare=$(ratio_median "$dir/tool.txt" "$dir/bare.txt")
+  if [[ -s $dir/gltf.txt ]]; then
+    gltf_us=$(median "$dir/gltf.txt" 1)
+    gltf_kib=$(median "$dir/gltf.txt" 2)
+    tool_gltf=$(ratio_median "$dir/tool.txt" "$dir/gltf.txt")
+    glb_bytes=$(stat -c %s "$dir/out.glb")
+  else
+    gltf_us=nan gltf_kib=nan tool_gltf=nan glb_bytes=nan
+  fi
+  echo "$name $triangles $tool_us $tool_kib $geometry_bytes $raw_bytes $bare_us $bare_kib $tool_bare $gltf_us $gltf_kib $tool_gltf $glb_bytes" >>"$results"
+done
+load_after=$(cut -d' ' -f1-3 /proc/loadavg)
+
+echo "| mesh | triangles | vertexmill s | Mtri/s | peak MiB | .geometry / raw | bare s | bare MiB | vertexmill / bare | gltfpack s | gltfpack MiB | vertexmill / gltfpack |"
+echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
+awk '{
+  printf "| %s | %d | %.3f | %.2f | %.1f | %.3f | %.3f | %.1f | %.2f | %s | %s | %s |\n",
+    $1, $2, $3 / 1e6, $2 / ($3 / 1e6) / 1e6, $4 / 1024, $5 / $6, $7 / 1e6, $8 / 1024, $9,
+    ($10 == "nan" ? "-" : sprintf("%.3f", $10 / 1e6)), ($11 == "nan" ? "-" : sprintf("%.1f", $11 / 1024)),
+    ($12 == "nan" ? "-" : sprintf("%.2f", $12))
+}' "$results"
+echo
+echo "load average at end $load_after"
+echo
+
+# The aims, checked on this run's ratios.
+echo "Aims:"
+awk '
+  $2 >= 30000 { verdict = ($9 <= 1.10) ? "met" : "MISSED"; printf "- %s: vertexmill / bare %.2f <= 1.10: %s\n", $1, $9, verdict; if (verdict == "MISSED") missed = 1 }
+  ($1 == "koala" || $1 == "merged_scene") && $12 != "nan" { verdict = ($12 < 1.0) ? "met" : "MISSED"; printf "- %s: vertexmill / gltfpack time %.2f < 1: %s\n", $1, $12, verdict; if (verdict == "MISSED") missed = 1 }
+  $1 == "merged_scene" && $11 != "nan" { verdict = ($4 < $11) ? "met" : "MISSED"; printf "- merged_scene: peak memory %.1f MiB < gltfpack %.1f MiB: %s\n", $4 / 1024, $11 / 1024, verdict; if (verdict == "MISSED") missed = 1 }
+  END { if (missed) print "(some aims missed: see bench/README.md for where the time and memory go)" }
+' "$results"
+
+if [[ ${COMPILE_BENCH:-1} != 0 && -x $compile_bench ]]; then
+  echo
+  echo "In-process figures (bench_compile; compile = GeometryCompiler::compile, meshopt = the five calls):"
+  echo
+  VERTEXMILL_CORPUS=$corpus "$compile_bench" --benchmark_counters_tabular=true \
+    --benchmark_repetitions="${COMPILE_REPEATS:-3}" --benchmark_display_aggregates_only=true \
+    --benchmark_filter='.*' 2>&1 | grep -v '_mean\|_stddev\|_cv' || true
+fi

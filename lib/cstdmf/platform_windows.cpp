@@ -1,0 +1,288 @@
+// The Windows side of the platform layer. Text crosses this boundary as UTF-8 and is converted to
+// UTF-16 for the wide-character API right here, so that file names in any script work whatever
+// the process's ANSI code page is.
+#include "cstdmf/platform.hpp"
+
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#include <windows.h>
+
+#include <io.h>
+#include <knownfolders.h>
+#include <shlobj.h>
+
+#include <cstdlib>
+#include <cwchar>
+#include <string_view>
+
+namespace platform
+{
+
+namespace
+{
+
+std::wstring widen(std::string_view utf8)
+{
+  if (utf8.empty())
+    return {};
+  const int length = ::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
+  if (length <= 0)
+    return {};
+  std::wstring wide(static_cast<size_t>(length), L'\0');
+  ::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), wide.data(), length);
+  return wide;
+}
+
+std::string narrow(std::wstring_view wide)
+{
+  if (wide.empty())
+    return {};
+  const int length =
+    ::WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0, nullptr, nullptr);
+  if (length <= 0)
+    return {};
+  std::string utf8(static_cast<size_t>(length), '\0');
+  ::WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), utf8.data(), length, nullptr,
+                        nullptr);
+  return utf8;
+}
+
+std::string genericUtf8(std::wstring_view wide)
+{
+  std::string utf8 = narrow(wide);
+  for (char& c : utf8)
+  {
+    if (c == '\\')
+      c = '/';
+  }
+  return utf8;
+}
+
+// A command-line word as the C runtime's parser (CommandLineToArgvW rules) reads it back: quoted
+// when empty or holding blanks or quotes, backslashes doubled only where they precede a quote.
+void appendQuoted(std::wstring& commandLine, const std::wstring& argument)
+{
+  if (!argument.empty() && argument.find_first_of(L" \t\n\v\"") == std::wstring::npos)
+  {
+    commandLine += argument;
+    return;
+  }
+  commandLine += L'"';
+  size_t backslashes = 0;
+  for (const wchar_t c : argument)
+  {
+    if (c == L'\\')
+    {
+      ++backslashes;
+      continue;
+    }
+    if (c == L'"')
+      commandLine.append(backslashes * 2 + 1, L'\\');
+    else
+      commandLine.append(backslashes, L'\\');
+    backslashes = 0;
+    commandLine += c;
+  }
+  commandLine.append(backslashes * 2, L'\\');
+  commandLine += L'"';
+}
+
+class Handle
+{
+public:
+  explicit Handle(HANDLE handle = INVALID_HANDLE_VALUE) : m_handle(handle) {}
+  ~Handle()
+  {
+    if (valid())
+      ::CloseHandle(m_handle);
+  }
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+
+  bool valid() const { return m_handle != INVALID_HANDLE_VALUE && m_handle != nullptr; }
+  HANDLE get() const { return m_handle; }
+
+private:
+  HANDLE m_handle;
+};
+
+HANDLE openInheritable(const std::wstring& path, DWORD access, DWORD disposition)
+{
+  SECURITY_ATTRIBUTES attributes{};
+  attributes.nLength = sizeof(attributes);
+  attributes.bInheritHandle = TRUE;
+  return ::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &attributes,
+                       disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+} // namespace
+
+void exitProcess(int code)
+{
+  // The exit code is the 32-bit pattern of `code`: -1 reaches the parent as 0xFFFFFFFF.
+  ::ExitProcess(static_cast<UINT>(code));
+}
+
+void debugOutput(const char* text)
+{
+  ::OutputDebugStringA(text);
+}
+
+bool isDebuggerPresent()
+{
+  return ::IsDebuggerPresent() != FALSE;
+}
+
+void debugBreak()
+{
+  ::DebugBreak();
+}
+
+std::string executablePath()
+{
+  // GetModuleFileNameW truncates silently when the buffer is too small: grow until it fits
+  // (long paths may exceed MAX_PATH).
+  std::wstring buffer(MAX_PATH, L'\0');
+  for (;;)
+  {
+    const DWORD length = ::GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
+    if (length == 0)
+      return {};
+    if (length < buffer.size())
+    {
+      buffer.resize(length);
+      return genericUtf8(buffer);
+    }
+    if (buffer.size() >= 32768)
+      return {};
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+std::string executableDirectory()
+{
+  const std::string path = executablePath();
+  const size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::string knownFolder(KnownFolder folder)
+{
+  const KNOWNFOLDERID* id = nullptr;
+  switch (folder)
+  {
+  case KnownFolder::RoamingAppData:
+    id = &FOLDERID_RoamingAppData;
+    break;
+  case KnownFolder::LocalAppData:
+    id = &FOLDERID_LocalAppData;
+    break;
+  case KnownFolder::Documents:
+    id = &FOLDERID_Documents;
+    break;
+  case KnownFolder::Pictures:
+    id = &FOLDERID_Pictures;
+    break;
+  }
+  if (!id)
+    return {};
+  PWSTR path = nullptr;
+  std::string result;
+  if (SUCCEEDED(::SHGetKnownFolderPath(*id, KF_FLAG_DEFAULT, nullptr, &path)) && path)
+    result = genericUtf8(path);
+  // Freed on failure too: the call may allocate either way.
+  ::CoTaskMemFree(path);
+  while (result.size() > 1 && result.back() == '/' && result[result.size() - 2] != ':')
+    result.pop_back();
+  return result;
+}
+
+bool isTerminal(int stream)
+{
+  // _isatty is also true for the NUL device and other character devices; only a console
+  // answers GetConsoleMode.
+  if (stream != 1 && stream != 2)
+    return false;
+  if (!::_isatty(stream))
+    return false;
+  DWORD mode = 0;
+  return ::GetConsoleMode(::GetStdHandle(stream == 1 ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE), &mode) != FALSE;
+}
+
+int terminalWidth(int stream)
+{
+  if (!isTerminal(stream))
+    return 0;
+  CONSOLE_SCREEN_BUFFER_INFO info{};
+  if (!::GetConsoleScreenBufferInfo(::GetStdHandle(stream == 1 ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE), &info))
+    return 0;
+  // The visible window, not the (usually much wider) screen buffer.
+  return static_cast<int>(info.srWindow.Right - info.srWindow.Left + 1);
+}
+
+std::FILE* openFile(const std::string& utf8Path, const char* mode)
+{
+  const std::wstring wide = widen(utf8Path);
+  if (wide.empty())
+    return nullptr;
+  return ::_wfopen(wide.c_str(), widen(mode).c_str());
+}
+
+unsigned long processId()
+{
+  return static_cast<unsigned long>(::GetCurrentProcessId());
+}
+
+std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
+                              const ChildIo& io)
+{
+  const std::wstring application = widen(program);
+  std::wstring commandLine;
+  appendQuoted(commandLine, application);
+  for (const std::string& argument : arguments)
+  {
+    commandLine += L' ';
+    appendQuoted(commandLine, widen(argument));
+  }
+
+  const Handle in(openInheritable(L"NUL", GENERIC_READ, OPEN_EXISTING));
+  const Handle out(openInheritable(widen(io.stdoutPath), GENERIC_WRITE, CREATE_ALWAYS));
+  const Handle err(openInheritable(widen(io.stderrPath), GENERIC_WRITE, CREATE_ALWAYS));
+  if (!in.valid() || !out.valid() || !err.valid())
+    return std::nullopt;
+
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdInput = in.get();
+  startup.hStdOutput = out.get();
+  startup.hStdError = err.get();
+  PROCESS_INFORMATION process{};
+  const std::wstring directory = widen(io.workingDirectory);
+  if (!::CreateProcessW(application.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                        directory.empty() ? nullptr : directory.c_str(), &startup, &process))
+    return std::nullopt;
+  const Handle processHandle(process.hProcess);
+  const Handle threadHandle(process.hThread);
+
+  DWORD code = 0;
+  if (::WaitForSingleObject(process.hProcess, INFINITE) != WAIT_OBJECT_0 || !::GetExitCodeProcess(process.hProcess, &code))
+    return std::nullopt;
+  return static_cast<int>(code);
+}
+
+Utf8Arguments::Utf8Arguments(int argc, const wchar_t* const* wideArgv)
+{
+  m_arguments.reserve(static_cast<size_t>(argc > 0 ? argc : 0));
+  for (int i = 0; i < argc; ++i)
+    m_arguments.push_back(narrow(wideArgv[i] ? std::wstring_view(wideArgv[i]) : std::wstring_view()));
+  for (std::string& argument : m_arguments)
+    m_pointers.push_back(argument.data());
+  m_pointers.push_back(nullptr);
+}
+
+} // namespace platform

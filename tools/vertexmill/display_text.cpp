@@ -1,0 +1,132 @@
+#include "display_text.hpp"
+
+#include <cstdint>
+
+namespace vertexmill
+{
+namespace
+{
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD"; // U+FFFD
+
+bool isContinuation(unsigned char byte)
+{
+  return (byte & 0xC0) == 0x80;
+}
+
+// Length of the well-formed sequence at text[pos], or 0 when the byte there starts none.
+size_t sequenceLength(std::string_view text, size_t pos)
+{
+  const auto at = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = at(pos);
+  if (lead < 0x80)
+    return 1;
+  size_t length = 0;
+  uint32_t lowest = 0;
+  uint32_t code = 0;
+  if ((lead & 0xE0) == 0xC0)
+  {
+    length = 2;
+    lowest = 0x80;
+    code = lead & 0x1F;
+  }
+  else if ((lead & 0xF0) == 0xE0)
+  {
+    length = 3;
+    lowest = 0x800;
+    code = lead & 0x0F;
+  }
+  else if ((lead & 0xF8) == 0xF0)
+  {
+    length = 4;
+    lowest = 0x10000;
+    code = lead & 0x07;
+  }
+  else
+    return 0;
+  if (text.size() - pos < length)
+    return 0;
+  for (size_t i = 1; i < length; ++i)
+  {
+    if (!isContinuation(at(pos + i)))
+      return 0;
+    code = (code << 6) | (at(pos + i) & 0x3F);
+  }
+  if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+    return 0;
+  return length;
+}
+} // namespace
+
+bool isValidUtf8(std::string_view text)
+{
+  for (size_t pos = 0; pos < text.size();)
+  {
+    const size_t length = sequenceLength(text, pos);
+    if (length == 0)
+      return false;
+    pos += length;
+  }
+  return true;
+}
+
+std::string toDisplayText(std::string_view text)
+{
+  if (isValidUtf8(text))
+    return std::string(text);
+  std::string shown;
+  shown.reserve(text.size() + 16);
+  for (size_t pos = 0; pos < text.size();)
+  {
+    const size_t length = sequenceLength(text, pos);
+    if (length == 0)
+    {
+      shown += kReplacement;
+      ++pos;
+      continue;
+    }
+    shown.append(text, pos, length);
+    pos += length;
+  }
+  return shown;
+}
+
+size_t displayWidth(std::string_view text)
+{
+  size_t columns = 0;
+  for (const char c : text)
+  {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x80)
+      ++columns;
+    else if (!isContinuation(byte))
+      columns += 2;
+  }
+  return columns;
+}
+
+std::string tailToWidth(std::string_view text, size_t columns)
+{
+  if (displayWidth(text) <= columns)
+    return std::string(text);
+  constexpr std::string_view kEllipsis = "...";
+  if (columns <= kEllipsis.size())
+    return std::string(kEllipsis.substr(0, columns));
+  // Walk back from the end one character at a time while the tail still fits.
+  const size_t budget = columns - kEllipsis.size();
+  size_t start = text.size();
+  size_t used = 0;
+  while (start > 0)
+  {
+    size_t begin = start - 1;
+    while (begin > 0 && isContinuation(static_cast<unsigned char>(text[begin])))
+      --begin;
+    const size_t width = displayWidth(text.substr(begin, start - begin));
+    if (used + width > budget)
+      break;
+    used += width;
+    start = begin;
+  }
+  return std::string(kEllipsis) + std::string(text.substr(start));
+}
+
+} // namespace vertexmill

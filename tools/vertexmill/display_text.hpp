@@ -1,0 +1,28 @@
+#pragma once
+// Text that is safe to show on a console. File names on Linux are byte strings and need not be
+// UTF-8; messages that carry them are cleaned up on their way to the console, never on their way
+// to the file system.
+
+#include <string>
+#include <string_view>
+
+namespace vertexmill
+{
+
+// True when the text is well-formed UTF-8 (no overlong forms, no surrogates, nothing above
+// U+10FFFF, no sequence cut short).
+bool isValidUtf8(std::string_view text);
+
+// The text with every byte that does not belong to a well-formed UTF-8 sequence replaced by
+// U+FFFD. Well-formed text comes back unchanged.
+std::string toDisplayText(std::string_view text);
+
+// Number of terminal columns the (well-formed) text takes, counting characters outside ASCII as
+// two columns so that a line measured with it never wraps.
+size_t displayWidth(std::string_view text);
+
+// The last characters of the text that fit in `columns` columns, behind "..." when something was
+// cut off. Expects well-formed text.
+std::string tailToWidth(std::string_view text, size_t columns);
+
+} // namespace vertexmill

@@ -1,0 +1,129 @@
+#include "model_job.hpp"
+
+#include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "geometry_compiler/geometry_compiler.hpp"
+
+#include <array>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace vertexmill
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+constexpr std::string_view kGeometryExtension = ".geometry";
+
+// Companion files beside a model, tried in this order, and where each goes in the request.
+struct Companion
+{
+  std::string_view extension;
+  std::string GeometryCompiler::Request::*slot;
+};
+constexpr std::array<Companion, 3> kCompanions = {{
+  {".collision", &GeometryCompiler::Request::collisionPath},
+  {".armor", &GeometryCompiler::Request::armorPath},
+  {".armorvisual", &GeometryCompiler::Request::armorVisualPath},
+}};
+
+// Companions are looked for only beside the source, with exactly its stem.
+fs::path companionPath(const fs::path& source, std::string_view extension)
+{
+  fs::path name = source.stem();
+  name += cstdmf::u8path(extension);
+  return source.parent_path() / name;
+}
+
+GeometryCompiler::Request makeRequest(const fs::path& source)
+{
+  GeometryCompiler::Request request;
+  request.primitivesPath = cstdmf::toUtf8(source);
+  request.modelName = cstdmf::toUtf8(source.stem());
+  for (const Companion& companion : kCompanions)
+  {
+    const fs::path candidate = companionPath(source, companion.extension);
+    std::error_code error;
+    if (fs::exists(fs::status(candidate, error)))
+      request.*companion.slot = cstdmf::toUtf8(candidate);
+  }
+  return request;
+}
+
+// The write time of an existing file, or nothing (also when the file is missing).
+std::optional<fs::file_time_type> writeTime(const fs::path& path)
+{
+  std::error_code error;
+  const fs::file_time_type time = fs::last_write_time(path, error);
+  if (error)
+    return std::nullopt;
+  return time;
+}
+} // namespace
+
+fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relativeSource)
+{
+  fs::path output = outputDirectory / relativeSource;
+  output.replace_extension(cstdmf::u8path(kGeometryExtension));
+  return output;
+}
+
+bool isUpToDate(const fs::path& source, const fs::path& output, const std::optional<fs::file_time_type>& toolTime)
+{
+  const std::optional<fs::file_time_type> outputTime = writeTime(output);
+  const std::optional<fs::file_time_type> sourceTime = writeTime(source);
+  if (!outputTime || !sourceTime || !toolTime)
+    return false;
+  if (!(*outputTime > *sourceTime && *outputTime > *toolTime))
+    return false;
+  for (const Companion& companion : kCompanions)
+  {
+    const fs::path candidate = companionPath(source, companion.extension);
+    std::error_code error;
+    const fs::file_status status = fs::status(candidate, error);
+    if (status.type() == fs::file_type::not_found)
+      continue;
+    // A companion that is there but cannot be examined may have changed: convert again.
+    const std::optional<fs::file_time_type> companionTime = writeTime(candidate);
+    if (!companionTime || !(*outputTime > *companionTime))
+      return false;
+  }
+  return true;
+}
+
+ModelOutcome convertModel(const fs::path& source, const fs::path& output, const ModelSettings& settings)
+{
+  const std::string sourceText = cstdmf::toUtf8(source);
+  const std::string outputText = cstdmf::toUtf8(output);
+  if (settings.incremental && isUpToDate(source, output, settings.toolTime))
+  {
+    ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
+    ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {} (up to date)\n", outputText);
+    return ModelOutcome::UpToDate;
+  }
+
+  const GeometryCompiler::Request request = makeRequest(source);
+  ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
+  ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {}\n", outputText);
+
+  const fs::path outputDirectory = output.parent_path();
+  if (!outputDirectory.empty())
+  {
+    std::error_code error;
+    fs::create_directories(outputDirectory, error);
+    if (error)
+    {
+      ZR_MSG_FMT(DebugMessagePriority::Error, "", "failed to create path {}: {}", cstdmf::toUtf8(outputDirectory),
+                 error.message());
+      return ModelOutcome::Failed;
+    }
+  }
+
+  GeometryCompiler compiler;
+  compiler.setJobs(settings.compilerJobs);
+  return compiler.compile(request, outputText, true, true, true) ? ModelOutcome::Converted : ModelOutcome::Failed;
+}
+
+} // namespace vertexmill

@@ -1,0 +1,44 @@
+#pragma once
+// Converting one model: its companion files, its output directory, the compiler run, and the
+// up-to-date check of --incremental.
+
+#include <filesystem>
+#include <optional>
+
+namespace vertexmill
+{
+
+struct ModelSettings
+{
+  // Threads the compiler may use inside the model (optimising render sets, encoding buffers).
+  unsigned compilerJobs = 1;
+  // Skip the model when its output is newer than everything it is made from.
+  bool incremental = false;
+  // Last write time of the tool's own executable; without it nothing counts as up to date.
+  std::optional<std::filesystem::file_time_type> toolTime;
+};
+
+enum class ModelOutcome
+{
+  Converted,
+  UpToDate,
+  Failed,
+};
+
+// Converts source into output, logging the used-files pair (INFO) and every failure. Touches
+// nothing shared but the read-only registries and the logger, so several models may be
+// converted at once. Failed when the output directory could not be created or the compiler
+// wrote nothing.
+[[nodiscard]] ModelOutcome convertModel(const std::filesystem::path& source, const std::filesystem::path& output,
+                                        const ModelSettings& settings);
+
+// True when output exists and was written after the source, each of its companion files and the
+// tool itself (toolTime). False whenever a time cannot be read.
+[[nodiscard]] bool isUpToDate(const std::filesystem::path& source, const std::filesystem::path& output,
+                              const std::optional<std::filesystem::file_time_type>& toolTime);
+
+// dst / relative source, with the extension replaced by ".geometry".
+std::filesystem::path geometryPathFor(const std::filesystem::path& outputDirectory,
+                                      const std::filesystem::path& relativeSource);
+
+} // namespace vertexmill

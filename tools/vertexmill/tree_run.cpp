@@ -1,0 +1,243 @@
+#include "tree_run.hpp"
+
+#include "console_router.hpp"
+#include "cstdmf/debug.hpp"
+#include "cstdmf/parallel.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "exit_status.hpp"
+#include "progress_line.hpp"
+
+#include <algorithm>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace vertexmill
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+// How far the models being converted may run ahead of the first one whose messages are still
+// waiting to be printed. Bounds the finished-but-unprinted logs when one model takes long.
+constexpr size_t kLookaheadPerJob = 64;
+
+struct Failure
+{
+  std::string source;
+  std::string firstError;
+};
+
+class TreeRun
+{
+public:
+  TreeRun(const ModelList& models, const TreeRunOptions& options, ConsoleRouter& router)
+    : m_models(models), m_options(options), m_router(router), m_progress(options.showProgress),
+      m_slots(models.sources.size())
+  {
+  }
+
+  int run();
+
+private:
+  // What the coordinating thread needs of each model; nothing else is kept per model.
+  struct Slot
+  {
+    bool done = false;
+    ModelOutcome outcome = ModelOutcome::Failed;
+    std::unique_ptr<ModelLog> log;
+  };
+
+  ModelOutcome convert(size_t index, ModelLog& log) const;
+  void publish(size_t index, ModelOutcome outcome, ModelLog& log);
+  void runInOrder();
+  void runConcurrently(unsigned workers);
+  void workerLoop();
+  std::string currentName(size_t index) const;
+
+  const ModelList& m_models;
+  const TreeRunOptions& m_options;
+  ConsoleRouter& m_router;
+  ProgressLine m_progress;
+
+  // Printing side, coordinating thread only.
+  size_t m_generated = 0;
+  std::vector<Failure> m_failures;
+
+  // Shared with the workers, under m_mutex.
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<Slot> m_slots;
+  size_t m_next = 0;      // first model not started
+  size_t m_published = 0; // first model whose messages are not printed yet
+  size_t m_doneCount = 0;
+  bool m_stop = false;
+};
+
+std::string TreeRun::currentName(size_t index) const
+{
+  return index < m_models.sources.size() ? cstdmf::toUtf8(m_models.sources[index]) : std::string();
+}
+
+ModelOutcome TreeRun::convert(size_t index, ModelLog& log) const
+{
+  ModelSettings settings = m_options.model;
+  settings.compilerJobs = compilerJobsFor(index, m_models.sources.size(), m_options.jobs);
+  const cstdmf::ScopedWorkContext context(&log);
+  return convertModel(m_models.sources[index], m_models.outputFor(index), settings);
+}
+
+void TreeRun::publish(size_t index, ModelOutcome outcome, ModelLog& log)
+{
+  m_router.replay(log);
+  if (outcome == ModelOutcome::Failed)
+    m_failures.push_back(Failure{cstdmf::toUtf8(m_models.sources[index]), log.firstError()});
+  else
+    ++m_generated;
+}
+
+void TreeRun::runInOrder()
+{
+  const size_t count = m_models.sources.size();
+  for (size_t index = 0; index < count; ++index)
+  {
+    m_progress.update(index, count, currentName(index), true);
+    ModelLog log;
+    const ModelOutcome outcome = convert(index, log);
+    publish(index, outcome, log);
+    if (outcome == ModelOutcome::Failed && !m_options.keepGoing)
+      return;
+  }
+}
+
+void TreeRun::workerLoop()
+{
+  const size_t count = m_slots.size();
+  const size_t lookahead = kLookaheadPerJob * m_options.jobs;
+  for (;;)
+  {
+    size_t index = 0;
+    {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      m_changed.wait(lock, [&] { return m_stop || m_next >= count || m_next < m_published + lookahead; });
+      if (m_stop || m_next >= count)
+        return;
+      index = m_next++;
+    }
+    auto log = std::make_unique<ModelLog>();
+    const ModelOutcome outcome = convert(index, *log);
+    {
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      Slot& slot = m_slots[index];
+      slot.done = true;
+      slot.outcome = outcome;
+      slot.log = std::move(log);
+      ++m_doneCount;
+      if (outcome == ModelOutcome::Failed && !m_options.keepGoing)
+        m_stop = true;
+    }
+    m_changed.notify_all();
+  }
+}
+
+void TreeRun::runConcurrently(unsigned workers)
+{
+  const size_t count = m_slots.size();
+  std::vector<std::thread> threads;
+  threads.reserve(workers);
+  for (unsigned i = 0; i < workers; ++i)
+    threads.emplace_back([this] { workerLoop(); });
+
+  // This thread prints: each model's log as soon as it and every model before it are done.
+  std::unique_lock<std::mutex> lock(m_mutex);
+  size_t shownDone = static_cast<size_t>(-1);
+  while (m_published < count)
+  {
+    const size_t index = m_published;
+    if (m_slots[index].done)
+    {
+      std::unique_ptr<ModelLog> log = std::move(m_slots[index].log);
+      const ModelOutcome outcome = m_slots[index].outcome;
+      lock.unlock();
+      publish(index, outcome, *log);
+      log.reset();
+      lock.lock();
+      ++m_published;
+      m_changed.notify_all();
+      continue;
+    }
+    // Models are started in list order, so once stopped nothing at or after m_next will run.
+    if (m_stop && index >= m_next)
+      break;
+    if (shownDone != m_doneCount)
+    {
+      shownDone = m_doneCount;
+      lock.unlock();
+      m_progress.update(shownDone, count, currentName(index));
+      lock.lock();
+      continue;
+    }
+    m_changed.wait(lock);
+  }
+  lock.unlock();
+  for (std::thread& thread : threads)
+    thread.join();
+}
+
+int TreeRun::run()
+{
+  const size_t count = m_models.sources.size();
+  m_router.setBeforeWrite([this] { m_progress.clear(); });
+  const unsigned workers = static_cast<unsigned>(std::min<size_t>(m_options.jobs, count));
+  if (workers <= 1)
+    runInOrder();
+  else
+    runConcurrently(workers);
+  m_progress.clear();
+  m_router.setBeforeWrite({});
+
+  if (m_failures.empty())
+  {
+    ZR_MSG_FMT(DebugMessagePriority::Info, "", "Success: {} files generated\n", m_generated);
+    return kExitSuccess;
+  }
+  if (m_options.keepGoing)
+  {
+    std::string lines;
+    for (const Failure& failure : m_failures)
+      lines += "  " + failure.source + ": " + (failure.firstError.empty() ? "no reason given" : failure.firstError) +
+               "\n";
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "{} of {} models failed to convert:\n{}", m_failures.size(), count,
+               lines);
+  }
+  return kExitConversionFailed;
+}
+} // namespace
+
+fs::path ModelList::outputFor(size_t index) const
+{
+  const fs::path& source = sources[index];
+  fs::path relative = source.lexically_relative(sourceRoot);
+  if (relative.empty())
+    relative = source.filename();
+  return geometryPathFor(outputRoot, relative);
+}
+
+unsigned compilerJobsFor(size_t index, size_t count, unsigned jobs)
+{
+  if (jobs <= 1 || index >= count)
+    return 1;
+  const size_t remaining = count - index;
+  const size_t sharing = std::min<size_t>(jobs, remaining);
+  return std::max(1u, static_cast<unsigned>(jobs / sharing));
+}
+
+int convertModels(const ModelList& models, const TreeRunOptions& options, ConsoleRouter& router)
+{
+  TreeRun run(models, options, router);
+  return run.run();
+}
+
+} // namespace vertexmill

@@ -1,0 +1,47 @@
+#pragma once
+// Tree mode after the walk: converts the listed models, several at a time when asked, and keeps
+// the console as if they had been converted one after another in walk order.
+
+#include "model_job.hpp"
+
+#include <filesystem>
+#include <vector>
+
+namespace vertexmill
+{
+
+class ConsoleRouter;
+
+// The models of a tree, in walk order, and where their outputs go.
+struct ModelList
+{
+  std::filesystem::path sourceRoot;
+  std::filesystem::path outputRoot;
+  std::vector<std::filesystem::path> sources; // each below sourceRoot
+
+  // outputRoot / (source relative to sourceRoot), extension ".geometry".
+  std::filesystem::path outputFor(size_t index) const;
+};
+
+struct TreeRunOptions
+{
+  unsigned jobs = 1;       // models converted at once; 1 converts them one after another
+  bool keepGoing = false;  // convert every model even after failures
+  bool showProgress = false;
+  ModelSettings model;     // compilerJobs is worked out per model from `jobs`
+};
+
+// Converts every model of the list and returns the exit status: kExitSuccess, or
+// kExitConversionFailed when a model failed. Without keepGoing no model is started after the
+// first failure; models already being converted are finished and their outputs kept.
+// Each model's messages reach the console together, in list order, whatever `jobs` is; the run
+// ends with "Success: N files generated" (INFO) or, with keepGoing, a list of the failed models
+// and their first error (ERROR).
+[[nodiscard]] int convertModels(const ModelList& models, const TreeRunOptions& options, ConsoleRouter& router);
+
+// Threads the compiler of the model at `index` (of `count`) may use when `jobs` models are
+// converted at once: one while there are enough models to keep every job busy, the idle jobs'
+// share towards the end of the list.
+unsigned compilerJobsFor(size_t index, size_t count, unsigned jobs);
+
+} // namespace vertexmill
