@@ -57,7 +57,11 @@ bool shouldLog(DebugMessagePriority priority);
 // Hands a finished text to the application logger with its category and source location.
 void emit(DebugMessagePriority priority, const char* category, const SourceLocation& where, std::string_view text);
 
-#if defined(__GNUC__) || defined(__clang__)
+#if defined(__MINGW32__)
+// MinGW's C++ runtime formats with its own C99 printf (__USE_MINGW_ANSI_STDIO), which knows %zu;
+// the plain "printf" archetype there would check against the system library's older one.
+#define ZR_PRINTF_LIKE(fmtIndex, firstArg) __attribute__((format(gnu_printf, fmtIndex, firstArg)))
+#elif defined(__GNUC__) || defined(__clang__)
 #define ZR_PRINTF_LIKE(fmtIndex, firstArg) __attribute__((format(printf, fmtIndex, firstArg)))
 #else
 #define ZR_PRINTF_LIKE(fmtIndex, firstArg)

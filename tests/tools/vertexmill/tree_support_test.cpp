@@ -1,0 +1,403 @@
+// The pieces of tree mode that the end-to-end tests cannot steer: display text, the console
+// router under concurrent logging, the walk order, and models that vanish after the walk.
+
+#include "console_router.hpp"
+#include "cstdmf/log_sinks.hpp"
+#include "cstdmf/parallel.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+#include "display_text.hpp"
+#include "exit_status.hpp"
+#include "moo/primitive_vertex_format.hpp"
+#include "tree_run.hpp"
+#include "tree_walk.hpp"
+#include "tool_test_support.hpp"
+
+#include <gtest/gtest.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+using namespace vertexmill;
+
+namespace
+{
+
+// --- Display text -------------------------------------------------------------------------------
+
+TEST(DisplayText, WellFormedTextIsKept)
+{
+  for (const std::string text : {"", "plain/ascii.primitives", "mod\xC3\xA8le", "\xE2\x82\xAC", "\xF0\x9F\x9A\x80",
+                                 "\xF4\x8F\xBF\xBF", "\xEF\xBF\xBD"})
+  {
+    EXPECT_TRUE(isValidUtf8(text)) << text;
+    EXPECT_EQ(toDisplayText(text), text);
+  }
+}
+
+TEST(DisplayText, EveryBadByteBecomesOneReplacementCharacter)
+{
+  const std::string r = "\xEF\xBF\xBD";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+    {"a\xFF" "b", "a" + r + "b"},
+    {"\x80", r},                               // continuation without a lead
+    {"x\xC3", "x" + r},                        // cut short at the end
+    {"\xE2\x82" "z", r + r + "z"},             // cut short before another character
+    {"\xC0\xAF", r + r},                       // overlong '/'
+    {"\xE0\x80\xAF", r + r + r},               // overlong '/' in three bytes
+    {"\xED\xA0\x80", r + r + r},               // UTF-16 surrogate
+    {"\xF4\x90\x80\x80", r + r + r + r},       // above U+10FFFF
+    {"ok\xC3\xA8\xFE\xC3\xA8", "ok\xC3\xA8" + r + "\xC3\xA8"},
+  };
+  for (const auto& [raw, shown] : cases)
+  {
+    EXPECT_FALSE(isValidUtf8(raw));
+    EXPECT_EQ(toDisplayText(raw), shown);
+    EXPECT_TRUE(isValidUtf8(toDisplayText(raw)));
+  }
+}
+
+TEST(DisplayText, TailToWidthKeepsTheEndAndWholeCharacters)
+{
+  EXPECT_EQ(tailToWidth("short", 10), "short");
+  EXPECT_EQ(tailToWidth("abcdefghij", 10), "abcdefghij");
+  EXPECT_EQ(tailToWidth("abcdefghijk", 10), "...efghijk");
+  EXPECT_EQ(tailToWidth("abcdef", 2), "..");
+  // Characters outside ASCII count two columns and are never split.
+  EXPECT_EQ(displayWidth("a\xC3\xA8" "b"), 4u);
+  EXPECT_EQ(tailToWidth("xxxxx\xC3\xA8\xC3\xA8", 7), "...\xC3\xA8\xC3\xA8");
+  EXPECT_EQ(tailToWidth("xxxxx\xC3\xA8\xC3\xA8", 6), "...\xC3\xA8");
+}
+
+// --- Console router -----------------------------------------------------------------------------
+
+// Keeps what it is given as "LEVEL|text" lines.
+class CollectingSink final : public spdlog::sinks::base_sink<std::mutex>
+{
+public:
+  std::vector<std::string> lines()
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return m_lines;
+  }
+
+protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override
+  {
+    m_lines.push_back(std::to_string(static_cast<int>(msg.level)) + "|" +
+                      std::string(msg.payload.data(), msg.payload.size()));
+  }
+  void flush_() override {}
+
+private:
+  std::vector<std::string> m_lines;
+};
+
+constexpr auto kInfo = spdlog::level::level_enum(2);
+constexpr auto kWarning = spdlog::level::level_enum(4);
+constexpr auto kError = spdlog::level::level_enum(5);
+constexpr auto kCritical = spdlog::level::level_enum(6);
+
+struct RouterFixture
+{
+  RouterFixture()
+  {
+    sink->set_level(kWarning);
+    logger.set_level(kInfo);
+  }
+  std::shared_ptr<CollectingSink> sink = std::make_shared<CollectingSink>();
+  std::shared_ptr<ConsoleRouter> router =
+    std::make_shared<ConsoleRouter>(std::vector<std::shared_ptr<spdlog::sinks::sink>>{sink});
+  spdlog::logger logger{"test", router};
+};
+
+TEST(ConsoleRouter, ModelMessagesWaitForTheReplayAndOthersPassStraightThrough)
+{
+  RouterFixture f;
+  ModelLog log;
+  {
+    const cstdmf::ScopedWorkContext context(&log);
+    f.logger.log(kWarning, "model warning");
+    f.logger.log(kInfo, "model info"); // no console sink shows INFO: not kept
+    f.logger.log(kError, "first error\nsecond line");
+    f.logger.log(kError, "second error");
+  }
+  f.logger.log(kError, "outside");
+  EXPECT_EQ(f.sink->lines(), std::vector<std::string>{"5|outside"});
+  EXPECT_EQ(log.firstError(), "first error");
+
+  f.router->replay(log);
+  EXPECT_EQ(f.sink->lines(), (std::vector<std::string>{"5|outside", "4|model warning", "5|first error\nsecond line",
+                                                       "5|second error"}));
+  // A log is replayed once.
+  f.router->replay(log);
+  EXPECT_EQ(f.sink->lines().size(), 4u);
+}
+
+TEST(ConsoleRouter, FirstErrorIsKeptEvenWithoutConsoleSinks)
+{
+  auto router = std::make_shared<ConsoleRouter>(std::vector<std::shared_ptr<spdlog::sinks::sink>>{});
+  spdlog::logger logger("quiet", router);
+  ModelLog log;
+  {
+    const cstdmf::ScopedWorkContext context(&log);
+    logger.log(kWarning, "only a warning");
+    logger.log(kError, "bad \xFF name");
+  }
+  EXPECT_EQ(log.firstError(), "bad \xEF\xBF\xBD name");
+  EXPECT_TRUE(log.takeRecords().empty());
+}
+
+TEST(ConsoleRouter, TextThatIsNotUtf8IsCleanedOnBothPaths)
+{
+  RouterFixture f;
+  f.logger.log(kError, "direct \xC3(");
+  ModelLog log;
+  {
+    const cstdmf::ScopedWorkContext context(&log);
+    f.logger.log(kError, "kept \xFF");
+  }
+  f.router->replay(log);
+  EXPECT_EQ(f.sink->lines(), (std::vector<std::string>{"5|direct \xEF\xBF\xBD(", "5|kept \xEF\xBF\xBD"}));
+}
+
+TEST(ConsoleRouter, CriticalMessageBringsOutTheModelsLinesFirst)
+{
+  RouterFixture f;
+  ModelLog log;
+  {
+    const cstdmf::ScopedWorkContext context(&log);
+    f.logger.log(kWarning, "before");
+    f.logger.log(kCritical, "ASSERTION FAILED: x");
+  }
+  EXPECT_EQ(f.sink->lines(), (std::vector<std::string>{"4|before", "6|ASSERTION FAILED: x"}));
+  f.router->replay(log);
+  EXPECT_EQ(f.sink->lines().size(), 2u);
+}
+
+TEST(ConsoleRouter, ThreadsStartedForAModelLogIntoItsLog)
+{
+  // Several "models" at once, each splitting its work over threads as the compiler does; every
+  // message must land in its own model's log and nothing on the console before the replay.
+  RouterFixture f;
+  constexpr int kModels = 6;
+  constexpr size_t kItems = 40;
+  std::vector<ModelLog> logs(kModels);
+  std::vector<std::thread> threads;
+  for (int m = 0; m < kModels; ++m)
+  {
+    threads.emplace_back([&, m] {
+      const cstdmf::ScopedWorkContext context(&logs[m]);
+      f.logger.log(kWarning, "model {} start", m);
+      cstdmf::parallelFor(kItems, 4, [&](size_t i) { f.logger.log(kWarning, "model {} item {}", m, i); });
+      f.logger.log(kWarning, "model {} end", m);
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_TRUE(f.sink->lines().empty());
+
+  for (int m = 0; m < kModels; ++m)
+    f.router->replay(logs[m]);
+  const std::vector<std::string> lines = f.sink->lines();
+  ASSERT_EQ(lines.size(), kModels * (kItems + 2));
+  for (int m = 0; m < kModels; ++m)
+  {
+    const size_t first = m * (kItems + 2);
+    EXPECT_EQ(lines[first], "4|model " + std::to_string(m) + " start");
+    EXPECT_EQ(lines[first + kItems + 1], "4|model " + std::to_string(m) + " end");
+    std::vector<bool> seen(kItems, false);
+    for (size_t i = 1; i <= kItems; ++i)
+    {
+      const std::string prefix = "4|model " + std::to_string(m) + " item ";
+      ASSERT_EQ(lines[first + i].rfind(prefix, 0), 0u) << lines[first + i];
+      seen[std::stoul(lines[first + i].substr(prefix.size()))] = true;
+    }
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), static_cast<long>(kItems));
+  }
+}
+
+// --- Walk and runner ----------------------------------------------------------------------------
+
+class TreeSupport : public ::testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    static std::atomic<int> s_counter{0};
+    m_root = fs::temp_directory_path() / ("vertexmill_tree_" + std::to_string(platform::processId()) + "_" +
+                                          std::to_string(s_counter++));
+    fs::remove_all(m_root);
+    fs::create_directories(m_root);
+  }
+  void TearDown() override
+  {
+    std::error_code error;
+    fs::remove_all(m_root, error);
+  }
+
+  void touch(const std::string& relative, const std::string& bytes = "x")
+  {
+    const fs::path path = m_root / relative;
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+  }
+
+  fs::path m_root;
+};
+
+std::vector<fs::path> referenceWalk(const fs::path& root)
+{
+  std::vector<fs::path> found;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root))
+  {
+    if (fs::is_regular_file(entry.status()) && entry.path().extension() == ".primitives")
+      found.push_back(entry.path());
+  }
+  return found;
+}
+
+TEST_F(TreeSupport, WalkListsModelsInTheOrderOfARecursiveIteration)
+{
+  for (const char* name : {"a.primitives", "b.txt", "sub/c.primitives", "sub/deeper/d.primitives", "sub/e.PRIMITIVES",
+                           "z/y/x/w.primitives", "z/v.primitives", "dir.primitives/inner.primitives",
+                           "m.primitives.bak"})
+    touch(name);
+  fs::create_directories(m_root / "empty");
+  std::vector<fs::path> models;
+  std::string error;
+  ASSERT_TRUE(listModels(m_root, models, error)) << error;
+  EXPECT_EQ(models, referenceWalk(m_root));
+  EXPECT_EQ(models.size(), 6u);
+}
+
+TEST_F(TreeSupport, WalkFollowsFileLinksButNotDirectoryLinks)
+{
+  touch("real/model.primitives");
+  fs::create_directories(m_root / "tree");
+  std::error_code error;
+  fs::create_directory_symlink(m_root / "real", m_root / "tree" / "linked", error);
+  if (error)
+    GTEST_SKIP() << "no symbolic links here: " << error.message();
+  fs::create_symlink(m_root / "real" / "model.primitives", m_root / "tree" / "file_link.primitives");
+  fs::create_symlink(m_root / "nowhere.primitives", m_root / "tree" / "dangling.primitives");
+
+  std::vector<fs::path> models;
+  std::string text;
+  ASSERT_TRUE(listModels(m_root / "tree", models, text)) << text;
+  EXPECT_EQ(models, std::vector<fs::path>{m_root / "tree" / "file_link.primitives"});
+
+  fs::create_symlink("loop.primitives", m_root / "tree" / "loop.primitives");
+  models.clear();
+  EXPECT_FALSE(listModels(m_root / "tree", models, text));
+  EXPECT_EQ(text.rfind("cannot examine " + cstdmf::toUtf8(m_root / "tree" / "loop.primitives") + ": ", 0), 0u)
+    << text;
+}
+
+TEST_F(TreeSupport, WalkHandlesVeryDeepTrees)
+{
+  // Deeper than the default limit of open files on many systems (1024).
+  fs::path deep = m_root;
+  for (int level = 0; level < 1500; ++level)
+    deep /= "d";
+  std::error_code error;
+  fs::create_directories(deep, error);
+  ASSERT_FALSE(error) << error.message();
+  std::ofstream(deep / "bottom.primitives") << "x";
+
+  std::vector<fs::path> models;
+  std::string text;
+  ASSERT_TRUE(listModels(m_root, models, text)) << text;
+  EXPECT_EQ(models, std::vector<fs::path>{deep / "bottom.primitives"});
+}
+
+TEST_F(TreeSupport, CompilerJobsGoToTheLastModels)
+{
+  EXPECT_EQ(compilerJobsFor(0, 1, 1), 1u);
+  EXPECT_EQ(compilerJobsFor(0, 1, 8), 8u);   // one model: all of them
+  EXPECT_EQ(compilerJobsFor(0, 100, 4), 1u); // enough models for every job
+  EXPECT_EQ(compilerJobsFor(96, 100, 4), 1u);
+  EXPECT_EQ(compilerJobsFor(97, 100, 4), 1u); // three left: 4 / 3
+  EXPECT_EQ(compilerJobsFor(98, 100, 4), 2u);
+  EXPECT_EQ(compilerJobsFor(99, 100, 4), 4u);
+}
+
+// Models listed by the walk that are gone when their turn comes.
+class RunnerFixture : public TreeSupport
+{
+protected:
+  void SetUp() override
+  {
+    TreeSupport::SetUp();
+    Moo::PrimitiveVertexFormat::init(0);
+    cstdmf::resetLogging();
+    m_sink->set_level(kWarning);
+    cstdmf::appLogger().sinks().push_back(m_sink);
+    m_router = installConsoleRouter();
+  }
+  void TearDown() override
+  {
+    cstdmf::resetLogging();
+    Moo::PrimitiveVertexFormat::fini();
+    TreeSupport::TearDown();
+  }
+
+  std::shared_ptr<CollectingSink> m_sink = std::make_shared<CollectingSink>();
+  std::shared_ptr<ConsoleRouter> m_router;
+};
+
+TEST_F(RunnerFixture, ModelsRemovedAfterTheWalkFailCleanly)
+{
+  const std::string model = vertexmill_test::validPrimitives();
+  ASSERT_FALSE(model.empty());
+  for (const char* name : {"src/a.primitives", "src/b.primitives", "src/c.primitives", "src/d.primitives"})
+    touch(name, model);
+  ModelList list;
+  list.sourceRoot = m_root / "src";
+  list.outputRoot = m_root / "out" / "src";
+  std::string error;
+  ASSERT_TRUE(listModels(list.sourceRoot, list.sources, error)) << error;
+  ASSERT_EQ(list.sources.size(), 4u);
+  const fs::path removed = list.sources[1];
+  fs::remove(removed);
+
+  for (const unsigned jobs : {1u, 3u})
+  {
+    for (const bool keepGoing : {false, true})
+    {
+      fs::remove_all(m_root / "out");
+      const size_t linesBefore = m_sink->lines().size();
+      TreeRunOptions options;
+      options.jobs = jobs;
+      options.keepGoing = keepGoing;
+      EXPECT_EQ(convertModels(list, options, *m_router), kExitConversionFailed);
+
+      const std::vector<std::string> all = m_sink->lines();
+      const std::vector<std::string> lines(all.begin() + static_cast<long>(linesBefore), all.end());
+      ASSERT_FALSE(lines.empty());
+      EXPECT_NE(lines.front().find(cstdmf::toUtf8(removed)), std::string::npos) << lines.front();
+      EXPECT_TRUE(fs::exists(list.outputFor(0))) << jobs;
+      EXPECT_FALSE(fs::exists(list.outputFor(1)));
+      if (keepGoing)
+      {
+        EXPECT_TRUE(fs::exists(list.outputFor(2)) && fs::exists(list.outputFor(3)));
+        EXPECT_EQ(lines.back().rfind("5|1 of 4 models failed to convert:\n  " + cstdmf::toUtf8(removed) + ": ", 0), 0u)
+          << lines.back();
+      }
+      else if (jobs == 1)
+      {
+        EXPECT_FALSE(fs::exists(list.outputFor(2)) || fs::exists(list.outputFor(3)));
+      }
+    }
+  }
+}
+
+} // namespace

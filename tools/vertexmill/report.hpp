@@ -1,0 +1,56 @@
+#pragma once
+// The statistics report of a run (--report FILE): one JSON document describing every model
+// converted, with a stable schema (docs/report.md). Collected only when asked for.
+
+#include "geometry_compiler/compile_statistics.hpp"
+#include "cstdmf/debug.hpp"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace vertexmill
+{
+
+struct ModelReport
+{
+  std::string source;
+  std::string output;
+  std::string status; // "converted", "failed" or "up-to-date"
+  double seconds = 0.0;
+  CompileStatistics statistics;
+  std::vector<std::string> warnings;
+  std::vector<std::string> errors;
+};
+
+// Collects the WARNING and higher messages of the thread it lives on while it is alive.
+class ReportMessageCollector final : public cstdmf::ScopedMessageWatcher
+{
+public:
+  explicit ReportMessageCollector(ModelReport& report) : m_report(report) {}
+  void onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text) override;
+
+private:
+  ModelReport& m_report;
+};
+
+class Report
+{
+public:
+  // Models may be added from several threads; they are written in the order of `order`, their
+  // position in the directory walk.
+  void addModel(size_t order, ModelReport model);
+
+  // Writes the document to `path` (UTF-8) through a temporary file renamed over it. False, after
+  // an ERROR message naming the path, when it cannot be written.
+  [[nodiscard]] bool write(const std::string& path) const;
+
+  // The document as text (tests).
+  std::string toJson() const;
+
+private:
+  mutable std::mutex m_mutex;
+  std::vector<std::pair<size_t, ModelReport>> m_models;
+};
+
+} // namespace vertexmill
