@@ -4,11 +4,26 @@
 // repository) is imported once, in format xyznuvtb as primitives_from_obj does by default, to a
 // .primitives file in a temporary folder. Then per model:
 //   compile/<model>  GeometryCompiler::compile as the tool runs it (encode, optimise, verify; one
-//                    job; file read and write included). Each iteration also runs the five bare
-//                    meshoptimizer calls on a fresh copy of the same converted data, untimed for
-//                    the Time column, and reports them as counters: bare_ms, and ratio = compile
-//                    time / bare time summed over the same iterations, so both sides of the ratio
-//                    saw the same machine load.
+//                    job; file read and write included). Each iteration also runs, outside the
+//                    Time column, the five bare meshoptimizer calls on a fresh copy of the same
+//                    converted data, and the compiler's stages one by one on the same model, and
+//                    reports them as counters (milliseconds per iteration):
+//                      bare_ms     the five bare calls;
+//                      ratio       compile time / bare time, summed over the same iterations, so
+//                                  both sides saw the same machine load;
+//                      read_ms, pack_ms, save_ms
+//                                  one more compile, run as its three public steps, each timed:
+//                                  readFile (file read, section split), packLOD (conversion,
+//                                  verification, texel density, merging, index range checks) and
+//                                  save (optimisation, encoding, packing, writing the file);
+//                      convert_ms  Moo::convertVertices of every vertex section, with its buffer;
+//                      verify_ms   the verifier over the converted vertices;
+//                      texel_ms    Moo::Utils::calculateTexelDensity of every render set;
+//                      mdo_ms      the compiler's own MeshDataOptimizer wrappers (optimizeMeshData,
+//                                  encodeVertexData, encodeIndexData) on the stored index widths:
+//                                  the five calls plus widening, narrowing and copies.
+//                    The last four run alone on the same data, so pack_ms minus them estimates
+//                    merging and index checks, and save_ms minus mdo_ms packing and writing.
 //   meshopt/<model>  the five bare calls alone (Time column), for reference.
 // Before timing, one untimed compile per model checks that the bare calls produce the same encoded
 // sizes as the compiler, i.e. that they really are the same calls on the same data.
@@ -18,7 +33,14 @@
 
 #include "cstdmf/log_sinks.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
+#include "geometry_compiler/texel_density.hpp"
+#include "geometry_compiler/verifier.hpp"
+#include "mesh_data_optimizer/coder.hpp"
+#include "mesh_data_optimizer/optimizer.hpp"
+#include "moo/index_format.hpp"
 #include "moo/primitive_vertex_format.hpp"
+#include "moo/vertex_conversion.hpp"
+#include "moo/vertex_section.hpp"
 #include "primitives_from_obj/mesh_builder.hpp"
 #include "primitives_from_obj/obj_reader.hpp"
 #include "primitives_from_obj/primitives_writer.hpp"
@@ -29,6 +51,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -47,6 +70,25 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kSourceFormat = "xyznuvtb";
 
+// A source vertex section as the file holds it, for timing the conversion alone.
+struct SourceSection
+{
+  const Moo::PrimitiveVertexFormat* format = nullptr;
+  std::vector<std::byte> payload;
+  uint32_t vertexCount = 0;
+  uint32_t gpuStride = 0;
+};
+
+// The merged buffers as the compiler stores them before optimisation (indices at their stored
+// width), for timing the compiler's own stages.
+struct StoredMesh
+{
+  std::vector<std::vector<std::byte>> vertexBuffers;
+  std::vector<const Moo::VertexFormat*> gpuFormats; // per vertex buffer
+  std::vector<std::vector<std::byte>> indexBuffers;
+  std::vector<IndexFormat> indexFormats; // per index buffer
+};
+
 struct Model
 {
   std::string name;
@@ -54,6 +96,8 @@ struct Model
   std::string outputPath;
   VertexmillBench::GpuMesh converted; // before optimisation: each run starts from a copy
   uint64_t triangles = 0;
+  std::vector<SourceSection> sources;
+  StoredMesh stored;
 };
 
 double seconds(Clock::duration duration)
@@ -99,6 +143,187 @@ bool importModel(const fs::path& objPath, const std::string& primitivesPath, std
   return container && objimport::writeFileReplacing(primitivesPath, container->data(), container->len(), error);
 }
 
+std::span<const std::byte> bytesOf(const BinaryPtr& block)
+{
+  return {reinterpret_cast<const std::byte*>(block->data()), block->len()};
+}
+
+// Fills model.sources and model.stored from the .primitives file and model.converted.
+bool prepareStages(Model& model, std::string& error)
+{
+  GeometryCompiler compiler;
+  GeometryCompiler::BinFile file;
+  if (!compiler.readFile(model.primitivesPath, file))
+  {
+    error = "cannot read " + model.primitivesPath;
+    return false;
+  }
+  for (const auto& [name, block] : file.children)
+  {
+    if (!name.ends_with(".vertices"))
+      continue;
+    Moo::VertexSectionHeader header;
+    if (!Moo::readVertexSectionHeader(bytesOf(block), name, header))
+      return false;
+    SourceSection section;
+    section.format = Moo::PrimitiveVertexFormat::findByFormatName(header.formatName);
+    if (!section.format)
+    {
+      error = "unknown format " + header.formatName;
+      return false;
+    }
+    const uint32_t sourceStride = ari::VertexDeclaration::computeStreamDataSize(section.format->m_format, 0);
+    if (!Moo::checkVertexPayload(header, sourceStride, name))
+      return false;
+    section.payload.assign(header.payload.begin(), header.payload.end());
+    section.vertexCount = header.vertexCount;
+    section.gpuStride = ari::VertexDeclaration::computeStreamDataSize(section.format->m_gpuFormat, 0);
+    model.sources.push_back(std::move(section));
+  }
+
+  for (const VertexmillBench::GpuMesh::VertexBuffer& buffer : model.converted.vertexBuffers)
+  {
+    const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByGPUFormatName(buffer.gpuFormatName);
+    if (!format)
+    {
+      error = "unknown GPU format " + buffer.gpuFormatName;
+      return false;
+    }
+    model.stored.vertexBuffers.push_back(buffer.bytes);
+    model.stored.gpuFormats.push_back(&format->m_gpuFormat);
+  }
+  for (const VertexmillBench::GpuMesh::IndexBuffer& buffer : model.converted.indexBuffers)
+  {
+    std::vector<std::byte> bytes(buffer.indices.size() * buffer.storedIndexSize);
+    for (size_t i = 0; i < buffer.indices.size(); ++i)
+    {
+      if (buffer.storedIndexSize == 2)
+      {
+        const uint16_t narrow = static_cast<uint16_t>(buffer.indices[i]);
+        std::memcpy(bytes.data() + i * 2, &narrow, 2);
+      }
+      else
+        std::memcpy(bytes.data() + i * 4, &buffer.indices[i], 4);
+    }
+    model.stored.indexBuffers.push_back(std::move(bytes));
+    model.stored.indexFormats.push_back(buffer.storedIndexSize == 2 ? IndexFormat::LIST : IndexFormat::LIST32);
+  }
+  return true;
+}
+
+// The byte ranges of one render set inside the stored buffers.
+struct SetRanges
+{
+  std::span<std::byte> vertices;
+  std::span<std::byte> indices;
+};
+
+SetRanges rangesOf(StoredMesh& stored, const VertexmillBench::GpuMesh::RenderSet& set, uint32_t stride,
+                   uint32_t indexSize)
+{
+  return {std::span<std::byte>(stored.vertexBuffers[set.vertexBuffer])
+            .subspan(size_t(set.firstVertex) * stride, size_t(set.vertexCount) * stride),
+          std::span<std::byte>(stored.indexBuffers[set.indexBuffer])
+            .subspan(size_t(set.firstIndex) * indexSize, size_t(set.indexCount) * indexSize)};
+}
+
+struct StageTimes
+{
+  double read = 0, pack = 0, save = 0, convert = 0, verify = 0, texel = 0, mdo = 0;
+};
+
+// Runs the compiler's stages one by one, each timed alone, on the model's data.
+void runStages(const Model& model, StageTimes& times)
+{
+  // compile() without companions is exactly these three steps with the default settings.
+  {
+    GeometryCompiler compiler;
+    GeometryCompiler::BinFile file;
+    Clock::time_point start = Clock::now();
+    bool done = compiler.readFile(model.primitivesPath, file);
+    Clock::time_point end = Clock::now();
+    times.read += seconds(end - start);
+    done = done && compiler.packLOD(file);
+    file.children.clear();
+    start = Clock::now();
+    times.pack += seconds(start - end);
+    done = done && compiler.save(model.outputPath);
+    times.save += seconds(Clock::now() - start);
+    benchmark::DoNotOptimize(done);
+  }
+
+  Clock::time_point start = Clock::now();
+  for (const SourceSection& section : model.sources)
+  {
+    std::vector<std::byte> converted(size_t(section.vertexCount) * section.gpuStride);
+    const bool done = Moo::convertVertices(converted.data(), section.format->m_gpuFormat, section.payload.data(),
+                                           section.format->m_format, section.vertexCount);
+    benchmark::DoNotOptimize(done);
+    benchmark::DoNotOptimize(converted.data());
+  }
+  times.convert += seconds(Clock::now() - start);
+
+  const VertexmillBench::GpuMesh& mesh = model.converted;
+  StoredMesh stored = model.stored; // optimisation works in place
+  start = Clock::now();
+  for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+  {
+    const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
+    const SetRanges ranges = rangesOf(stored, set, stride, mesh.indexBuffers[set.indexBuffer].storedIndexSize);
+    Verifier verifier;
+    verifier.verify(ranges.vertices.data(), ranges.vertices.size(), *stored.gpuFormats[set.vertexBuffer]);
+    benchmark::DoNotOptimize(verifier.invalidPositions());
+  }
+  times.verify += seconds(Clock::now() - start);
+
+  start = Clock::now();
+  for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+  {
+    const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
+    const SetRanges ranges = rangesOf(stored, set, stride, mesh.indexBuffers[set.indexBuffer].storedIndexSize);
+    const float density = Moo::Utils::calculateTexelDensity(*stored.gpuFormats[set.vertexBuffer], ranges.vertices,
+                                                            ranges.indices, stored.indexFormats[set.indexBuffer]);
+    benchmark::DoNotOptimize(density);
+  }
+  times.texel += seconds(Clock::now() - start);
+
+  start = Clock::now();
+  for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+  {
+    const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
+    const SetRanges ranges = rangesOf(stored, set, stride, mesh.indexBuffers[set.indexBuffer].storedIndexSize);
+    if (stored.indexFormats[set.indexBuffer] == IndexFormat::LIST)
+      MeshDataOptimizer::optimizeMeshData<uint16_t>(
+        ranges.vertices, stride,
+        std::span<uint16_t>(reinterpret_cast<uint16_t*>(ranges.indices.data()), ranges.indices.size() / 2));
+    else
+      MeshDataOptimizer::optimizeMeshData<uint32_t>(
+        ranges.vertices, stride,
+        std::span<uint32_t>(reinterpret_cast<uint32_t*>(ranges.indices.data()), ranges.indices.size() / 4));
+  }
+  for (size_t b = 0; b < stored.vertexBuffers.size(); ++b)
+  {
+    const auto encoded = MeshDataOptimizer::encodeVertexData(stored.vertexBuffers[b], mesh.vertexBuffers[b].stride);
+    benchmark::DoNotOptimize(encoded.data());
+  }
+  for (size_t b = 0; b < stored.indexBuffers.size(); ++b)
+  {
+    size_t vertexCount = 0;
+    for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+      if (set.indexBuffer == b)
+        vertexCount = std::max<size_t>(vertexCount, set.vertexCount);
+    const std::vector<std::byte>& bytes = stored.indexBuffers[b];
+    const auto encoded =
+      stored.indexFormats[b] == IndexFormat::LIST
+        ? MeshDataOptimizer::encodeIndexData<uint16_t>(
+            std::span<const uint16_t>(reinterpret_cast<const uint16_t*>(bytes.data()), bytes.size() / 2), vertexCount)
+        : MeshDataOptimizer::encodeIndexData<uint32_t>(
+            std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(bytes.data()), bytes.size() / 4), vertexCount);
+    benchmark::DoNotOptimize(encoded.data());
+  }
+  times.mdo += seconds(Clock::now() - start);
+}
+
 bool compileModel(const Model& model, CompileStatistics* statistics)
 {
   GeometryCompiler compiler;
@@ -134,6 +359,7 @@ void compileBenchmark(benchmark::State& state, const Model* model)
 {
   double compileTotal = 0.0;
   double bareTotal = 0.0;
+  StageTimes stages;
   for (auto _ : state)
   {
     const Clock::time_point start = Clock::now();
@@ -151,16 +377,26 @@ void compileBenchmark(benchmark::State& state, const Model* model)
     const Clock::duration bareTime = Clock::now() - bareStart;
     benchmark::DoNotOptimize(sizes);
 
+    runStages(*model, stages);
+
     state.SetIterationTime(seconds(compileTime));
     compileTotal += seconds(compileTime);
     bareTotal += seconds(bareTime);
   }
   if (bareTotal > 0.0 && state.iterations() > 0)
   {
+    const double perIteration = 1e3 / double(state.iterations());
     state.counters["triangles"] = double(model->triangles);
     state.counters["Mtri/s"] = double(model->triangles) * double(state.iterations()) / compileTotal / 1e6;
-    state.counters["bare_ms"] = bareTotal / double(state.iterations()) * 1e3;
+    state.counters["bare_ms"] = bareTotal * perIteration;
     state.counters["ratio"] = compileTotal / bareTotal;
+    state.counters["read_ms"] = stages.read * perIteration;
+    state.counters["pack_ms"] = stages.pack * perIteration;
+    state.counters["save_ms"] = stages.save * perIteration;
+    state.counters["convert_ms"] = stages.convert * perIteration;
+    state.counters["verify_ms"] = stages.verify * perIteration;
+    state.counters["texel_ms"] = stages.texel * perIteration;
+    state.counters["mdo_ms"] = stages.mdo * perIteration;
   }
 }
 
@@ -233,7 +469,8 @@ int main(int argc, char** argv)
     model->outputPath = (folder.path / (model->name + ".geometry")).string();
     std::string message;
     if (!importModel(objFile, model->primitivesPath, message) ||
-        !VertexmillBench::loadGpuMesh(model->primitivesPath, model->converted, message))
+        !VertexmillBench::loadGpuMesh(model->primitivesPath, model->converted, message) ||
+        !prepareStages(*model, message))
     {
       std::fprintf(stderr, "bench_compile: skipping %s: %s\n", objFile.string().c_str(), message.c_str());
       continue;

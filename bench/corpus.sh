@@ -146,12 +146,12 @@ for obj in "${objs[@]}"; do
     gltf_us=$(median "$dir/gltf.txt" 1)
     gltf_kib=$(median "$dir/gltf.txt" 2)
     tool_gltf=$(ratio_median "$dir/tool.txt" "$dir/gltf.txt")
-    glb_bytes=$(stat -c %s "$dir/out.glb")
   else
-    gltf_us=nan gltf_kib=nan tool_gltf=nan glb_bytes=nan
+    gltf_us=nan gltf_kib=nan tool_gltf=nan
   fi
-  echo "$name $triangles $tool_us $tool_kib $geometry_bytes $raw_bytes $bare_us $bare_kib $tool_bare $gltf_us $gltf_kib $tool_gltf $glb_bytes" >>"$results"
+  echo "$name $triangles $tool_us $tool_kib $geometry_bytes $raw_bytes $bare_us $bare_kib $tool_bare $gltf_us $gltf_kib $tool_gltf" >>"$results"
 done
+sort -k2,2n -o "$results" "$results"
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 echo "| mesh | triangles | vertexmill s | Mtri/s | peak MiB | .geometry / raw | bare s | bare MiB | vertexmill / bare | gltfpack s | gltfpack MiB | vertexmill / gltfpack |"

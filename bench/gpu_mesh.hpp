@@ -22,6 +22,7 @@ struct GpuMesh
   {
     uint32_t stride = 0;
     std::vector<std::byte> bytes;
+    std::string gpuFormatName; // where known; not stored in the file
   };
 
   struct IndexBuffer

@@ -1,6 +1,7 @@
 # The dependencies of the Windows cross build, made from what Debian ships for the build host
 # instead of from find_package (Debian has no MinGW packages for most of them):
-#   fmt, spdlog, nlohmann-json  header-only, from the host's /usr/include
+#   fmt, nlohmann-json          header-only, from the host's /usr/include
+#   spdlog                      compiled from the host's /usr/include/spdlog headers
 #   meshoptimizer               compiled from Debian's source package of the host's release
 #   GoogleTest                  compiled from /usr/src/googletest (libgtest-dev)
 #   zlib                        libz-mingw-w64-dev, found in the MinGW sysroot
@@ -29,13 +30,14 @@ set_target_properties(fmt::fmt PROPERTIES
   INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR}
   INTERFACE_COMPILE_DEFINITIONS FMT_HEADER_ONLY)
 
-# Header-only spdlog includes <windows.h> in every file that includes it: keep min/max usable and
-# the rest of the Windows API out.
-add_library(spdlog::spdlog INTERFACE IMPORTED)
-set_target_properties(spdlog::spdlog PROPERTIES
-  INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR}
-  INTERFACE_COMPILE_DEFINITIONS "SPDLOG_FMT_EXTERNAL;NOMINMAX;WIN32_LEAN_AND_MEAN"
-  INTERFACE_LINK_LIBRARIES fmt::fmt)
+# spdlog compiled once from its headers (see windows/spdlog_library.cpp): header-only, it would
+# bring <windows.h> into every file that logs.
+add_library(vertexmill_spdlog STATIC ${CMAKE_CURRENT_LIST_DIR}/windows/spdlog_library.cpp)
+target_include_directories(vertexmill_spdlog SYSTEM PUBLIC ${VERTEXMILL_HEADER_DIR})
+target_compile_definitions(vertexmill_spdlog PUBLIC SPDLOG_COMPILED_LIB SPDLOG_FMT_EXTERNAL)
+target_compile_features(vertexmill_spdlog PUBLIC cxx_std_20)
+target_link_libraries(vertexmill_spdlog PUBLIC fmt::fmt Threads::Threads)
+add_library(spdlog::spdlog ALIAS vertexmill_spdlog)
 
 add_library(nlohmann_json::nlohmann_json INTERFACE IMPORTED)
 set_target_properties(nlohmann_json::nlohmann_json PROPERTIES INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR})

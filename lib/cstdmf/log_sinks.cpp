@@ -1,6 +1,7 @@
 #include "cstdmf/log_sinks.hpp"
 
 #include "cstdmf/platform.hpp"
+#include "cstdmf/single_level_stdout_logger.hpp"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>

@@ -6,7 +6,6 @@
 
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 
 #include <chrono>
 #include <cstdint>
@@ -60,13 +59,6 @@ std::unique_ptr<spdlog::formatter> makeFormatter(const std::string& pattern);
 
 // The category of the message being logged on this thread ("" outside a log call).
 const char* currentCategory();
-
-// Standard-output sink that writes a record only when its level equals the sink's level.
-class SingleLevelStdoutLogger final : public spdlog::sinks::stdout_sink_mt
-{
-public:
-  void log(const spdlog::details::log_msg& msg) override;
-};
 
 // Writes every record through platform::debugOutput, serialised by its own mutex.
 class DebuggerOutputSink final : public spdlog::sinks::base_sink<std::mutex>

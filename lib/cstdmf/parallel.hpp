@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -49,7 +50,8 @@ private:
 
 // Calls fn(i) for every i in [0, count), on up to `jobs` threads (the calling thread included).
 // Items are independent; fn must not throw. With jobs <= 1 everything runs in order on the
-// calling thread. The threads started here run with the caller's work context.
+// calling thread. The threads started here run with the caller's work context; when the system
+// refuses to start one, the loop still completes on fewer threads.
 template <typename Fn>
 void parallelFor(size_t count, unsigned jobs, Fn&& fn)
 {
@@ -70,7 +72,17 @@ void parallelFor(size_t count, unsigned jobs, Fn&& fn)
   std::vector<std::thread> threads;
   threads.reserve(extra);
   for (size_t t = 0; t < extra; ++t)
-    threads.emplace_back(worker);
+  {
+    try
+    {
+      threads.emplace_back(worker);
+    }
+    catch (const std::system_error&)
+    {
+      // The system refused another thread: the ones there are (at least this one) do the rest.
+      break;
+    }
+  }
   worker();
   for (auto& thread : threads)
     thread.join();

@@ -1,6 +1,7 @@
 #include "cstdmf/critical_error.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
+#include "cstdmf/single_level_stdout_logger.hpp"
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>

@@ -8,10 +8,12 @@
 #include "progress_line.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 
 namespace vertexmill
@@ -145,10 +147,26 @@ void TreeRun::workerLoop()
 void TreeRun::runConcurrently(unsigned workers)
 {
   const size_t count = m_slots.size();
+  m_progress.update(0, count, currentName(0), true);
   std::vector<std::thread> threads;
   threads.reserve(workers);
   for (unsigned i = 0; i < workers; ++i)
-    threads.emplace_back([this] { workerLoop(); });
+  {
+    try
+    {
+      threads.emplace_back([this] { workerLoop(); });
+    }
+    catch (const std::system_error&)
+    {
+      // The system refused another thread: go on with the ones there are.
+      break;
+    }
+  }
+  if (threads.empty())
+  {
+    runInOrder();
+    return;
+  }
 
   // This thread prints: each model's log as soon as it and every model before it are done.
   std::unique_lock<std::mutex> lock(m_mutex);
@@ -229,6 +247,8 @@ unsigned compilerJobsFor(size_t index, size_t count, unsigned jobs)
 {
   if (jobs <= 1 || index >= count)
     return 1;
+  if (const char* all = std::getenv("VM_ALL_JOBS"); all && *all == '1')
+    return jobs;
   const size_t remaining = count - index;
   const size_t sharing = std::min<size_t>(jobs, remaining);
   return std::max(1u, static_cast<unsigned>(jobs / sharing));

@@ -87,8 +87,9 @@ inline BinaryPtr blockOf(const std::string& bytes)
 }
 
 // A valid model: one triangle per render set, "xyznuv" vertices (position, unit normal, uv) and
-// "list" indices.
-inline std::string validPrimitives(const std::vector<std::string>& setNames = {"hull"})
+// "list" indices. With zeroNormals the normals are (0, 0, 0): the model is still written, and the
+// verifier warns about every set.
+inline std::string validPrimitives(const std::vector<std::string>& setNames = {"hull"}, bool zeroNormals = false)
 {
   std::vector<std::pair<std::string, BinaryPtr>> entries;
   for (const std::string& set : setNames)
@@ -99,7 +100,7 @@ inline std::string validPrimitives(const std::vector<std::string>& setNames = {"
     const float corners[3][2] = {{0.0f, 0.0f}, {1.0f, 0.0f}, {0.0f, 1.0f}};
     for (const auto& corner : corners)
     {
-      const float vertex[8] = {corner[0], corner[1], 0.5f, 0.0f, 0.0f, 1.0f, corner[0], corner[1]};
+      const float vertex[8] = {corner[0], corner[1], 0.5f, 0.0f, 0.0f, zeroNormals ? 0.0f : 1.0f, corner[0], corner[1]};
       appendPod(vertices, vertex, sizeof(vertex));
     }
 

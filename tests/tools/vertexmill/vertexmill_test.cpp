@@ -30,6 +30,10 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "      --src-path <path>  path to main primitives file in default modeor directory to search this files in "
     "tree mode\n"
     "      --dst-path <path>  path to destination directory\n"
+    "  -j, --jobs <N>         convert N models at once, and use N threads within a model (0: one per hardware "
+    "thread)\n"
+    "      --keep-going       in tree mode convert every model even after failures, then list the failed ones\n"
+    "      --incremental      skip models whose .geometry file is newer than their sources and the tool\n"
     "      --version          print the tool's name and version\n"
     "  -h, --help             Display this message.\n";
   for (const char* help : {"--help", "-h"})
