@@ -11,7 +11,8 @@
 #      untimed).
 # Steps 2 to 4 run one after another, REPEATS times (default 5); each figure is the median, and
 # the ratios are medians of the per-round ratios, so both sides of a ratio saw about the same load.
-# Times are wall-clock; peak memory is the maximum resident set size from /usr/bin/time.
+# Times are wall-clock (and, beside the ratios, user + system CPU time, which a loaded machine
+# disturbs less); peak memory is the maximum resident set size from /usr/bin/time.
 # vertexmill's time does not include the OBJ import (step 1): its input is the .primitives file.
 # Afterwards bench_compile (in-process figures) runs if it was built, unless COMPILE_BENCH=0.
 #
@@ -61,20 +62,37 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_corpus.XXXXXX")
 cleanup() { [[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"; }
 trap cleanup EXIT
 
+# cpu_us FILE: user + system CPU time of the reaped children in a `times` listing, in microseconds
+# (bash prints milliseconds).
+cpu_us() {
+  tail -n 1 "$1" | awk '{
+    total = 0
+    for (i = 1; i <= 2; ++i) { split($i, p, "m"); sub("s", "", p[2]); total += p[1] * 60 + p[2] }
+    printf "%d\n", total * 1e6
+  }'
+}
+
 # run_measured OUTFILE COMMAND...: runs the command with its output discarded and appends
-# "<wall microseconds> <peak KiB>" to OUTFILE. Exits the script when the command fails.
+# "<wall microseconds> <peak KiB> <CPU microseconds>" to OUTFILE. Exits the script when the command
+# fails. CPU time (user + system) is less sensitive to the load of a shared machine than wall time.
+# Between the two snapshots nothing but the command is started: EPOCHREALTIME and `times` are
+# read without a child process, so neither figure counts the script's own helpers.
 run_measured() {
   local out=$1
   shift
   local start end
-  start=$(date +%s%N)
-  if ! "$gnu_time" -f '%M' -o "$work/time.txt" "$@" >"$work/stdout.txt" 2>"$work/stderr.txt"; then
+  start=$EPOCHREALTIME
+  times >"$work/times_before.txt"
+  if ! "$gnu_time" -f '%e %M' -o "$work/time.txt" "$@" >"$work/stdout.txt" 2>"$work/stderr.txt"; then
     echo "bench_corpus: failed: $*" >&2
     cat "$work/stderr.txt" >&2
     exit 1
   fi
-  end=$(date +%s%N)
-  echo "$(((end - start) / 1000)) $(tail -n 1 "$work/time.txt")" >>"$out"
+  times >"$work/times_after.txt"
+  end=$EPOCHREALTIME
+  local wall_us=$((${end/./} - ${start/./}))
+  local cpu=$(($(cpu_us "$work/times_after.txt") - $(cpu_us "$work/times_before.txt")))
+  echo "$wall_us $(tail -n 1 "$work/time.txt" | cut -d' ' -f2) $cpu" >>"$out"
 }
 
 # median FILE COLUMN: the median of one column of numbers.
@@ -82,9 +100,10 @@ median() {
   sort -g -k"$2,$2" "$1" | awk -v c="$2" '{ v[NR] = $c } END { if (NR == 0) print "nan"; else if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-# ratio_median A B: the median of the per-round ratios of column 1 of A to column 1 of B.
+# ratio_median A B COLUMN: the median of the per-round ratios of a column of A to the same column
+# of B (1 wall time, 3 CPU time).
 ratio_median() {
-  paste "$1" "$2" | awk '{ print $1 / $3 }' >"$work/ratios.txt"
+  paste -d' ' "$1" "$2" | awk -v c="$3" '{ print $c / $(c + 3) }' >"$work/ratios.txt"
   median "$work/ratios.txt" 1
 }
 
@@ -141,27 +160,34 @@ for obj in "${objs[@]}"; do
   tool_kib=$(median "$dir/tool.txt" 2)
   bare_us=$(median "$dir/bare.txt" 1)
   bare_kib=$(median "$dir/bare.txt" 2)
-  tool_bare=$(ratio_median "$dir/tool.txt" "$dir/bare.txt")
+  tool_bare=$(ratio_median "$dir/tool.txt" "$dir/bare.txt" 1)
+  tool_bare_cpu=$(ratio_median "$dir/tool.txt" "$dir/bare.txt" 3)
   if [[ -s $dir/gltf.txt ]]; then
     gltf_us=$(median "$dir/gltf.txt" 1)
     gltf_kib=$(median "$dir/gltf.txt" 2)
-    tool_gltf=$(ratio_median "$dir/tool.txt" "$dir/gltf.txt")
+    tool_gltf=$(ratio_median "$dir/tool.txt" "$dir/gltf.txt" 1)
+    tool_gltf_cpu=$(ratio_median "$dir/tool.txt" "$dir/gltf.txt" 3)
   else
-    gltf_us=nan gltf_kib=nan tool_gltf=nan
+    gltf_us=nan gltf_kib=nan tool_gltf=nan tool_gltf_cpu=nan
   fi
-  echo "$name $triangles $tool_us $tool_kib $geometry_bytes $raw_bytes $bare_us $bare_kib $tool_bare $gltf_us $gltf_kib $tool_gltf" >>"$results"
+  echo "$name $triangles $tool_us $tool_kib $geometry_bytes $raw_bytes $bare_us $bare_kib $tool_bare $gltf_us $gltf_kib $tool_gltf $tool_bare_cpu $tool_gltf_cpu" >>"$results"
 done
 sort -k2,2n -o "$results" "$results"
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
-echo "| mesh | triangles | vertexmill s | Mtri/s | peak MiB | .geometry / raw | bare s | bare MiB | vertexmill / bare | gltfpack s | gltfpack MiB | vertexmill / gltfpack |"
-echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
-awk '{
-  printf "| %s | %d | %.3f | %.2f | %.1f | %.3f | %.3f | %.1f | %.2f | %s | %s | %s |\n",
-    $1, $2, $3 / 1e6, $2 / ($3 / 1e6) / 1e6, $4 / 1024, $5 / $6, $7 / 1e6, $8 / 1024, $9,
-    ($10 == "nan" ? "-" : sprintf("%.3f", $10 / 1e6)), ($11 == "nan" ? "-" : sprintf("%.1f", $11 / 1024)),
-    ($12 == "nan" ? "-" : sprintf("%.2f", $12))
-}' "$results"
+echo "| mesh | triangles | vertexmill s | Mtri/s | peak MiB | .geometry / raw | bare s | bare MiB | vertexmill / bare | (CPU) | gltfpack s | gltfpack MiB | vertexmill / gltfpack | (CPU) |"
+echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
+awk '
+  function optional(value, scale, format) { return value == "nan" ? "-" : sprintf(format, value / scale) }
+  {
+    printf "| %s | %d | %.3f | %.2f | %.1f | %.3f | %.3f | %.1f | %.2f | %.2f | %s | %s | %s | %s |\n",
+      $1, $2, $3 / 1e6, $2 / ($3 / 1e6) / 1e6, $4 / 1024, $5 / $6, $7 / 1e6, $8 / 1024, $9, $13,
+      optional($10, 1e6, "%.3f"), optional($11, 1024, "%.1f"), optional($12, 1, "%.2f"), optional($14, 1, "%.2f")
+  }' "$results"
+echo
+echo "Times are wall-clock medians; ratios are medians of per-round ratios of wall time, and (CPU) of"
+echo "user + system CPU time. Peak = maximum resident set size. .geometry / raw = output file bytes over"
+echo "the converted vertex bytes plus index bytes at the stored widths."
 echo
 echo "load average at end $load_after"
 echo
@@ -169,8 +195,8 @@ echo
 # The aims, checked on this run's ratios.
 echo "Aims:"
 awk '
-  $2 >= 30000 { verdict = ($9 <= 1.10) ? "met" : "MISSED"; printf "- %s: vertexmill / bare %.2f <= 1.10: %s\n", $1, $9, verdict; if (verdict == "MISSED") missed = 1 }
-  ($1 == "koala" || $1 == "merged_scene") && $12 != "nan" { verdict = ($12 < 1.0) ? "met" : "MISSED"; printf "- %s: vertexmill / gltfpack time %.2f < 1: %s\n", $1, $12, verdict; if (verdict == "MISSED") missed = 1 }
+  $2 >= 30000 { verdict = ($9 <= 1.10) ? "met" : "MISSED"; printf "- %s: vertexmill / bare %.2f <= 1.10: %s (CPU time ratio %.2f)\n", $1, $9, verdict, $13; if (verdict == "MISSED") missed = 1 }
+  ($1 == "koala" || $1 == "merged_scene") && $12 != "nan" { verdict = ($12 < 1.0) ? "met" : "MISSED"; printf "- %s: vertexmill / gltfpack time %.2f < 1: %s (CPU time ratio %.2f)\n", $1, $12, verdict, $14; if (verdict == "MISSED") missed = 1 }
   $1 == "merged_scene" && $11 != "nan" { verdict = ($4 < $11) ? "met" : "MISSED"; printf "- merged_scene: peak memory %.1f MiB < gltfpack %.1f MiB: %s\n", $4 / 1024, $11 / 1024, verdict; if (verdict == "MISSED") missed = 1 }
   END { if (missed) print "(some aims missed: see bench/README.md for where the time and memory go)" }
 ' "$results"

@@ -10,6 +10,8 @@
 #    (default 5). The two output trees are compared byte for byte after the first round.
 # 3. vertexmill merged_scene.primitives OUT (default mode, 17 render sets) with --jobs 1 and
 #    --jobs 2, alternating, REPEATS rounds.
+# 4. once: peak memory of --jobs 2 over 40 and over 800 copies (hard links) of a small model, to
+#    show that memory follows the models in flight, not the size of the tree.
 # Figures are medians; a speed-up is the median of the per-round ratios, so both sides of a ratio
 # saw about the same load. Times are wall-clock; peak memory is the maximum resident set size
 # from /usr/bin/time. Other work on the machine distorts the figures: the load average is shown.
@@ -127,6 +129,21 @@ for ((round = 0; round < repeats; ++round)); do
 done
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
+# Many small models: the same model linked into 20 folders.
+: >"$work/many40.txt"
+: >"$work/many800.txt"
+for count in 40 800; do
+  dir=$work/many$count
+  for ((i = 0; i < count; ++i)); do
+    mkdir -p "$dir/tree/d$((i % 20))"
+    ln "$tree/xyznuvtb/spot_low_resolution.primitives" "$dir/tree/d$((i % 20))/m$i.primitives" 2>/dev/null ||
+      cp "$tree/xyznuvtb/spot_low_resolution.primitives" "$dir/tree/d$((i % 20))/m$i.primitives"
+  done
+  mkdir -p "$dir/out"
+  run_measured "$work/many$count.txt" "$vertexmill" --jobs 2 --tree "$dir/tree" "$dir/out"
+  rm -rf "$dir"
+done
+
 tree_speedup=$(speedup "$work/tree1.txt" "$work/tree2.txt")
 single_speedup=$(speedup "$work/single1.txt" "$work/single2.txt")
 
@@ -145,6 +162,9 @@ row() {
 }
 row "tree ($models models)" "$work/tree1.txt" "$work/tree2.txt" "$tree_speedup" 1.8
 row "merged_scene alone (17 render sets)" "$work/single1.txt" "$work/single2.txt" "$single_speedup" 1.6
+awk -v a="$(median "$work/many40.txt" 2)" -v b="$(median "$work/many800.txt" 2)" \
+  -v ta="$(median "$work/many40.txt" 1)" -v tb="$(median "$work/many800.txt" 1)" \
+  'BEGIN { printf "\nMany small models, --jobs 2: 40 models %.3f s, peak %.1f MiB; 800 models %.3f s, peak %.1f MiB.\n", ta / 1e6, a / 1024, tb / 1e6, b / 1024 }'
 echo
 awk -v t="$tree_speedup" -v s="$single_speedup" 'BEGIN {
   printf "Aims: tree speed-up %.2f >= 1.8: %s; merged_scene speed-up %.2f >= 1.6: %s\n",

@@ -268,6 +268,19 @@ TEST(GeometryInspect, EverySingleByteFlipIsHandled)
   }
   // Records, offsets and codec streams make up most of a small file.
   EXPECT_GT(refused, original.size() / 4);
+
+  // The source container as well: its index, names and section headers.
+  const std::vector<std::byte> source = testutil::readFile(dir.path / "m.primitives");
+  const fs::path container = dir.path / "flip.primitives";
+  for (size_t i = 0; i < source.size(); ++i)
+  {
+    std::vector<std::byte> bytes = source;
+    bytes[i] ^= std::byte{0xFF};
+    testutil::writeFile(container, bytes);
+    const RunResult run = inspect({"--validate", "--json", container.string()});
+    ASSERT_TRUE(run.status == 0 || run.status == 1) << i;
+    EXPECT_TRUE(nlohmann::json::accept(run.out)) << i;
+  }
 }
 
 TEST(GeometryInspect, MispairedOrUnpairableRenderSetsAreWarningsButCannotBeExported)
