@@ -11,6 +11,9 @@
 //                      bare_ms     the five bare calls;
 //                      ratio       compile time / bare time, summed over the same iterations, so
 //                                  both sides saw the same machine load;
+//                      cpu_compile_ms, cpu_bare_ms, cpu_ratio
+//                                  the same in CPU time of the benchmark thread (user and
+//                                  system), which a loaded machine disturbs far less;
 //                      read_ms, pack_ms, save_ms
 //                                  one more compile, run as its three public steps, each timed:
 //                                  readFile (file read, section split), packLOD (conversion,
@@ -22,8 +25,9 @@
 //                      mdo_ms      the compiler's own MeshDataOptimizer wrappers (optimizeMeshData,
 //                                  encodeVertexData, encodeIndexData) on the stored index widths:
 //                                  the five calls plus widening, narrowing and copies.
-//                    The last four run alone on the same data, so pack_ms minus them estimates
-//                    merging and index checks, and save_ms minus mdo_ms packing and writing.
+//                    The stage counters are CPU time of the benchmark thread. The last four run
+//                    alone on the same data, so pack_ms minus them estimates merging and index
+//                    checks, and save_ms minus mdo_ms packing and writing.
 //   meshopt/<model>  the five bare calls alone (Time column), for reference.
 // Before timing, one untimed compile per model checks that the bare calls produce the same encoded
 // sizes as the compiler, i.e. that they really are the same calls on the same data.
@@ -58,6 +62,8 @@
 #include <system_error>
 #include <vector>
 
+#include <time.h>
+
 #ifndef VERTEXMILL_CORPUS_DIR
 #define VERTEXMILL_CORPUS_DIR ""
 #endif
@@ -67,6 +73,23 @@ namespace
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+
+// CPU time of the calling thread (user and system). The compiler runs with one job, so all its
+// work is on this thread; on a loaded machine this varies far less than wall time.
+struct ThreadCpuClock
+{
+  using duration = std::chrono::nanoseconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<ThreadCpuClock>;
+  static constexpr bool is_steady = true;
+  static time_point now()
+  {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return time_point(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+  }
+};
 
 constexpr const char* kSourceFormat = "xyznuvtb";
 
@@ -100,7 +123,8 @@ struct Model
   StoredMesh stored;
 };
 
-double seconds(Clock::duration duration)
+template <typename Duration>
+double seconds(Duration duration)
 {
   return std::chrono::duration<double>(duration).count();
 }
@@ -232,27 +256,27 @@ struct StageTimes
   double read = 0, pack = 0, save = 0, convert = 0, verify = 0, texel = 0, mdo = 0;
 };
 
-// Runs the compiler's stages one by one, each timed alone, on the model's data.
+// Runs the compiler's stages one by one, each timed alone (thread CPU time), on the model's data.
 void runStages(const Model& model, StageTimes& times)
 {
   // compile() without companions is exactly these three steps with the default settings.
   {
     GeometryCompiler compiler;
     GeometryCompiler::BinFile file;
-    Clock::time_point start = Clock::now();
+    ThreadCpuClock::time_point start = ThreadCpuClock::now();
     bool done = compiler.readFile(model.primitivesPath, file);
-    Clock::time_point end = Clock::now();
+    ThreadCpuClock::time_point end = ThreadCpuClock::now();
     times.read += seconds(end - start);
     done = done && compiler.packLOD(file);
     file.children.clear();
-    start = Clock::now();
+    start = ThreadCpuClock::now();
     times.pack += seconds(start - end);
     done = done && compiler.save(model.outputPath);
-    times.save += seconds(Clock::now() - start);
+    times.save += seconds(ThreadCpuClock::now() - start);
     benchmark::DoNotOptimize(done);
   }
 
-  Clock::time_point start = Clock::now();
+  ThreadCpuClock::time_point start = ThreadCpuClock::now();
   for (const SourceSection& section : model.sources)
   {
     std::vector<std::byte> converted(size_t(section.vertexCount) * section.gpuStride);
@@ -261,11 +285,11 @@ void runStages(const Model& model, StageTimes& times)
     benchmark::DoNotOptimize(done);
     benchmark::DoNotOptimize(converted.data());
   }
-  times.convert += seconds(Clock::now() - start);
+  times.convert += seconds(ThreadCpuClock::now() - start);
 
   const VertexmillBench::GpuMesh& mesh = model.converted;
   StoredMesh stored = model.stored; // optimisation works in place
-  start = Clock::now();
+  start = ThreadCpuClock::now();
   for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
   {
     const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
@@ -274,9 +298,9 @@ void runStages(const Model& model, StageTimes& times)
     verifier.verify(ranges.vertices.data(), ranges.vertices.size(), *stored.gpuFormats[set.vertexBuffer]);
     benchmark::DoNotOptimize(verifier.invalidPositions());
   }
-  times.verify += seconds(Clock::now() - start);
+  times.verify += seconds(ThreadCpuClock::now() - start);
 
-  start = Clock::now();
+  start = ThreadCpuClock::now();
   for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
   {
     const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
@@ -285,9 +309,9 @@ void runStages(const Model& model, StageTimes& times)
                                                             ranges.indices, stored.indexFormats[set.indexBuffer]);
     benchmark::DoNotOptimize(density);
   }
-  times.texel += seconds(Clock::now() - start);
+  times.texel += seconds(ThreadCpuClock::now() - start);
 
-  start = Clock::now();
+  start = ThreadCpuClock::now();
   for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
   {
     const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
@@ -321,7 +345,7 @@ void runStages(const Model& model, StageTimes& times)
             std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(bytes.data()), bytes.size() / 4), vertexCount);
     benchmark::DoNotOptimize(encoded.data());
   }
-  times.mdo += seconds(Clock::now() - start);
+  times.mdo += seconds(ThreadCpuClock::now() - start);
 }
 
 bool compileModel(const Model& model, CompileStatistics* statistics)
@@ -357,13 +381,15 @@ bool sameEncodedSizes(const Model& model)
 
 void compileBenchmark(benchmark::State& state, const Model* model)
 {
-  double compileTotal = 0.0;
-  double bareTotal = 0.0;
+  double compileTotal = 0.0, compileCpuTotal = 0.0;
+  double bareTotal = 0.0, bareCpuTotal = 0.0;
   StageTimes stages;
   for (auto _ : state)
   {
     const Clock::time_point start = Clock::now();
+    const ThreadCpuClock::time_point cpuStart = ThreadCpuClock::now();
     const bool compiled = compileModel(*model, nullptr);
+    const ThreadCpuClock::duration compileCpuTime = ThreadCpuClock::now() - cpuStart;
     const Clock::duration compileTime = Clock::now() - start;
     if (!compiled)
     {
@@ -373,7 +399,9 @@ void compileBenchmark(benchmark::State& state, const Model* model)
 
     VertexmillBench::GpuMesh mesh = model->converted;
     const Clock::time_point bareStart = Clock::now();
+    const ThreadCpuClock::time_point bareCpuStart = ThreadCpuClock::now();
     const VertexmillBench::EncodedSizes sizes = VertexmillBench::runMeshoptimizer(mesh);
+    const ThreadCpuClock::duration bareCpuTime = ThreadCpuClock::now() - bareCpuStart;
     const Clock::duration bareTime = Clock::now() - bareStart;
     benchmark::DoNotOptimize(sizes);
 
@@ -381,15 +409,20 @@ void compileBenchmark(benchmark::State& state, const Model* model)
 
     state.SetIterationTime(seconds(compileTime));
     compileTotal += seconds(compileTime);
+    compileCpuTotal += seconds(compileCpuTime);
     bareTotal += seconds(bareTime);
+    bareCpuTotal += seconds(bareCpuTime);
   }
-  if (bareTotal > 0.0 && state.iterations() > 0)
+  if (bareTotal > 0.0 && bareCpuTotal > 0.0 && state.iterations() > 0)
   {
     const double perIteration = 1e3 / double(state.iterations());
     state.counters["triangles"] = double(model->triangles);
     state.counters["Mtri/s"] = double(model->triangles) * double(state.iterations()) / compileTotal / 1e6;
     state.counters["bare_ms"] = bareTotal * perIteration;
     state.counters["ratio"] = compileTotal / bareTotal;
+    state.counters["cpu_compile_ms"] = compileCpuTotal * perIteration;
+    state.counters["cpu_bare_ms"] = bareCpuTotal * perIteration;
+    state.counters["cpu_ratio"] = compileCpuTotal / bareCpuTotal;
     state.counters["read_ms"] = stages.read * perIteration;
     state.counters["pack_ms"] = stages.pack * perIteration;
     state.counters["save_ms"] = stages.save * perIteration;

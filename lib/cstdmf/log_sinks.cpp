@@ -64,7 +64,9 @@ std::unique_ptr<spdlog::custom_flag_formatter> CategoryFormatter::clone() const
 
 std::unique_ptr<spdlog::formatter> makeFormatter(const std::string& pattern)
 {
-  auto formatter = std::make_unique<spdlog::pattern_formatter>();
+  // A bare "\n" ends every line on every platform (the library's default is "\r\n" on Windows,
+  // which would follow the "\n" most texts end with): the output is the same bytes everywhere.
+  auto formatter = std::make_unique<spdlog::pattern_formatter>(spdlog::pattern_time_type::local, "\n");
   formatter->add_flag<PriorityNameFormatter>('l');
   formatter->add_flag<ElapsedTimeFormatter>('Z');
   formatter->add_flag<CategoryFormatter>('*');

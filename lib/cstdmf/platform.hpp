@@ -68,6 +68,11 @@ struct ChildIo
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
                               const ChildIo& io);
 
+// Makes standard output and error pass bytes through unchanged, so that a line ends in "\n" on
+// every platform: Windows opens them in text mode, which writes "\n" as "\r\n" for the C library
+// but not for the logging sinks, which write to the handles directly. Nothing to do elsewhere.
+void useBinaryStandardStreams();
+
 #ifdef _WIN32
 // The command line of a wide-character entry point (wmain) as UTF-8 text, in the shape of main's
 // arguments: argv()[argc()] is null. The strings live as long as this object.

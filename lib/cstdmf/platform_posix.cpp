@@ -98,6 +98,10 @@ unsigned long processId()
   return static_cast<unsigned long>(::getpid());
 }
 
+void useBinaryStandardStreams()
+{
+}
+
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
                               const ChildIo& io)
 {

@@ -11,6 +11,7 @@
 #endif
 #include <windows.h>
 
+#include <fcntl.h>
 #include <io.h>
 #include <knownfolders.h>
 #include <shlobj.h>
@@ -235,6 +236,14 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode)
 unsigned long processId()
 {
   return static_cast<unsigned long>(::GetCurrentProcessId());
+}
+
+void useBinaryStandardStreams()
+{
+  std::fflush(stdout);
+  std::fflush(stderr);
+  ::_setmode(::_fileno(stdout), _O_BINARY);
+  ::_setmode(::_fileno(stderr), _O_BINARY);
 }
 
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,

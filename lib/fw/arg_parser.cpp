@@ -45,10 +45,24 @@ void writeTo(std::FILE* stream, std::string_view text)
   std::fflush(stream);
 }
 
+// The program's name as users type it: the last path component, on Windows without ".exe".
 std::string_view fileNameOf(std::string_view path)
 {
   const size_t separator = path.find_last_of("/\\");
-  return separator == std::string_view::npos ? path : path.substr(separator + 1);
+  std::string_view name = separator == std::string_view::npos ? path : path.substr(separator + 1);
+#ifdef _WIN32
+  constexpr std::string_view kExecutable = ".exe";
+  if (name.size() > kExecutable.size())
+  {
+    const std::string_view extension = name.substr(name.size() - kExecutable.size());
+    bool same = true;
+    for (size_t i = 0; i < extension.size(); ++i)
+      same = same && (extension[i] | 0x20) == kExecutable[i];
+    if (same)
+      name.remove_suffix(kExecutable.size());
+  }
+#endif
+  return name;
 }
 } // namespace
 

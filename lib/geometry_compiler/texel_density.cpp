@@ -1,5 +1,7 @@
 #include "geometry_compiler/texel_density.hpp"
 
+#include "cstdmf/debug.hpp"
+#include "geometry_compiler/element_columns.hpp"
 #include "moo/vertex_conversion.hpp"
 #include "moo/vertex_format.hpp"
 
@@ -37,9 +39,11 @@ uint32_t indexAt(std::span<const std::byte> indices, size_t i, bool wide)
 float calculateTexelDensity(const VertexFormat& format, std::span<const std::byte> vertices,
                             std::span<const std::byte> indices, IndexFormat indexFormat)
 {
-  const auto positions = format.getAccessor<VertexSemantic::POSITION>(vertices);
-  const auto uvs = format.getAccessor<VertexSemantic::TEXCOORD>(vertices);
-  if (!positions || !uvs)
+  // Every vertex is converted once, not once per corner that uses it.
+  using GeometryCompilerDetail::decodeElementColumn;
+  const std::vector<Vector3> positions = decodeElementColumn<Vector3>(format, VertexSemantic::POSITION, vertices);
+  const std::vector<Vector2> uvs = decodeElementColumn<Vector2>(format, VertexSemantic::TEXCOORD, vertices);
+  if (positions.empty() || uvs.empty())
     return 0.0f;
 
   const bool wide = indexFormat == IndexFormat::LIST32;
@@ -51,8 +55,9 @@ float calculateTexelDensity(const VertexFormat& format, std::span<const std::byt
     const uint32_t i0 = indexAt(indices, t, wide);
     const uint32_t i1 = indexAt(indices, t + 1, wide);
     const uint32_t i2 = indexAt(indices, t + 2, wide);
-    const Vector3 p0 = positions.get(i0), p1 = positions.get(i1), p2 = positions.get(i2);
-    const Vector2 t0 = uvs.get(i0), t1 = uvs.get(i1), t2 = uvs.get(i2);
+    ZR_ASSERT(i0 < positions.size() && i1 < positions.size() && i2 < positions.size());
+    const Vector3 p0 = positions[i0], p1 = positions[i1], p2 = positions[i2];
+    const Vector2 t0 = uvs[i0], t1 = uvs[i1], t2 = uvs[i2];
 
     const float positionArea =
       0.5f * crossLength(p1.x - p0.x, p1.y - p0.y, p1.z - p0.z, p2.x - p0.x, p2.y - p0.y, p2.z - p0.z);

@@ -1,5 +1,6 @@
 #include "geometry_compiler/verifier.hpp"
 
+#include "geometry_compiler/element_columns.hpp"
 #include "moo/vertex_conversion.hpp"
 #include "moo/vertex_format.hpp"
 
@@ -22,20 +23,19 @@ void Verifier::reset()
   m_invalidUVs = 0;
 }
 
-template <typename Accessor>
-void Verifier::verifyPositions(const Accessor& accessor)
+template <typename Values>
+void Verifier::verifyPositions(const Values& positions)
 {
-  for (size_t i = 0; i < accessor.vertexCount(); ++i)
-    if (!finite3(accessor.get(i)))
+  for (const Moo::Vector3& p : positions)
+    if (!finite3(p))
       ++m_invalidPositions;
 }
 
-template <typename Accessor>
-void Verifier::verifyNormals(const Accessor& accessor, int32_t& counter)
+template <typename Values>
+void Verifier::verifyNormals(const Values& normals, int32_t& counter)
 {
-  for (size_t i = 0; i < accessor.vertexCount(); ++i)
+  for (const Moo::Vector3& v : normals)
   {
-    const Moo::Vector3 v = accessor.get(i);
     // A non-finite component also makes the length non-finite; one vertex counts once.
     const float length = std::sqrt(v.x * v.x + v.y * v.y + v.z * v.z);
     if (!finite3(v) || !(std::fabs(length - 1.0f) < 0.1f))
@@ -43,29 +43,24 @@ void Verifier::verifyNormals(const Accessor& accessor, int32_t& counter)
   }
 }
 
-template <typename Accessor>
-void Verifier::verifyUVs(const Accessor& accessor)
+template <typename Values>
+void Verifier::verifyUVs(const Values& uvs)
 {
-  for (size_t i = 0; i < accessor.vertexCount(); ++i)
-  {
-    const Moo::Vector2 uv = accessor.get(i);
+  for (const Moo::Vector2& uv : uvs)
     if (!std::isfinite(uv.x) || !std::isfinite(uv.y))
       ++m_invalidUVs;
-  }
 }
 
 void Verifier::verify(const void* vertices, size_t size, const Moo::VertexFormat& format)
 {
   reset();
+  // Each element is converted for all vertices in one pass (what the element accessor does for
+  // one vertex), then checked.
+  using GeometryCompilerDetail::decodeElementColumn;
   const std::span<const std::byte> buffer(static_cast<const std::byte*>(vertices), size);
-  if (auto positions = format.getAccessor<VertexSemantic::POSITION>(buffer))
-    verifyPositions(positions);
-  if (auto normals = format.getAccessor<VertexSemantic::NORMAL>(buffer))
-    verifyNormals(normals, m_invalidNormals);
-  if (auto tangents = format.getAccessor<VertexSemantic::TANGENT>(buffer))
-    verifyNormals(tangents, m_invalidTangents);
-  if (auto binormals = format.getAccessor<VertexSemantic::BINORMAL>(buffer))
-    verifyNormals(binormals, m_invalidBinormals);
-  if (auto uvs = format.getAccessor<VertexSemantic::TEXCOORD>(buffer))
-    verifyUVs(uvs);
+  verifyPositions(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::POSITION, buffer));
+  verifyNormals(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::NORMAL, buffer), m_invalidNormals);
+  verifyNormals(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::TANGENT, buffer), m_invalidTangents);
+  verifyNormals(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::BINORMAL, buffer), m_invalidBinormals);
+  verifyUVs(decodeElementColumn<Moo::Vector2>(format, VertexSemantic::TEXCOORD, buffer));
 }

@@ -25,12 +25,12 @@ public:
   int32_t invalidUVs() const { return m_invalidUVs; }
 
 private:
-  template <typename Accessor>
-  void verifyPositions(const Accessor& accessor);
-  template <typename Accessor>
-  void verifyNormals(const Accessor& accessor, int32_t& counter);
-  template <typename Accessor>
-  void verifyUVs(const Accessor& accessor);
+  template <typename Values>
+  void verifyPositions(const Values& positions);
+  template <typename Values>
+  void verifyNormals(const Values& normals, int32_t& counter);
+  template <typename Values>
+  void verifyUVs(const Values& uvs);
 
   int32_t m_invalidPositions = 0;
   int32_t m_invalidNormals = 0;

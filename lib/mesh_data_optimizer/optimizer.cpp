@@ -5,6 +5,7 @@
 #include <meshoptimizer.h>
 
 #include <algorithm>
+#include <type_traits>
 #include <vector>
 
 namespace MeshDataOptimizer
@@ -75,6 +76,16 @@ template <MeshIndex IndexT>
 void optimizeMeshData(std::span<std::byte> vertices, size_t vertexStride, std::span<IndexT> indices)
 {
   ZR_ASSERT(vertexStride > 0);
+  if constexpr (std::is_same_v<IndexT, uint16_t>)
+  {
+    // The library works on 32-bit indices: widen once for all three steps rather than per step.
+    // Every result index is below the vertex count, which a 16-bit buffer's count never passes,
+    // so narrowing back is exact.
+    std::vector<uint32_t> wide(indices.begin(), indices.end());
+    optimizeMeshData<uint32_t>(vertices, vertexStride, wide);
+    std::transform(wide.begin(), wide.end(), indices.begin(), [](uint32_t i) { return static_cast<uint16_t>(i); });
+    return;
+  }
   const size_t vertexCount = vertices.size() / vertexStride;
   optimizeVertexCache<IndexT>(vertexCount, indices);
   optimizeOverdraw<IndexT>(vertices, vertexCount, vertexStride, indices);

@@ -2,6 +2,7 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/single_level_stdout_logger.hpp"
+#include "fatal_exit_status.hpp"
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
@@ -136,12 +137,12 @@ TEST_F(AssertionDeathTest, FailedAssertionEndsWithMinusOneAndCriticalLine)
       int value = 2;
       ZR_ASSERT(value == 3);
     },
-    testing::ExitedWithCode(255), "CRITICAL: ASSERTION FAILED: value == 3\n");
+    testing::ExitedWithCode(kFatalExitStatus), "CRITICAL: ASSERTION FAILED: value == 3\n");
 }
 
 TEST_F(AssertionDeathTest, QuietModePrintsNothing)
 {
-  EXPECT_EXIT(ZR_ASSERT(1 + 1 == 3), testing::ExitedWithCode(255), "^$");
+  EXPECT_EXIT(ZR_ASSERT(1 + 1 == 3), testing::ExitedWithCode(kFatalExitStatus), "^$");
 }
 
 struct ReturningHandler final : cstdmf::CriticalErrorHandler
@@ -157,7 +158,7 @@ TEST_F(AssertionDeathTest, InstalledHandlerRunsOnceThenProcessEnds)
       cstdmf::setCriticalErrorHandler(&handler);
       ZR_CRITICAL_ERROR("first");
     },
-    testing::ExitedWithCode(255), "handled<first>");
+    testing::ExitedWithCode(kFatalExitStatus), "handled<first>");
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "cstdmf/log_sinks.hpp"
 #include "mesh_data_optimizer/test_mesh.hpp"
+#include "fatal_exit_status.hpp"
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
@@ -219,8 +220,8 @@ TEST(CoderDeathTest, EncoderPreconditionsAreFatalAssertions)
     (void)call();
   };
   EXPECT_EXIT(run([&] { return MeshDataOptimizer::encodeIndexData<uint16_t>(notTriangles, 4); }),
-              testing::ExitedWithCode(255), "ASSERTION FAILED: indices.size\\(\\) % 3 == 0");
-  EXPECT_EXIT(run([&] { return MeshDataOptimizer::encodeVertexData(vertices, 6); }), testing::ExitedWithCode(255),
+              testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: indices.size\\(\\) % 3 == 0");
+  EXPECT_EXIT(run([&] { return MeshDataOptimizer::encodeVertexData(vertices, 6); }), testing::ExitedWithCode(kFatalExitStatus),
               "ASSERTION FAILED: isValidVertexSize\\(vertexSize\\)");
 }
 

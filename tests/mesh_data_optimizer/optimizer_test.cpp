@@ -2,6 +2,7 @@
 
 #include "cstdmf/log_sinks.hpp"
 #include "mesh_data_optimizer/test_mesh.hpp"
+#include "fatal_exit_status.hpp"
 
 #include <gtest/gtest.h>
 
@@ -143,11 +144,11 @@ TEST(OptimizeMeshDataDeathTest, PreconditionsAreFatalAssertions)
     call();
   };
   EXPECT_EXIT(run([&] { MeshDataOptimizer::optimizeMeshData<uint32_t>(vertices, 32, notTriangles); }),
-              testing::ExitedWithCode(255), "ASSERTION FAILED: indices.size\\(\\) % 3 == 0");
+              testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: indices.size\\(\\) % 3 == 0");
   EXPECT_EXIT(run([&] { MeshDataOptimizer::optimizeMeshData<uint16_t>(vertices, 32, pastTheEnd); }),
-              testing::ExitedWithCode(255), "ASSERTION FAILED: indices.empty\\(\\) \\|\\| maxIndex < vertexCount");
+              testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: indices.empty\\(\\) \\|\\| maxIndex < vertexCount");
   EXPECT_EXIT(run([&] { MeshDataOptimizer::optimizeMeshData<uint32_t>(std::span(vertices).first(30), 10, triangle); }),
-              testing::ExitedWithCode(255), "ASSERTION FAILED: vertexStride >= 3 \\* sizeof\\(float\\)");
+              testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: vertexStride >= 3 \\* sizeof\\(float\\)");
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 // an assertion expectation.
 
 #include "cstdmf/log_sinks.hpp"
+#include "fatal_exit_status.hpp"
 #include "moo/vertex_format.hpp"
 
 #include <gtest/gtest.h>
@@ -22,7 +23,7 @@
       cstdmf::setupConsoleLogging(1);                                                                                  \
       statement;                                                                                                       \
     },                                                                                                                 \
-    testing::ExitedWithCode(255), text)
+    testing::ExitedWithCode(kFatalExitStatus), text)
 
 namespace formats_test
 {

@@ -1,6 +1,7 @@
 #include "resmgr/binary_block.hpp"
 
 #include "test_helpers.hpp"
+#include "fatal_exit_status.hpp"
 
 #include <gtest/gtest.h>
 
@@ -63,7 +64,7 @@ TEST(BinaryBlockDeathTest, BorrowedRangeMustLieInsideTheOwner)
       cstdmf::setupConsoleLogging(1);
       BinaryPtr part(new BinaryBlock(owner->data() + 2, 3, "Test", owner));
     },
-    testing::ExitedWithCode(255), "ASSERTION FAILED: rangeInsideOwner");
+    testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: rangeInsideOwner");
 }
 
 TEST(BinaryBlock, FailedAllocationLeavesAnEmptyBlock)

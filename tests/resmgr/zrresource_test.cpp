@@ -4,6 +4,7 @@
 #include "cstdmf/platform.hpp"
 #include "resmgr/bin_section.hpp"
 #include "test_helpers.hpp"
+#include "fatal_exit_status.hpp"
 
 #include <gtest/gtest.h>
 
@@ -119,10 +120,10 @@ TEST(ZRResourceDeathTest, InitialisationFaultsAreFatal)
     Arguments args(std::move(words));
     (void)ZRResource::init(args.argc(), args.argv());
   };
-  EXPECT_EXIT(runInit({"tool", "--res"}), testing::ExitedWithCode(255), "ASSERTION FAILED: argc > i\\+1");
-  EXPECT_EXIT(runInit({"tool", "--res", dirs.first, "--safe"}), testing::ExitedWithCode(255),
+  EXPECT_EXIT(runInit({"tool", "--res"}), testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: argc > i\\+1");
+  EXPECT_EXIT(runInit({"tool", "--res", dirs.first, "--safe"}), testing::ExitedWithCode(kFatalExitStatus),
               "ASSERTION FAILED: filesystems_.empty\\(\\)");
-  EXPECT_EXIT(runInit({"tool", "--uid", "x"}), testing::ExitedWithCode(255),
+  EXPECT_EXIT(runInit({"tool", "--uid", "x"}), testing::ExitedWithCode(kFatalExitStatus),
               "No resource paths are loaded from command line or paths.xml\n\\[0\\]:tool\n\\[1\\]:--uid");
   EXPECT_EXIT(
     {
@@ -130,13 +131,13 @@ TEST(ZRResourceDeathTest, InitialisationFaultsAreFatal)
       (void)ZRResource::init(std::vector<std::string>{});
       (void)ZRResource::init(std::vector<std::string>{});
     },
-    testing::ExitedWithCode(255), "ASSERTION FAILED: !appVersionData_");
+    testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: !appVersionData_");
   EXPECT_EXIT(
     {
       cstdmf::setupConsoleLogging(1);
       (void)ZRResource::instance();
     },
-    testing::ExitedWithCode(255), "ASSERTION FAILED: s_instance");
+    testing::ExitedWithCode(kFatalExitStatus), "ASSERTION FAILED: s_instance");
 }
 
 } // namespace

@@ -322,7 +322,7 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
   models.sourceRoot = src;
   models.outputRoot = dst / cstdmf::u8path(getDirectoryName(src));
   std::string walkError;
-  if (!listModels(src, models.sources, walkError))
+  if (!listModels(src, models.sources, &models.sizes, walkError))
     return reportFilesystemFailure(walkError);
 
   TreeRunOptions options;
@@ -414,6 +414,7 @@ int main(int argc, char** argv)
 // reach the same core as UTF-8, so non-ASCII paths survive any ANSI code page.
 int wmain(int argc, wchar_t** argv)
 {
+  platform::useBinaryStandardStreams();
   platform::Utf8Arguments utf8(argc, argv);
   return vertexmillMain(utf8.argc(), utf8.argv());
 }

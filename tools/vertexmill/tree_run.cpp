@@ -22,8 +22,9 @@ namespace fs = std::filesystem;
 
 namespace
 {
-// How far the models being converted may run ahead of the first one whose messages are still
-// waiting to be printed. Bounds the finished-but-unprinted logs when one model takes long.
+// The window of models that may be started: from the first one whose messages are still to be
+// printed, this many per job. Bounds the finished-but-unprinted logs when one model takes long,
+// and is where the largest models are picked from first.
 constexpr size_t kLookaheadPerJob = 64;
 
 struct Failure
@@ -47,6 +48,7 @@ private:
   // What the coordinating thread needs of each model; nothing else is kept per model.
   struct Slot
   {
+    bool started = false;
     bool done = false;
     ModelOutcome outcome = ModelOutcome::Failed;
     std::unique_ptr<ModelLog> log;
@@ -57,6 +59,8 @@ private:
   void runInOrder();
   void runConcurrently(unsigned workers);
   void workerLoop();
+  [[nodiscard]] bool takeNext(size_t& index);
+  std::uintmax_t sizeOf(size_t index) const;
   std::string currentName(size_t index) const;
 
   const ModelList& m_models;
@@ -72,11 +76,40 @@ private:
   std::mutex m_mutex;
   std::condition_variable m_changed;
   std::vector<Slot> m_slots;
-  size_t m_next = 0;      // first model not started
+  // Models of the window not started yet, largest first (ties in list order).
+  std::vector<size_t> m_ready;
+  size_t m_admitted = 0;  // models before this one have been in the window
   size_t m_published = 0; // first model whose messages are not printed yet
   size_t m_doneCount = 0;
   bool m_stop = false;
 };
+
+std::uintmax_t TreeRun::sizeOf(size_t index) const
+{
+  return index < m_models.sizes.size() ? m_models.sizes[index] : 0;
+}
+
+bool TreeRun::takeNext(size_t& index)
+{
+  const auto smaller = [this](size_t a, size_t b) {
+    const std::uintmax_t sizeA = sizeOf(a);
+    const std::uintmax_t sizeB = sizeOf(b);
+    return sizeA != sizeB ? sizeA < sizeB : a > b;
+  };
+  const size_t end = std::min(m_slots.size(), m_published + kLookaheadPerJob * m_options.jobs);
+  for (; m_admitted < end; ++m_admitted)
+  {
+    m_ready.push_back(m_admitted);
+    std::push_heap(m_ready.begin(), m_ready.end(), smaller);
+  }
+  if (m_stop || m_ready.empty())
+    return false;
+  std::pop_heap(m_ready.begin(), m_ready.end(), smaller);
+  index = m_ready.back();
+  m_ready.pop_back();
+  m_slots[index].started = true;
+  return true;
+}
 
 std::string TreeRun::currentName(size_t index) const
 {
@@ -117,16 +150,19 @@ void TreeRun::runInOrder()
 void TreeRun::workerLoop()
 {
   const size_t count = m_slots.size();
-  const size_t lookahead = kLookaheadPerJob * m_options.jobs;
   for (;;)
   {
     size_t index = 0;
     {
       std::unique_lock<std::mutex> lock(m_mutex);
-      m_changed.wait(lock, [&] { return m_stop || m_next >= count || m_next < m_published + lookahead; });
-      if (m_stop || m_next >= count)
+      // Waits while every model of the window is taken and more are still to come.
+      bool taken = false;
+      m_changed.wait(lock, [&] {
+        taken = takeNext(index);
+        return taken || m_stop || (m_admitted >= count && m_ready.empty());
+      });
+      if (!taken)
         return;
-      index = m_next++;
     }
     auto log = std::make_unique<ModelLog>();
     const ModelOutcome outcome = convert(index, *log);
@@ -168,7 +204,8 @@ void TreeRun::runConcurrently(unsigned workers)
     return;
   }
 
-  // This thread prints: each model's log as soon as it and every model before it are done.
+  // This thread prints: each model's log as soon as it and every model before it are done (or,
+  // after a failure, will never run).
   std::unique_lock<std::mutex> lock(m_mutex);
   size_t shownDone = static_cast<size_t>(-1);
   while (m_published < count)
@@ -186,9 +223,12 @@ void TreeRun::runConcurrently(unsigned workers)
       m_changed.notify_all();
       continue;
     }
-    // Models are started in list order, so once stopped nothing at or after m_next will run.
-    if (m_stop && index >= m_next)
-      break;
+    // Once stopped, a model that has not been started never will be.
+    if (m_stop && !m_slots[index].started)
+    {
+      ++m_published;
+      continue;
+    }
     if (shownDone != m_doneCount)
     {
       shownDone = m_doneCount;

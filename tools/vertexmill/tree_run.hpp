@@ -4,6 +4,7 @@
 
 #include "model_job.hpp"
 
+#include <cstdint>
 #include <filesystem>
 #include <vector>
 
@@ -18,6 +19,7 @@ struct ModelList
   std::filesystem::path sourceRoot;
   std::filesystem::path outputRoot;
   std::vector<std::filesystem::path> sources; // each below sourceRoot
+  std::vector<std::uintmax_t> sizes;          // file sizes, one per source; may be empty
 
   // outputRoot / (source relative to sourceRoot), extension ".geometry".
   std::filesystem::path outputFor(size_t index) const;
@@ -34,9 +36,11 @@ struct TreeRunOptions
 // Converts every model of the list and returns the exit status: kExitSuccess, or
 // kExitConversionFailed when a model failed. Without keepGoing no model is started after the
 // first failure; models already being converted are finished and their outputs kept.
-// Each model's messages reach the console together, in list order, whatever `jobs` is; the run
-// ends with "Success: N files generated" (INFO) or, with keepGoing, a list of the failed models
-// and their first error (ERROR).
+// With one job the models are converted in list order. With more, the largest files among the
+// next models of the list (a window of 64 per job) are started first, so that no job is left
+// alone with a large model at the end; each model's messages still reach the console together
+// and in list order. The run ends with "Success: N files generated" (INFO) or, with keepGoing, a
+// list of the failed models and their first error (ERROR).
 [[nodiscard]] int convertModels(const ModelList& models, const TreeRunOptions& options, ConsoleRouter& router);
 
 // Threads the compiler of the model at `index` (of `count`) may use when `jobs` models are

@@ -39,7 +39,8 @@ struct Level
 }
 } // namespace
 
-bool listModels(const fs::path& root, std::vector<fs::path>& models, std::string& error)
+bool listModels(const fs::path& root, std::vector<fs::path>& models, std::vector<std::uintmax_t>* sizes,
+                std::string& error)
 {
   const fs::path extension = cstdmf::u8path(kPrimitivesExtension);
   std::vector<Level> levels(1);
@@ -63,7 +64,14 @@ bool listModels(const fs::path& root, std::vector<fs::path>& models, std::string
       return false;
     }
     if (fs::is_regular_file(status) && entry.path().extension() == extension)
+    {
       models.push_back(entry.path());
+      if (sizes)
+      {
+        const std::uintmax_t size = fs::file_size(entry.path(), code);
+        sizes->push_back(code ? 0 : size);
+      }
+    }
 
     // Entered only when it is a directory itself, not a link to one.
     const fs::file_status own = fs::symlink_status(entry.path(), code);

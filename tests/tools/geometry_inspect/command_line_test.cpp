@@ -28,7 +28,12 @@ RunResult runTool(const fs::path& dir, const std::string& arguments)
 {
   const fs::path out = dir / "stdout.txt";
   const fs::path err = dir / "stderr.txt";
-  const std::string command = quoted(GEOMETRY_INSPECT_EXE) + " " + arguments + " >" + quoted(out) + " 2>" + quoted(err);
+  // Absolute, so that under Wine the build host's "/work/..." reads as "Z:/work/...".
+  std::string command =
+    quoted(fs::absolute(GEOMETRY_INSPECT_EXE)) + " " + arguments + " >" + quoted(out) + " 2>" + quoted(err);
+#if defined(_WIN32)
+  command = "\"" + command + "\""; // cmd /c drops the first and the last quote of the line
+#endif
   int status = std::system(command.c_str());
 #if !defined(_WIN32)
   status = (status & 0x7F) == 0 ? (status >> 8) & 0xFF : 128 + (status & 0x7F); // a wait status here

@@ -35,8 +35,12 @@ std::string slurp(const std::string& path)
 RunResult runTool(const TempDir& dir, const std::string& arguments)
 {
   const std::string out = dir.path("stdout.txt"), err = dir.path("stderr.txt");
-  const std::string command =
-    "\"" + std::string(PRIMITIVES_FROM_OBJ_EXE) + "\" " + arguments + " >\"" + out + "\" 2>\"" + err + "\"";
+  // Absolute, so that under Wine the build host's "/work/..." reads as "Z:/work/...".
+  std::string command = "\"" + std::filesystem::absolute(PRIMITIVES_FROM_OBJ_EXE).string() + "\" " + arguments +
+                        " >\"" + out + "\" 2>\"" + err + "\"";
+#if defined(_WIN32)
+  command = "\"" + command + "\""; // cmd /c drops the first and the last quote of the line
+#endif
   int status = std::system(command.c_str());
 #if !defined(_WIN32)
   status = (status >> 8) & 0xFF; // std::system reports a wait status here, the exit code on Windows

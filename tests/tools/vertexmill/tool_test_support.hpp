@@ -1,6 +1,7 @@
 #pragma once
 // Runs the built vertexmill as a child process, and builds the models and trees it is given.
 
+#include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 #include "resmgr/bin_section.hpp"
 #include "resmgr/binary_block.hpp"
@@ -15,6 +16,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <system_error>
@@ -47,6 +49,7 @@ inline void writeFile(const fs::path& path, const std::string& bytes)
   stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
+// For the tests that need a POSIX shell (a terminal from script(1), another user from setpriv).
 inline std::string shellQuote(const std::string& text)
 {
   std::string quoted = "'";
@@ -174,22 +177,22 @@ protected:
   {
     const fs::path outFile = m_root / "io" / "stdout.txt";
     const fs::path errFile = m_root / "io" / "stderr.txt";
-    std::string command;
-    if (!workingDirectory.empty())
-      command += "cd " + shellQuote(workingDirectory.string()) + " && ";
-    command += shellQuote(tool);
-    for (const std::string& arg : args)
-      command += " " + shellQuote(arg);
-    command += " < /dev/null > " + shellQuote(outFile.string()) + " 2> " + shellQuote(errFile.string());
+    // Absolute before the child changes directory. Under Wine this also turns the build host's
+    // "/work/..." into "Z:/work/...", which stays valid from any drive.
+    const std::string program = u8(fs::absolute(cstdmf::u8path(tool)));
+    const std::optional<int> status =
+      platform::runProcess(program, args, {u8(outFile), u8(errFile), u8(workingDirectory)});
+    EXPECT_TRUE(status.has_value()) << "cannot run " << program;
     RunResult result;
-    result.status = exitStatusOf(std::system(command.c_str()));
+    result.status = status.value_or(-1000);
     result.out = readFile(outFile);
     result.err = readFile(errFile);
     return result;
   }
 
-  fs::path path(const std::string& relative) const { return m_work / relative; }
-  std::string str(const std::string& relative) const { return u8(path(relative)); }
+  fs::path path(const std::string& relative) const { return m_work / cstdmf::u8path(relative); }
+  // The path as the tool shows it: with the platform's own separators.
+  std::string str(const std::string& relative) const { return u8(path(relative).make_preferred()); }
 
   fs::path m_root;
   fs::path m_work;

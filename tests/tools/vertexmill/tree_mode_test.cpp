@@ -139,23 +139,29 @@ TEST_F(TreeMode, FirstFailureStopsStartingModelsWithAnyJobs)
   EXPECT_NE(one.run.err.find(brokenSource), std::string::npos) << one.run.err;
   EXPECT_EQ(one.files.size(), 7u);
 
+  // With several jobs the models are still listed in walk order, each with its own messages,
+  // and exactly the listed ones (but the broken one) are written. Which models after the broken
+  // one were started before it failed depends on timing.
   const TreeResult many = convert({"--verbose", "-j4"});
   EXPECT_EQ(many.run.status, 3);
   EXPECT_EQ(many.run.out.find("Success"), std::string::npos);
-  // Everything up to the broken model was converted and listed as with one job; after it only
-  // models that had been started before it failed, in walk order.
   const std::vector<std::string> listed = listedOutputs(many.run.out);
-  ASSERT_GE(listed.size(), 8u);
-  EXPECT_TRUE(std::equal(listed.begin(), listed.end(), walk.begin()));
-  EXPECT_EQ(many.run.out.substr(0, one.run.out.size()), one.run.out);
-  EXPECT_EQ(many.run.err.substr(0, one.run.err.size()), one.run.err);
+  auto inWalk = walk.begin();
+  for (const std::string& output : listed)
+  {
+    inWalk = std::find(inWalk, walk.end(), output);
+    ASSERT_NE(inWalk, walk.end()) << output << " is not in walk order\n" << many.run.out;
+  }
+  EXPECT_NE(std::find(listed.begin(), listed.end(), broken), listed.end());
   EXPECT_EQ(many.files.size(), listed.size() - 1);
   for (const std::string& output : listed)
     EXPECT_EQ(many.files.count(u8(fs::path(output).lexically_relative(path("out")))), output == broken ? 0u : 1u);
+  const std::string brokenErrors = one.run.err.substr(one.run.err.find("ERROR: "));
+  EXPECT_NE(many.run.err.find(brokenErrors), std::string::npos) << many.run.err;
 
-  // A model that fails at once near the start: the run does not go on to the end of the tree.
-  writeFile(str("tree/") + u8(fs::path(walk[1]).lexically_relative(path("out/tree")).replace_extension(".primitives")),
-            kInvalidPrimitives);
+  // The largest files are started first: a large broken model fails before most of the tree is
+  // converted, and then no further model is started.
+  writeFile(brokenSource, kInvalidPrimitives + std::string(4 << 20, 'x'));
   const TreeResult early = convert({"--verbose", "-j2"});
   EXPECT_EQ(early.run.status, 3);
   EXPECT_LT(listedOutputs(early.run.out).size(), 8u) << early.run.out;
@@ -213,7 +219,7 @@ TEST_F(TreeMode, IncrementalConvertsOnlyWhatChanged)
 {
   makeTree(6);
   // A copy of the tool whose time the test controls.
-  const fs::path tool = m_root / "bin" / "vertexmill";
+  const fs::path tool = m_root / "bin" / fs::path(kToolPath).filename();
   fs::create_directories(tool.parent_path());
   fs::copy_file(kToolPath, tool);
   const auto now = fs::file_time_type::clock::now();
@@ -274,8 +280,11 @@ TEST_F(TreeMode, IncrementalConvertsOnlyWhatChanged)
   const std::vector<fs::file_time_type> after = outputTimes();
   EXPECT_EQ(std::count_if(after.begin(), after.end(), [&](auto t) { return t > now - minutes(1); }), 2);
 
-  // A newer tool makes every output out of date; a missing output is converted again.
-  fs::last_write_time(tool, fs::file_time_type::clock::now());
+  // A newer tool makes every output out of date; a missing output is converted again. Times
+  // minutes apart: some file systems and runtimes keep whole seconds only.
+  for (const std::string& output : outputs)
+    fs::last_write_time(output, now - hours(1));
+  fs::last_write_time(tool, now - minutes(10));
   const RunResult newerTool = run(args, {}, u8(tool));
   EXPECT_EQ(newerTool.status, 0);
   EXPECT_EQ(countOf(newerTool.out, "(up to date)"), 0u);
@@ -427,6 +436,9 @@ TEST_F(TreeMode, UnreadableFilesAndDirectories)
 
 TEST_F(TreeMode, NamesThatAreNotUtf8)
 {
+#ifdef _WIN32
+  GTEST_SKIP() << "Windows file names are UTF-16: none holds bytes that are not UTF-8";
+#endif
   const std::string raw = "bad\xFF\xFEname";
   const std::string shown = "bad\xEF\xBF\xBD\xEF\xBF\xBDname";
   writeFile(path("tree/" + raw + ".primitives"), validPrimitives());
@@ -448,6 +460,9 @@ TEST_F(TreeMode, NamesThatAreNotUtf8)
 
 TEST_F(TreeMode, DeepTreesAndLongNames)
 {
+#ifdef __MINGW32__
+  GTEST_SKIP() << "MinGW's std::filesystem lists no directory whose path is longer than MAX_PATH";
+#endif
   std::string deep = "tree";
   for (int level = 0; level < 40; ++level)
     deep += "/" + std::string(50, static_cast<char>('a' + level % 26));
@@ -480,6 +495,12 @@ TEST_F(TreeMode, DeepTreesAndLongNames)
 TEST_F(TreeMode, DestinationInsideTheSourceTree)
 {
   makeTree(4, "art");
+  // Sources clearly older than any output, also where file times keep whole seconds only.
+  for (const auto& entry : fs::recursive_directory_iterator(path("art")))
+  {
+    if (entry.is_regular_file())
+      fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::hours(1));
+  }
   // The outputs land in art/art/...; they are never taken for models, also on later runs.
   for (const std::vector<std::string>& extra : std::vector<std::vector<std::string>>{
          {"--verbose", "-j2"}, {"--verbose", "-j2"}, {"--verbose", "--incremental", "-j2"}})

@@ -274,7 +274,7 @@ TEST_F(TreeSupport, WalkListsModelsInTheOrderOfARecursiveIteration)
   fs::create_directories(m_root / "empty");
   std::vector<fs::path> models;
   std::string error;
-  ASSERT_TRUE(listModels(m_root, models, error)) << error;
+  ASSERT_TRUE(listModels(m_root, models, nullptr, error)) << error;
   EXPECT_EQ(models, referenceWalk(m_root));
   EXPECT_EQ(models.size(), 6u);
 }
@@ -292,18 +292,21 @@ TEST_F(TreeSupport, WalkFollowsFileLinksButNotDirectoryLinks)
 
   std::vector<fs::path> models;
   std::string text;
-  ASSERT_TRUE(listModels(m_root / "tree", models, text)) << text;
+  ASSERT_TRUE(listModels(m_root / "tree", models, nullptr, text)) << text;
   EXPECT_EQ(models, std::vector<fs::path>{m_root / "tree" / "file_link.primitives"});
 
   fs::create_symlink("loop.primitives", m_root / "tree" / "loop.primitives");
   models.clear();
-  EXPECT_FALSE(listModels(m_root / "tree", models, text));
+  EXPECT_FALSE(listModels(m_root / "tree", models, nullptr, text));
   EXPECT_EQ(text.rfind("cannot examine " + cstdmf::toUtf8(m_root / "tree" / "loop.primitives") + ": ", 0), 0u)
     << text;
 }
 
 TEST_F(TreeSupport, WalkHandlesVeryDeepTrees)
 {
+#ifdef __MINGW32__
+  GTEST_SKIP() << "MinGW's std::filesystem lists no directory whose path is longer than MAX_PATH";
+#endif
   // Six hundred levels: the walk itself has no depth limit and keeps no directory open while it
   // descends.
   fs::path deep = m_root;
@@ -316,7 +319,7 @@ TEST_F(TreeSupport, WalkHandlesVeryDeepTrees)
 
   std::vector<fs::path> models;
   std::string text;
-  ASSERT_TRUE(listModels(m_root, models, text)) << text;
+  ASSERT_TRUE(listModels(m_root, models, nullptr, text)) << text;
   EXPECT_EQ(models, std::vector<fs::path>{deep / "bottom.primitives"});
 }
 
@@ -365,7 +368,7 @@ TEST_F(RunnerFixture, ModelsRemovedAfterTheWalkFailCleanly)
   list.sourceRoot = m_root / "src";
   list.outputRoot = m_root / "out" / "src";
   std::string error;
-  ASSERT_TRUE(listModels(list.sourceRoot, list.sources, error)) << error;
+  ASSERT_TRUE(listModels(list.sourceRoot, list.sources, &list.sizes, error)) << error;
   ASSERT_EQ(list.sources.size(), 4u);
   const fs::path removed = list.sources[1];
   fs::remove(removed);
