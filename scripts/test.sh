@@ -22,3 +22,10 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_CO
   -DVERTEXMILL_FUZZ=ON -DVERTEXMILL_BUILD_TESTS=OFF -DVERTEXMILL_BUILD_BENCH=OFF >/dev/null
 cmake --build build-fuzz -j"$jobs"
 ctest --test-dir build-fuzz --output-on-failure -j"$jobs"
+
+# The Windows build (MinGW-w64 cross build, tests and the examples under Wine), when its packages
+# are installed: scripts/install-deps.sh --windows.
+if command -v x86_64-w64-mingw32-g++-posix >/dev/null && command -v wine >/dev/null; then
+  echo "== Windows cross build (MinGW-w64), tests under Wine"
+  JOBS="$jobs" LINUX_BUILD=build scripts/test-windows.sh
+fi

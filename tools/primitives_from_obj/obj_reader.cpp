@@ -1,5 +1,7 @@
 #include "primitives_from_obj/obj_reader.hpp"
 
+#include "cstdmf/path_utils.hpp"
+
 #include <fmt/format.h>
 #include <zlib.h>
 
@@ -428,15 +430,20 @@ bool readFileBytes(const std::string& path, std::vector<char>& bytes, std::strin
 {
   bytes.clear();
   std::error_code ec;
-  if (std::filesystem::is_directory(path, ec))
+  const std::filesystem::path fsPath = cstdmf::u8path(path);
+  if (std::filesystem::is_directory(fsPath, ec))
   {
     error = fmt::format("{}: is a directory", path);
     return false;
   }
-  const uintmax_t fileSize = std::filesystem::file_size(path, ec);
+  const uintmax_t fileSize = std::filesystem::file_size(fsPath, ec);
 
   // gzread passes files that are not compressed through unchanged, so one path serves both.
+#ifdef _WIN32
+  gzFile file = gzopen_w(fsPath.c_str(), "rb"); // the UTF-16 name: gzopen would take ANSI text
+#else
   gzFile file = gzopen(path.c_str(), "rb");
+#endif
   if (file == nullptr)
   {
     error = fmt::format("{}: cannot open file: {}", path, std::strerror(errno));

@@ -1,6 +1,8 @@
 #include "primitives_from_obj/primitives_writer.hpp"
 
 #include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
 #include "moo/vertex_format.hpp"
 #include "moo/vertex_section.hpp"
 #include "resmgr/bin_section.hpp"
@@ -333,7 +335,7 @@ BinaryPtr encodePrimitives(const std::vector<RenderSet>& sets, const Moo::Primit
 bool writeFileReplacing(const std::string& path, const void* data, size_t size, std::string& error)
 {
   const std::string temporary = path + ".tmp";
-  std::FILE* file = std::fopen(temporary.c_str(), "wb");
+  std::FILE* file = platform::openFile(temporary, "wb");
   if (file == nullptr)
   {
     error = fmt::format("{}: cannot create file: {}", temporary, std::strerror(errno));
@@ -355,15 +357,15 @@ bool writeFileReplacing(const std::string& path, const void* data, size_t size, 
   if (!ok)
   {
     error = fmt::format("{}: cannot write file: {}", temporary, std::strerror(savedErrno));
-    std::filesystem::remove(temporary, ec);
+    std::filesystem::remove(cstdmf::u8path(temporary), ec);
     return false;
   }
-  std::filesystem::rename(temporary, path, ec);
+  std::filesystem::rename(cstdmf::u8path(temporary), cstdmf::u8path(path), ec);
   if (ec)
   {
     error = fmt::format("{}: cannot replace file: {}", path, ec.message());
     std::error_code ignored;
-    std::filesystem::remove(temporary, ignored);
+    std::filesystem::remove(cstdmf::u8path(temporary), ignored);
     return false;
   }
   return true;

@@ -72,6 +72,9 @@ fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relati
 
 bool isUpToDate(const fs::path& source, const fs::path& output, const std::optional<fs::file_time_type>& toolTime)
 {
+  std::error_code error;
+  if (!fs::is_regular_file(fs::status(output, error)))
+    return false;
   const std::optional<fs::file_time_type> outputTime = writeTime(output);
   const std::optional<fs::file_time_type> sourceTime = writeTime(source);
   if (!outputTime || !sourceTime || !toolTime)
@@ -81,7 +84,6 @@ bool isUpToDate(const fs::path& source, const fs::path& output, const std::optio
   for (const Companion& companion : kCompanions)
   {
     const fs::path candidate = companionPath(source, companion.extension);
-    std::error_code error;
     const fs::file_status status = fs::status(candidate, error);
     if (status.type() == fs::file_type::not_found)
       continue;

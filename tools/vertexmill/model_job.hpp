@@ -32,8 +32,8 @@ enum class ModelOutcome
 [[nodiscard]] ModelOutcome convertModel(const std::filesystem::path& source, const std::filesystem::path& output,
                                         const ModelSettings& settings);
 
-// True when output exists and was written after the source, each of its companion files and the
-// tool itself (toolTime). False whenever a time cannot be read.
+// True when output is a file written after the source, each of its companion files and the tool
+// itself (toolTime). False whenever a time cannot be read.
 [[nodiscard]] bool isUpToDate(const std::filesystem::path& source, const std::filesystem::path& output,
                               const std::optional<std::filesystem::file_time_type>& toolTime);
 

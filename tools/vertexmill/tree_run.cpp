@@ -8,7 +8,6 @@
 #include "progress_line.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -54,12 +53,12 @@ private:
     std::unique_ptr<ModelLog> log;
   };
 
-  ModelOutcome convert(size_t index, ModelLog& log) const;
+  ModelOutcome convert(size_t index, unsigned compilerJobs, ModelLog& log) const;
   void publish(size_t index, ModelOutcome outcome, ModelLog& log);
   void runInOrder();
   void runConcurrently(unsigned workers);
   void workerLoop();
-  [[nodiscard]] bool takeNext(size_t& index);
+  [[nodiscard]] bool takeNext(size_t& index, unsigned& compilerJobs);
   std::uintmax_t sizeOf(size_t index) const;
   std::string currentName(size_t index) const;
 
@@ -79,6 +78,7 @@ private:
   // Models of the window not started yet, largest first (ties in list order).
   std::vector<size_t> m_ready;
   size_t m_admitted = 0;  // models before this one have been in the window
+  size_t m_started = 0;
   size_t m_published = 0; // first model whose messages are not printed yet
   size_t m_doneCount = 0;
   bool m_stop = false;
@@ -89,7 +89,7 @@ std::uintmax_t TreeRun::sizeOf(size_t index) const
   return index < m_models.sizes.size() ? m_models.sizes[index] : 0;
 }
 
-bool TreeRun::takeNext(size_t& index)
+bool TreeRun::takeNext(size_t& index, unsigned& compilerJobs)
 {
   const auto smaller = [this](size_t a, size_t b) {
     const std::uintmax_t sizeA = sizeOf(a);
@@ -108,6 +108,7 @@ bool TreeRun::takeNext(size_t& index)
   index = m_ready.back();
   m_ready.pop_back();
   m_slots[index].started = true;
+  compilerJobs = compilerJobsFor(m_started++, m_slots.size(), m_options.jobs);
   return true;
 }
 
@@ -116,10 +117,10 @@ std::string TreeRun::currentName(size_t index) const
   return index < m_models.sources.size() ? cstdmf::toUtf8(m_models.sources[index]) : std::string();
 }
 
-ModelOutcome TreeRun::convert(size_t index, ModelLog& log) const
+ModelOutcome TreeRun::convert(size_t index, unsigned compilerJobs, ModelLog& log) const
 {
   ModelSettings settings = m_options.model;
-  settings.compilerJobs = compilerJobsFor(index, m_models.sources.size(), m_options.jobs);
+  settings.compilerJobs = compilerJobs;
   const cstdmf::ScopedWorkContext context(&log);
   return convertModel(m_models.sources[index], m_models.outputFor(index), settings);
 }
@@ -140,7 +141,7 @@ void TreeRun::runInOrder()
   {
     m_progress.update(index, count, currentName(index), true);
     ModelLog log;
-    const ModelOutcome outcome = convert(index, log);
+    const ModelOutcome outcome = convert(index, compilerJobsFor(index, count, m_options.jobs), log);
     publish(index, outcome, log);
     if (outcome == ModelOutcome::Failed && !m_options.keepGoing)
       return;
@@ -153,19 +154,20 @@ void TreeRun::workerLoop()
   for (;;)
   {
     size_t index = 0;
+    unsigned compilerJobs = 1;
     {
       std::unique_lock<std::mutex> lock(m_mutex);
       // Waits while every model of the window is taken and more are still to come.
       bool taken = false;
       m_changed.wait(lock, [&] {
-        taken = takeNext(index);
+        taken = takeNext(index, compilerJobs);
         return taken || m_stop || (m_admitted >= count && m_ready.empty());
       });
       if (!taken)
         return;
     }
     auto log = std::make_unique<ModelLog>();
-    const ModelOutcome outcome = convert(index, *log);
+    const ModelOutcome outcome = convert(index, compilerJobs, *log);
     {
       const std::lock_guard<std::mutex> lock(m_mutex);
       Slot& slot = m_slots[index];
@@ -283,13 +285,11 @@ fs::path ModelList::outputFor(size_t index) const
   return geometryPathFor(outputRoot, relative);
 }
 
-unsigned compilerJobsFor(size_t index, size_t count, unsigned jobs)
+unsigned compilerJobsFor(size_t started, size_t count, unsigned jobs)
 {
-  if (jobs <= 1 || index >= count)
+  if (jobs <= 1 || started >= count)
     return 1;
-  if (const char* all = std::getenv("VM_ALL_JOBS"); all && *all == '1')
-    return jobs;
-  const size_t remaining = count - index;
+  const size_t remaining = count - started;
   const size_t sharing = std::min<size_t>(jobs, remaining);
   return std::max(1u, static_cast<unsigned>(jobs / sharing));
 }

@@ -43,9 +43,9 @@ struct TreeRunOptions
 // list of the failed models and their first error (ERROR).
 [[nodiscard]] int convertModels(const ModelList& models, const TreeRunOptions& options, ConsoleRouter& router);
 
-// Threads the compiler of the model at `index` (of `count`) may use when `jobs` models are
-// converted at once: one while there are enough models to keep every job busy, the idle jobs'
-// share towards the end of the list.
-unsigned compilerJobsFor(size_t index, size_t count, unsigned jobs);
+// Threads the compiler of a model may use when `jobs` models are converted at once and `started`
+// of the `count` models were started before it: one while there are enough models left to keep
+// every job busy, then the share of the jobs that run out of models.
+unsigned compilerJobsFor(size_t started, size_t count, unsigned jobs);
 
 } // namespace vertexmill
