@@ -7,14 +7,16 @@
 #    in xyznuvtb and xyznuv (20 models). The tree is kept between runs in TREE_CACHE (default
 #    BUILD_DIR/bench_tree_models) and rebuilt when the importer is newer.
 # 2. vertexmill --tree TREE OUT with --jobs 1 and with --jobs 2, alternating, REPEATS rounds
-#    (default 5). The two output trees are compared byte for byte after the first round.
+#    (default 7). The two output trees are compared byte for byte after the first round.
 # 3. vertexmill merged_scene.primitives OUT (default mode, 17 render sets) with --jobs 1 and
 #    --jobs 2, alternating, REPEATS rounds.
 # 4. once: peak memory of --jobs 2 over 40 and over 800 copies (hard links) of a small model, to
 #    show that memory follows the models in flight, not the size of the tree.
 # Figures are medians; a speed-up is the median of the per-round ratios, so both sides of a ratio
-# saw about the same load. Times are wall-clock; peak memory is the maximum resident set size
-# from /usr/bin/time. Other work on the machine distorts the figures: the load average is shown.
+# saw about the same load, and also the ratio of the best times (least disturbed by other work).
+# Times are wall-clock; "cpu" is user + system time, so cpu / wall shows how many cores the run
+# kept busy whatever else the machine did. Peak memory is the maximum resident set size from
+# /usr/bin/time. Other work on the machine distorts the figures: the load average is shown.
 #
 # Environment: REPEATS, VERTEXMILL_CORPUS, TREE_CACHE, KEEP_WORK=1 keeps the output folder.
 
@@ -27,7 +29,7 @@ fi
 build=$(cd "$1" && pwd)
 script_dir=$(cd "$(dirname "$0")" && pwd)
 corpus=${VERTEXMILL_CORPUS:-$script_dir/../../shared/corpus}
-repeats=${REPEATS:-5}
+repeats=${REPEATS:-7}
 cache=${TREE_CACHE:-$build/bench_tree_models}
 
 if [[ ! -d $corpus ]]; then
@@ -76,19 +78,20 @@ cleanup() { [[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"; }
 trap cleanup EXIT
 
 # run_measured OUTFILE COMMAND...: runs the command with its output discarded and appends
-# "<wall microseconds> <peak KiB>" to OUTFILE. Exits the script when the command fails.
+# "<wall microseconds> <peak KiB> <cpu seconds>" to OUTFILE. Exits the script when the command
+# fails.
 run_measured() {
   local out=$1
   shift
   local start end
   start=$(date +%s%N)
-  if ! "$gnu_time" -f '%M' -o "$work/time.txt" "$@" >"$work/stdout.txt" 2>"$work/stderr.txt"; then
+  if ! "$gnu_time" -f '%M %U %S' -o "$work/time.txt" "$@" >"$work/stdout.txt" 2>"$work/stderr.txt"; then
     echo "bench_tree: failed: $*" >&2
     cat "$work/stderr.txt" >&2
     exit 1
   fi
   end=$(date +%s%N)
-  echo "$(((end - start) / 1000)) $(tail -n 1 "$work/time.txt")" >>"$out"
+  echo "$(((end - start) / 1000)) $(tail -n 1 "$work/time.txt" | awk '{ print $1, $2 + $3 }')" >>"$out"
 }
 
 # median FILE COLUMN: the median of one column of numbers.
@@ -98,7 +101,7 @@ median() {
 
 # speedup SLOW FAST: the median of the per-round ratios of column 1 of SLOW to column 1 of FAST.
 speedup() {
-  paste "$1" "$2" | awk '{ print $1 / $3 }' >"$work/ratios.txt"
+  paste -d' ' "$1" "$2" | awk '{ print $1 / $4 }' >"$work/ratios.txt"
   median "$work/ratios.txt" 1
 }
 
@@ -153,12 +156,15 @@ echo "date $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) cores ($(grep -m1 'model n
 echo "load average $load_before at start, $load_after at end; $repeats rounds, medians shown."
 echo "Outputs of --jobs 1 and --jobs 2 compared: identical."
 echo
-echo "| run | --jobs 1 s | --jobs 1 peak MiB | --jobs 2 s | --jobs 2 peak MiB | speed-up | aim |"
-echo "|---|---:|---:|---:|---:|---:|---:|"
+echo "| run | --jobs 1 s | cpu s | peak MiB | --jobs 2 s | cpu s | peak MiB | speed-up (median, best) | aim |"
+echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|"
+best() { sort -g -k1,1 "$1" | head -n 1 | cut -d' ' -f1; }
 row() {
-  awk -v name="$1" -v t1="$(median "$2" 1)" -v m1="$(median "$2" 2)" -v t2="$(median "$3" 1)" -v m2="$(median "$3" 2)" \
-    -v s="$4" -v aim="$5" \
-    'BEGIN { printf "| %s | %.3f | %.1f | %.3f | %.1f | %.2f | %.1f |\n", name, t1 / 1e6, m1 / 1024, t2 / 1e6, m2 / 1024, s, aim }'
+  awk -v name="$1" -v t1="$(median "$2" 1)" -v m1="$(median "$2" 2)" -v c1="$(median "$2" 3)" \
+    -v t2="$(median "$3" 1)" -v m2="$(median "$3" 2)" -v c2="$(median "$3" 3)" \
+    -v b1="$(best "$2")" -v b2="$(best "$3")" -v s="$4" -v aim="$5" \
+    'BEGIN { printf "| %s | %.3f | %.2f | %.1f | %.3f | %.2f | %.1f | %.2f, %.2f | %.1f |\n",
+             name, t1 / 1e6, c1, m1 / 1024, t2 / 1e6, c2, m2 / 1024, s, b1 / b2, aim }'
 }
 row "tree ($models models)" "$work/tree1.txt" "$work/tree2.txt" "$tree_speedup" 1.8
 row "merged_scene alone (17 render sets)" "$work/single1.txt" "$work/single2.txt" "$single_speedup" 1.6

@@ -68,11 +68,11 @@ if(NOT meshopt_dir)
     file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/meshoptimizer)
     execute_process(COMMAND apt-get source -qq ${meshopt_package}
       WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/meshoptimizer
-      RESULT_VARIABLE meshopt_fetch OUTPUT_QUIET)
+      RESULT_VARIABLE meshopt_fetch OUTPUT_QUIET ERROR_VARIABLE meshopt_errors)
     file(GLOB meshopt_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/meshoptimizer/meshoptimizer-*)
     if(NOT meshopt_fetch EQUAL 0 OR NOT meshopt_dir)
       message(FATAL_ERROR "apt-get source ${meshopt_package} failed: it needs deb-src entries and dpkg-dev "
-                          "(scripts/install-deps.sh --windows adds both)")
+                          "(scripts/install-deps.sh --windows adds both)\n${meshopt_errors}")
     endif()
   endif()
 endif()

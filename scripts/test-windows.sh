@@ -33,9 +33,12 @@ if [[ ! -f "$WINEPREFIX/system.reg" ]]; then
   wineserver --wait
 fi
 rm -rf "$WINEPREFIX"/drive_c/users/*/Temp/*
-# One wine server for the whole run instead of one per test process; stopped again at the end.
-wineserver --persistent=60
+# One wine server for the whole run, with Wine's background services started here: started by the
+# first test instead, they would keep that test's output pipe open and CTest waiting for them.
+# Stopped again at the end.
+wineserver --persistent=60 >/dev/null 2>&1 || true
 trap 'wineserver --kill >/dev/null 2>&1 || true' EXIT
+wine cmd.exe /c exit >/dev/null 2>&1 || true
 
 echo "== tests under Wine"
 start=$(seconds)
