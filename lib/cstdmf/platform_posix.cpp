@@ -52,7 +52,11 @@ namespace
 std::string environmentOr(const char* name, const std::string& fallback)
 {
   const char* value = std::getenv(name);
-  return value && *value ? std::string(value) : fallback;
+  std::string text = value && *value ? std::string(value) : fallback;
+  // No trailing separator, whatever the variable holds ("/" itself stays).
+  while (text.size() > 1 && text.back() == '/')
+    text.pop_back();
+  return text;
 }
 } // namespace
 
