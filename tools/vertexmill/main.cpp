@@ -14,6 +14,7 @@
 #include "fw/arg_parser.hpp"
 #include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
+#include "report.hpp"
 #include "resmgr/zrresource.hpp"
 #include "tree_run.hpp"
 #include "tree_walk.hpp"
@@ -24,6 +25,7 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -76,6 +78,7 @@ struct Args
   unsigned jobs = 1;     // 0: one per hardware thread
   bool keepGoing = false;
   bool incremental = false;
+  std::string reportPath; // UTF-8; empty: no report
   bool showVersion = false;
   bool helpShown = false;
 
@@ -173,6 +176,16 @@ bool Args::parse(int argc, const char* const* argv)
         },
       })
       .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "report",
+        .description = "write statistics of every model as one JSON document to FILE",
+        .valueName = "FILE",
+        .callback = [this](std::string_view value) {
+          reportPath = std::string(value);
+          return true;
+        },
+      })
+      .add({
         .kind = ArgParser::Kind::Flag,
         .longName = "version",
         .description = "print the tool's name and version",
@@ -199,6 +212,7 @@ struct RunRequest
   bool keepGoing = false;
   bool incremental = false;
   ConsoleRouter* router = nullptr;
+  Report* report = nullptr; // --report, or null
 };
 
 [[nodiscard]] bool requirePathExists(const fs::path& path, fs::file_status status, std::string_view kind)
@@ -271,6 +285,7 @@ ModelSettings modelSettings(const RunRequest& request)
   ModelSettings settings;
   settings.compilerJobs = request.jobs;
   settings.incremental = request.incremental;
+  settings.report = request.report;
   if (request.incremental)
   {
     // The tool's own time counts as an input: a newer tool may write different files.
@@ -381,8 +396,11 @@ int vertexmillMain(int argc, const char* const* argv)
   unsigned jobs = args.jobs;
   if (jobs == 0)
     jobs = std::max(1u, std::thread::hardware_concurrency());
+  std::unique_ptr<Report> report;
+  if (!args.reportPath.empty())
+    report = std::make_unique<Report>();
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
-                     args.keepGoing, args.incremental, router.get()};
+                     args.keepGoing, args.incremental, router.get(), report.get()};
   int status = kExitSuccess;
   try
   {
@@ -395,6 +413,10 @@ int vertexmillMain(int argc, const char* const* argv)
     // run ends abnormally, with the reason on standard error whatever the verbosity.
     status = reportFilesystemFailure(error.what());
   }
+  // Written whatever the outcome, so a failed run's report says what failed. A report that
+  // cannot be written is an error of its own but does not change what the models did.
+  if (report)
+    (void)report->write(args.reportPath);
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();

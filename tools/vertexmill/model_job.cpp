@@ -3,6 +3,10 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
+#include "report.hpp"
+
+#include <chrono>
+#include <memory>
 
 #include <array>
 #include <string>
@@ -99,11 +103,36 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
 {
   const std::string sourceText = cstdmf::toUtf8(source);
   const std::string outputText = cstdmf::toUtf8(output);
+
+  // Statistics are gathered only for --report; without it none of this exists.
+  std::unique_ptr<ModelReport> report;
+  std::unique_ptr<ReportMessageCollector> collector;
+  const auto started = std::chrono::steady_clock::now();
+  if (settings.report)
+  {
+    report = std::make_unique<ModelReport>();
+    report->source = sourceText;
+    report->output = outputText;
+    collector = std::make_unique<ReportMessageCollector>(*report);
+  }
+  auto finish = [&](ModelOutcome outcome) {
+    if (report)
+    {
+      collector.reset();
+      report->status = outcome == ModelOutcome::Converted ? "converted"
+                       : outcome == ModelOutcome::UpToDate ? "up-to-date"
+                                                           : "failed";
+      report->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+      settings.report->addModel(settings.reportOrder, std::move(*report));
+    }
+    return outcome;
+  };
+
   if (settings.incremental && isUpToDate(source, output, settings.toolTime))
   {
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {} (up to date)\n", outputText);
-    return ModelOutcome::UpToDate;
+    return finish(ModelOutcome::UpToDate);
   }
 
   const GeometryCompiler::Request request = makeRequest(source);
@@ -119,13 +148,16 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
     {
       ZR_MSG_FMT(DebugMessagePriority::Error, "", "failed to create path {}: {}", cstdmf::toUtf8(outputDirectory),
                  error.message());
-      return ModelOutcome::Failed;
+      return finish(ModelOutcome::Failed);
     }
   }
 
   GeometryCompiler compiler;
   compiler.setJobs(settings.compilerJobs);
-  return compiler.compile(request, outputText, true, true, true) ? ModelOutcome::Converted : ModelOutcome::Failed;
+  if (report)
+    compiler.setStatistics(&report->statistics);
+  const bool converted = compiler.compile(request, outputText, true, true, true);
+  return finish(converted ? ModelOutcome::Converted : ModelOutcome::Failed);
 }
 
 } // namespace vertexmill

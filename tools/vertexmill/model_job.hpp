@@ -8,6 +8,8 @@
 namespace vertexmill
 {
 
+class Report;
+
 struct ModelSettings
 {
   // Threads the compiler may use inside the model (optimising render sets, encoding buffers).
@@ -16,6 +18,9 @@ struct ModelSettings
   bool incremental = false;
   // Last write time of the tool's own executable; without it nothing counts as up to date.
   std::optional<std::filesystem::file_time_type> toolTime;
+  // Where the model's statistics go (--report), or null; `reportOrder` is its place in the walk.
+  Report* report = nullptr;
+  size_t reportOrder = 0;
 };
 
 enum class ModelOutcome

@@ -121,6 +121,7 @@ ModelOutcome TreeRun::convert(size_t index, unsigned compilerJobs, ModelLog& log
 {
   ModelSettings settings = m_options.model;
   settings.compilerJobs = compilerJobs;
+  settings.reportOrder = index;
   const cstdmf::ScopedWorkContext context(&log);
   return convertModel(m_models.sources[index], m_models.outputFor(index), settings);
 }

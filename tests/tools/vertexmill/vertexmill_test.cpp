@@ -34,6 +34,7 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "thread)\n"
     "      --keep-going       in tree mode convert every model even after failures, then list the failed ones\n"
     "      --incremental      skip models whose .geometry file is newer than their sources and the tool\n"
+    "      --report <FILE>    write statistics of every model as one JSON document to FILE\n"
     "      --version          print the tool's name and version\n"
     "  -h, --help             Display this message.\n";
   for (const char* help : {"--help", "-h"})

@@ -1,0 +1,85 @@
+// The statistics report: one JSON document for the whole run, in walk order, with failures.
+#include "tool_test_support.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace vertexmill_test
+{
+
+TEST_F(VertexmillTool, ReportDescribesEveryModelInWalkOrder)
+{
+  writeFile(path("art/a_ship.primitives"), validPrimitives({"hull", "turret"}));
+  writeFile(path("art/a_ship.collision"), std::string(100, 'c'));
+  writeFile(path("art/b_broken.primitives"), std::string(64, 'x'));
+  writeFile(path("art/c_boat.primitives"), validPrimitives({"deck"}));
+  fs::create_directories(path("out"));
+
+  std::vector<std::string> orderWithOneJob;
+  for (const char* jobs : {"1", "3"})
+  {
+    const RunResult result = run({"--tree", "--keep-going", "--jobs", jobs, "--report", str("out/report.json"),
+                                  "--src-path", str("art"), "--dst-path", str("out")});
+    EXPECT_EQ(result.status, 3) << result.err;
+    const auto report = nlohmann::json::parse(readFile(path("out/report.json")));
+    EXPECT_EQ(report["schema"], "vertexmill-report");
+    EXPECT_EQ(report["schemaVersion"], 1);
+    const auto& models = report["models"];
+    ASSERT_EQ(models.size(), 3u);
+
+    // Models appear in the order of the directory walk, whatever the number of jobs.
+    std::vector<std::string> order;
+    auto model = [&](const std::string& name) -> const nlohmann::json& {
+      for (const auto& m : models)
+        if (m["source"].get<std::string>().find(name) != std::string::npos)
+          return m;
+      ADD_FAILURE() << name << " missing";
+      return models[0];
+    };
+    for (const auto& m : models)
+      order.push_back(m["source"]);
+    if (orderWithOneJob.empty())
+      orderWithOneJob = order;
+    EXPECT_EQ(order, orderWithOneJob);
+
+    EXPECT_EQ(model("a_ship")["status"], "converted");
+    EXPECT_EQ(model("b_broken")["status"], "failed");
+    EXPECT_EQ(model("c_boat")["status"], "converted");
+    EXPECT_FALSE(model("b_broken")["errors"].empty());
+    EXPECT_TRUE(model("a_ship")["errors"].empty());
+
+    const auto& ship = model("a_ship");
+    ASSERT_EQ(ship["sections"].size(), 4u);
+    EXPECT_EQ(ship["sections"][0]["kind"], "vertices");
+    ASSERT_EQ(ship["renderSets"].size(), 2u);
+    EXPECT_EQ(ship["renderSets"][0]["name"], "hull");
+    EXPECT_TRUE(ship["renderSets"][0]["optimized"].get<bool>());
+    EXPECT_GT(ship["renderSets"][0]["before"]["acmr"].get<double>(), 0.0);
+    EXPECT_EQ(ship["companions"][0]["name"], "a_ship.collision");
+    EXPECT_EQ(ship["companions"][0]["bytes"], 100);
+    EXPECT_EQ(ship["verifier"].size(), 2u);
+    EXPECT_EQ(ship["totals"]["outputBytes"].get<uint64_t>(), fs::file_size(path("out/art/a_ship.geometry")));
+
+    EXPECT_EQ(report["totals"]["models"], 3);
+    EXPECT_EQ(report["totals"]["converted"], 2);
+    EXPECT_EQ(report["totals"]["failed"], 1);
+  }
+}
+
+TEST_F(VertexmillTool, ReportInDefaultModeAndUnwritableReport)
+{
+  writeFile(path("art/ship.primitives"), validPrimitives({"hull"}));
+  fs::create_directories(path("out"));
+  const RunResult result = run({"--report", str("out/one.json"), str("art/ship.primitives"), str("out")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  const auto report = nlohmann::json::parse(readFile(path("out/one.json")));
+  ASSERT_EQ(report["models"].size(), 1u);
+  EXPECT_EQ(report["models"][0]["status"], "converted");
+
+  // The conversion stands; the report's own failure is said on standard error.
+  const RunResult unwritable =
+    run({"--report", str("missing/dir/r.json"), str("art/ship.primitives"), str("out")});
+  EXPECT_EQ(unwritable.status, 0);
+  EXPECT_NE(unwritable.err.find("ERROR: cannot write report"), std::string::npos);
+}
+
+} // namespace vertexmill_test
