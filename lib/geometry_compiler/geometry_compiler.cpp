@@ -19,6 +19,7 @@
 #include "moo/vertex_section.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -91,6 +92,9 @@ struct GeometryCompiler::SaveState
   std::vector<Moo::MappingPrototype> indicesMapping;
   std::vector<Moo::CollisionModelDataPrototype> collisionModels;
   std::vector<Moo::ArmorDataPrototype> armorModels;
+  // Sizes of the merged buffers before encoding, and which encodings failed.
+  std::vector<uint64_t> rawVertexSizes, rawIndexSizes;
+  std::vector<uint8_t> vertexEncodingFailed, indexEncodingFailed;
 };
 
 GeometryCompiler::GeometryCompiler() = default;
@@ -588,6 +592,7 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   SaveState state;
   if (!saveArmor(state, resourcePath))
     return false;
+  encodeBuffers(state);
   saveCollisionModels(state);
   saveVerticesData(state);
   saveVerticesMapping(state);
@@ -756,6 +761,58 @@ void GeometryCompiler::saveCollisionModels(SaveState& state)
   state.prototype.collisionModels = state.collisionModels.empty() ? nullptr : state.collisionModels.data();
 }
 
+void GeometryCompiler::encodeBuffers(SaveState& state)
+{
+  for (const DataEntry& entry : m_vertexData)
+    state.rawVertexSizes.push_back(entry.data.size());
+  for (const DataEntry& entry : m_indexData)
+    state.rawIndexSizes.push_back(entry.data.size());
+  state.vertexEncodingFailed.assign(m_vertexData.size(), 0);
+  state.indexEncodingFailed.assign(m_indexData.size(), 0);
+  if (!m_settings.encodeBuffers)
+    return;
+
+  // Every merged buffer is encoded on its own, so vertex and index buffers share one loop.
+  const size_t vertexBuffers = m_vertexData.size();
+  cstdmf::parallelFor(vertexBuffers + m_indexData.size(), m_jobs, [&](size_t task) {
+    if (task < vertexBuffers)
+    {
+      DataEntry& entry = m_vertexData[task];
+      const VertexBufferInfo* info = findVertexBufferInfo(entry.formatName);
+      if (!info)
+        return; // reported by saveVerticesData
+      std::vector<std::byte> encoded = MeshDataOptimizer::encodeVertexData(entry.data, info->strideInBytes);
+      state.vertexEncodingFailed[task] = encoded.size() <= sizeof(MeshDataOptimizer::EncodedBufferHeader);
+      entry.data = std::move(encoded);
+      return;
+    }
+    const size_t i = task - vertexBuffers;
+    DataEntry& entry = m_indexData[i];
+    const IndexBufferInfo* info = findIndexBufferInfo(entry.formatName);
+    if (!info)
+      return; // reported by saveIndicesData
+    const bool wide = info->indexFormat == static_cast<uint32_t>(IndexFormat::LIST32);
+    const size_t stride = wide ? 4 : 2;
+    const size_t indexCount = entry.data.size() / stride;
+    // The vertex count only sizes the encoder's worst case; an index range that no vertex range
+    // was paired with may still reach past the recorded count, so the bound covers both.
+    uint32_t maxIndex = 0;
+    for (size_t k = 0; k < indexCount; ++k)
+      maxIndex = std::max(maxIndex, readIndex(entry.data.data(), k, static_cast<uint32_t>(stride)));
+    const size_t vertexCount =
+      std::max<size_t>(info->maxVertexCount, indexCount ? static_cast<size_t>(maxIndex) + 1 : 0);
+    std::vector<std::byte> encoded;
+    if (wide)
+      encoded = MeshDataOptimizer::encodeIndexData(
+        std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(entry.data.data()), indexCount), vertexCount);
+    else
+      encoded = MeshDataOptimizer::encodeIndexData(
+        std::span<const uint16_t>(reinterpret_cast<const uint16_t*>(entry.data.data()), indexCount), vertexCount);
+    state.indexEncodingFailed[i] = encoded.size() <= sizeof(MeshDataOptimizer::EncodedBufferHeader);
+    entry.data = std::move(encoded);
+  });
+}
+
 void GeometryCompiler::saveVerticesData(SaveState& state)
 {
   state.mergedVertices.assign(m_vertexData.size(), Moo::MergedVerticesPrototype{});
@@ -768,25 +825,9 @@ void GeometryCompiler::saveVerticesData(SaveState& state)
     infos[i] = vertIndexationIt;
   }
 
-  std::vector<uint64_t> rawSizes;
-  for (const DataEntry& entry : m_vertexData)
-    rawSizes.push_back(entry.data.size());
-
-  if (m_settings.encodeBuffers)
-  {
-    std::vector<uint8_t> failed(m_vertexData.size(), 0);
-    cstdmf::parallelFor(m_vertexData.size(), m_jobs, [&](size_t i) {
-      DataEntry& entry = m_vertexData[i];
-      const size_t stride = infos[i]->strideInBytes;
-      std::vector<std::byte> encoded =
-        MeshDataOptimizer::encodeVertexData(entry.data, stride);
-      failed[i] = encoded.size() <= sizeof(MeshDataOptimizer::EncodedBufferHeader);
-      entry.data = std::move(encoded);
-    });
-    for (uint8_t f : failed)
-      if (f)
-        ZR_MSG(kError, kCategory, "GeometryCompiler::saveVerticesData: The Vertex data hasn't been encoded.\n");
-  }
+  for (uint8_t failed : state.vertexEncodingFailed)
+    if (failed)
+      ZR_MSG(kError, kCategory, "GeometryCompiler::saveVerticesData: The Vertex data hasn't been encoded.\n");
 
   for (size_t i = 0; i < m_vertexData.size(); ++i)
   {
@@ -800,7 +841,8 @@ void GeometryCompiler::saveVerticesData(SaveState& state)
     addToStringPool(entry.formatName, record.formatName);
     if (m_statistics)
       m_statistics->buffers.push_back({"vertices", entry.formatName, infos[i]->strideInBytes,
-                                       rawSizes[i] / infos[i]->strideInBytes, rawSizes[i], entry.data.size(),
+                                       state.rawVertexSizes[i] / infos[i]->strideInBytes, state.rawVertexSizes[i],
+                                       entry.data.size(),
                                        m_settings.encodeBuffers});
   }
   state.prototype.mergedVerticesCount = static_cast<uint32_t>(state.mergedVertices.size());
@@ -845,39 +887,9 @@ void GeometryCompiler::saveIndicesData(SaveState& state)
     infos[i] = vertIndexationIt;
   }
 
-  std::vector<uint64_t> rawSizes;
-  for (const DataEntry& entry : m_indexData)
-    rawSizes.push_back(entry.data.size());
-
-  if (m_settings.encodeBuffers)
-  {
-    std::vector<uint8_t> failed(m_indexData.size(), 0);
-    cstdmf::parallelFor(m_indexData.size(), m_jobs, [&](size_t i) {
-      DataEntry& entry = m_indexData[i];
-      const bool wide = infos[i]->indexFormat == static_cast<uint32_t>(IndexFormat::LIST32);
-      const size_t stride = wide ? 4 : 2;
-      const size_t indexCount = entry.data.size() / stride;
-      // The vertex count only sizes the encoder's worst case; an index range that no vertex range
-      // was paired with may still reach past the recorded count, so the bound covers both.
-      uint32_t maxIndex = 0;
-      for (size_t k = 0; k < indexCount; ++k)
-        maxIndex = std::max(maxIndex, readIndex(entry.data.data(), k, static_cast<uint32_t>(stride)));
-      const size_t vertexCount =
-        std::max<size_t>(infos[i]->maxVertexCount, indexCount ? static_cast<size_t>(maxIndex) + 1 : 0);
-      std::vector<std::byte> encoded;
-      if (wide)
-        encoded = MeshDataOptimizer::encodeIndexData(
-          std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(entry.data.data()), indexCount), vertexCount);
-      else
-        encoded = MeshDataOptimizer::encodeIndexData(
-          std::span<const uint16_t>(reinterpret_cast<const uint16_t*>(entry.data.data()), indexCount), vertexCount);
-      failed[i] = encoded.size() <= sizeof(MeshDataOptimizer::EncodedBufferHeader);
-      entry.data = std::move(encoded);
-    });
-    for (uint8_t f : failed)
-      if (f)
-        ZR_MSG(kError, kCategory, "GeometryCompiler::saveIndicesData: The Index data hasn't been encoded.\n");
-  }
+  for (uint8_t failed : state.indexEncodingFailed)
+    if (failed)
+      ZR_MSG(kError, kCategory, "GeometryCompiler::saveIndicesData: The Index data hasn't been encoded.\n");
 
   for (size_t i = 0; i < m_indexData.size(); ++i)
   {
@@ -890,7 +902,8 @@ void GeometryCompiler::saveIndicesData(SaveState& state)
     record.strideInBytes = code == 0 ? 2 : 4;
     if (m_statistics)
       m_statistics->buffers.push_back({"indices", entry.formatName, record.strideInBytes,
-                                       rawSizes[i] / record.strideInBytes, rawSizes[i], entry.data.size(),
+                                       state.rawIndexSizes[i] / record.strideInBytes, state.rawIndexSizes[i],
+                                       entry.data.size(),
                                        m_settings.encodeBuffers});
   }
   state.prototype.mergedIndicesCount = static_cast<uint32_t>(state.mergedIndices.size());
@@ -951,8 +964,12 @@ BinaryPtr GeometryCompiler::packData(const Moo::MergedGeometryPrototype& prototy
 bool GeometryCompiler::writeToFile(const std::string& resourcePath, const BinaryPtr& block)
 {
   const std::filesystem::path target = cstdmf::u8path(resourcePath);
-  std::filesystem::path temporary = target;
-  temporary += ".tmp" + std::to_string(platform::processId());
+  // A short name beside the target (a rename stays within one file system), unique per process
+  // and per write; the target's own name may already be as long as names may be.
+  static std::atomic<unsigned> s_writeCounter{0};
+  const std::filesystem::path temporary =
+    target.parent_path() / cstdmf::u8path(".vm" + std::to_string(platform::processId()) + "-" +
+                                          std::to_string(s_writeCounter.fetch_add(1)) + ".tmp");
   const std::string temporaryText = cstdmf::toUtf8(temporary);
 
   std::FILE* file = platform::openFile(temporaryText, "wb");

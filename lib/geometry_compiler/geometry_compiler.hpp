@@ -160,6 +160,7 @@ private:
   void optimizeMesh();
   bool saveArmor(SaveState& state, const std::string& resourcePath);
   void saveCollisionModels(SaveState& state);
+  void encodeBuffers(SaveState& state);
   void saveVerticesData(SaveState& state);
   void saveVerticesMapping(SaveState& state);
   void saveIndicesData(SaveState& state);
