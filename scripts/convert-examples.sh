@@ -12,3 +12,7 @@ mkdir -p "$out"
 "$tool" --tree --verbose --src-path examples --dst-path "$out"
 echo
 echo "Converted examples are in $out/examples/"
+echo "Inspect one:   $build/tools/geometry_inspect/geometry_inspect $out/examples/props/crate.geometry"
+echo "Validate:      $build/tools/geometry_inspect/geometry_inspect --validate $out/examples/creatures/spot.geometry"
+echo "Look at it:    $build/tools/geometry_inspect/geometry_inspect --export-obj spot.obj $out/examples/creatures/spot.geometry"
+echo "Statistics:    $build/tools/vertexmill/vertexmill --tree --report report.json --src-path examples --dst-path $out"
