@@ -3,13 +3,13 @@
 // bytes), index sections in "list"/"list32", written with the project's container writer.
 
 #include "cstdmf/log_sinks.hpp"
+#include "log_capture.hpp"
 #include "cstdmf/platform.hpp"
 #include "resmgr/bin_section.hpp"
 #include "resmgr/binary_block.hpp"
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
-#include <spdlog/sinks/ostream_sink.h>
 
 #include <cstdint>
 #include <cstring>
@@ -125,23 +125,6 @@ std::vector<Index> gridIndices(int n)
     }
   return indices;
 }
-
-// Captures every log line ("%l: %v") while alive.
-struct LogCapture
-{
-  std::ostringstream stream;
-  LogCapture()
-  {
-    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(stream);
-    sink->set_formatter(cstdmf::makeFormatter("%l: %v"));
-    sink->set_level(spdlog::level::trace);
-    cstdmf::appLogger().sinks().push_back(sink);
-    cstdmf::appLogger().set_level(spdlog::level::trace);
-  }
-  ~LogCapture() { cstdmf::resetLogging(); }
-  std::string text() const { return stream.str(); }
-  bool contains(const std::string& part) const { return stream.str().find(part) != std::string::npos; }
-};
 
 // A fresh directory under the system's temporary directory, removed at the end.
 struct TempDir

@@ -3,10 +3,10 @@
 #include "cstdmf/log_sinks.hpp"
 #include "mesh_data_optimizer/test_mesh.hpp"
 #include "fatal_exit_status.hpp"
+#include "log_capture.hpp"
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
-#include <spdlog/sinks/ostream_sink.h>
 
 #include <cstring>
 #include <random>
@@ -20,24 +20,8 @@ using MeshDataOptimizerTest::makeSphere;
 using MeshDataOptimizerTest::TestMesh;
 
 // Collects the log lines written while it lives, as "LEVEL: text".
-struct CapturedLog
+struct CapturedLog : testutil::LogCapture
 {
-  std::ostringstream stream;
-
-  CapturedLog()
-  {
-    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(stream);
-    sink->set_formatter(cstdmf::makeFormatter("%l: %v"));
-    cstdmf::appLogger().sinks().push_back(sink);
-  }
-  ~CapturedLog() { cstdmf::resetLogging(); }
-
-  std::string take()
-  {
-    const std::string text = stream.str();
-    stream.str("");
-    return text;
-  }
   size_t takeErrorCount()
   {
     const std::string text = take();

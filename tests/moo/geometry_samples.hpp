@@ -1,4 +1,6 @@
 #pragma once
+
+#include "log_capture.hpp"
 // In-memory geometry prototypes for the packing and reading tests.
 
 #include "cstdmf/log_sinks.hpp"
@@ -6,7 +8,6 @@
 #include "moo/moo_prototypes.hpp"
 
 #include <spdlog/logger.h>
-#include <spdlog/sinks/ostream_sink.h>
 
 #include <cstring>
 #include <sstream>
@@ -16,18 +17,7 @@
 namespace geometry_samples
 {
 
-// Captures the application log as "LEVEL: text"; the sink ends each message with one more newline.
-struct LogCapture
-{
-  std::ostringstream stream;
-  LogCapture()
-  {
-    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(stream);
-    sink->set_formatter(cstdmf::makeFormatter("%l: %v"));
-    cstdmf::appLogger().sinks().push_back(sink);
-  }
-  ~LogCapture() { cstdmf::resetLogging(); }
-};
+using testutil::LogCapture;
 
 
 inline std::vector<std::byte> patternBytes(size_t size, uint8_t seed)

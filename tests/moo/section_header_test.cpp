@@ -2,11 +2,11 @@
 #include "moo/vertex_section.hpp"
 
 #include "cstdmf/debug.hpp"
+#include "log_capture.hpp"
 #include "moo/formats_test_support.hpp"
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
-#include <spdlog/sinks/ostream_sink.h>
 
 #include <memory>
 #include <sstream>
@@ -17,18 +17,10 @@ namespace
 
 using formats_test::Bytes;
 
-// Captures the bare text of ERROR messages while alive.
-struct CapturedErrors
+// Captures ERROR messages while alive.
+struct CapturedErrors : testutil::LogCapture
 {
-  std::ostringstream stream;
-  CapturedErrors()
-  {
-    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(stream);
-    sink->set_formatter(cstdmf::makeFormatter("%l: %v"));
-    sink->set_level(spdlog::level::err);
-    cstdmf::appLogger().sinks().push_back(sink);
-  }
-  ~CapturedErrors() { cstdmf::resetLogging(); }
+  CapturedErrors() : testutil::LogCapture("%l: %v", DebugMessagePriority::Error) {}
 
   // The logged lines; the sink ends each record with its own newline after the message's.
   std::string text() const

@@ -2,10 +2,10 @@
 // Small helpers shared by the resource manager tests.
 
 #include "cstdmf/log_sinks.hpp"
+#include "log_capture.hpp"
 #include "resmgr/binary_block.hpp"
 
 #include <spdlog/logger.h>
-#include <spdlog/sinks/ostream_sink.h>
 
 #include <cstdint>
 #include <memory>
@@ -50,17 +50,9 @@ struct Bytes
 };
 
 // Collects what the application logger prints as "LEVEL: [Category] text" while it lives.
-struct CapturedLog
+struct CapturedLog : testutil::LogCapture
 {
-  std::ostringstream stream;
-  CapturedLog()
-  {
-    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(stream);
-    sink->set_formatter(cstdmf::makeFormatter("%l: %*%v"));
-    cstdmf::appLogger().sinks().push_back(sink);
-  }
-  ~CapturedLog() { cstdmf::resetLogging(); }
-  std::string text() const { return stream.str(); }
+  CapturedLog() : testutil::LogCapture("%l: %*%v") {}
 };
 
 } // namespace resmgr_test
