@@ -6,12 +6,14 @@
 
 #include "geometry_compiler/compile_statistics.hpp"
 #include "geometry_compiler/merged_geometry.hpp"
+#include "geometry_compiler/string_pool.hpp"
 #include "moo/index_format.hpp"
 #include "resmgr/binary_block.hpp"
 #include "resmgr/bin_section.hpp"
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -115,15 +117,23 @@ public:
   // Packs the filled prototype into one block; null (reported) on failure.
   BinaryPtr packData(const Moo::MergedGeometryPrototype& prototype);
 
-  // Writes the block to resourcePath through a temporary file renamed over it, so the path holds
-  // either the previous file or the whole new one. False (reported) on any failure.
+  // Writes the block to resourcePath through a temporary file renamed over it (fileio), so the
+  // path holds either the previous file or the whole new one. False (reported) on any failure.
   [[nodiscard]] bool writeToFile(const std::string& resourcePath, const BinaryPtr& block);
 
   // Inspection of the merged state (tests, reports).
-  const std::vector<GeometryCompilerDetail::DataEntry>& vertexData() const { return m_vertexData; }
-  const std::vector<GeometryCompilerDetail::DataEntry>& indexData() const { return m_indexData; }
-  const std::vector<GeometryCompilerDetail::MappingEntry>& vertexMappings() const { return m_vertexMappings; }
-  const std::vector<GeometryCompilerDetail::MappingEntry>& indexMappings() const { return m_indexMappings; }
+  using MergedGeometry = GeometryCompilerDetail::MergedGeometry;
+  const MergedGeometry& mergedGeometry() const { return m_mergedGeometry; }
+  const std::vector<GeometryCompilerDetail::DataEntry>& vertexData() const { return m_mergedGeometry.vertices().data; }
+  const std::vector<GeometryCompilerDetail::DataEntry>& indexData() const { return m_mergedGeometry.indices().data; }
+  const std::vector<GeometryCompilerDetail::MappingEntry>& vertexMappings() const
+  {
+    return m_mergedGeometry.vertices().mappings;
+  }
+  const std::vector<GeometryCompilerDetail::MappingEntry>& indexMappings() const
+  {
+    return m_mergedGeometry.indices().mappings;
+  }
   const std::vector<DataSectionPtr>& collisionModels() const { return m_collisionData; }
   const std::vector<DataSectionPtr>& armorModels() const { return m_armorData; }
 
@@ -141,20 +151,15 @@ private:
     float texelDensity = 0.0f;
   };
 
+  // compile after its checks: load, companions, save.
+  bool compileModel(const Request& request, const std::string& outputPath);
+
   // Pairs every index range with its vertex range. With `optimizing`, reports the ranges that
   // cannot be paired and records each index buffer's largest vertex count.
   std::vector<MeshTask> gatherMeshTasks(bool optimizing);
-  void recordRenderSets(const std::vector<MeshTask>& tasks, bool optimized,
-                        const std::vector<MeshDataOptimizer::MeshStatistics>* before);
-
-  bool addVertices(const std::string& sectionName, std::span<const std::byte> data, const std::string& formatName,
-                   uint16_t strideInBytes, bool isSkinned, bool isBumped);
-  bool addIndices(const std::string& sectionName, std::span<const std::byte> data, const std::string& formatName,
-                  uint32_t indexFormat);
-  static bool addToContainer(std::vector<GeometryCompilerDetail::DataEntry>& container, const std::string& formatName,
-                             std::span<const std::byte> data, GeometryCompilerDetail::MappingInfo& info);
-  bool checkIndexRange(const GeometryCompilerDetail::MappingEntry& vertices,
-                       const GeometryCompilerDetail::MappingEntry& indices);
+  // The render sets as the statistics show them; `before` holds their state before optimising.
+  std::vector<CompileStatistics::RenderSet> describeRenderSets(
+    const std::vector<MeshTask>& tasks, bool optimized, const std::vector<MeshDataOptimizer::MeshStatistics>* before);
   void updateTexelDensity(GeometryCompilerDetail::MappingEntry& vertices, GeometryCompilerDetail::MappingEntry& indices);
 
   void optimizeMesh();
@@ -165,28 +170,24 @@ private:
   void saveVerticesMapping(SaveState& state);
   void saveIndicesData(SaveState& state);
   void saveIndicesMapping(SaveState& state);
-  const char* addToStringPool(const std::string& text, red::types::String& record);
-  void clearStringPool();
 
-  const GeometryCompilerDetail::VertexBufferInfo* findVertexBufferInfo(const std::string& formatName,
-                                                                       size_t* index = nullptr) const;
-  const GeometryCompilerDetail::IndexBufferInfo* findIndexBufferInfo(const std::string& formatName,
-                                                                     size_t* index = nullptr) const;
+  // Fills *m_statistics from what the compile met and the state it ended in.
+  void gatherStatistics() const;
 
   Settings m_settings;
   unsigned m_jobs = 1;
   CompileStatistics* m_statistics = nullptr;
   std::string m_resourceName; // the .primitives file being compiled, for messages
 
-  std::vector<GeometryCompilerDetail::DataEntry> m_vertexData;
-  std::vector<GeometryCompilerDetail::DataEntry> m_indexData;
-  std::vector<std::pair<std::string, GeometryCompilerDetail::VertexBufferInfo>> m_verticesDataIndex;
-  std::vector<std::pair<std::string, GeometryCompilerDetail::IndexBufferInfo>> m_indicesDataIndex;
-  std::vector<GeometryCompilerDetail::MappingEntry> m_vertexMappings;
-  std::vector<GeometryCompilerDetail::MappingEntry> m_indexMappings;
-
+  MergedGeometry m_mergedGeometry;
   std::vector<DataSectionPtr> m_collisionData;
   std::vector<DataSectionPtr> m_armorData;
+  GeometryCompilerDetail::StringPool m_stringPool;
 
-  std::vector<char*> m_stringPool;
+  // What the compile met on the way, kept for the statistics: sections, verifier counts and
+  // companions are recorded always (cheap); render sets only when statistics are asked for,
+  // because describing them means analysing every mesh.
+  CompileStatistics m_progress;
+  // The merged buffers' sizes before encoding; set once saving has filled the buffer records.
+  std::optional<std::pair<std::vector<uint64_t>, std::vector<uint64_t>>> m_rawBufferSizes;
 };

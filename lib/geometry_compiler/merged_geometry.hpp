@@ -4,9 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace GeometryCompilerDetail
@@ -49,5 +51,99 @@ struct IndexBufferInfo
   uint32_t indexFormat = 0;     // IndexFormat value
   uint32_t maxVertexCount = 0;  // largest vertex count of any range optimised against it
 };
+
+// The buffers of one kind: merged bytes, the record of each buffer (at the same position) and the
+// sections' ranges in the order they were added.
+template <typename Info>
+struct MergedBuffers
+{
+  std::vector<DataEntry> data;
+  std::vector<std::pair<std::string, Info>> records; // keyed by format name
+  std::vector<MappingEntry> mappings;
+
+  // Position of the buffer of that format (its merged buffer index), if there is one.
+  std::optional<size_t> find(std::string_view formatName) const
+  {
+    for (size_t i = 0; i < data.size(); ++i)
+      if (data[i].formatName == formatName)
+        return i;
+    return std::nullopt;
+  }
+
+  // The first section of that name, or null.
+  MappingEntry* findMapping(std::string_view sectionName)
+  {
+    for (MappingEntry& entry : mappings)
+      if (entry.sectionName == sectionName)
+        return &entry;
+    return nullptr;
+  }
+  const MappingEntry* findMapping(std::string_view sectionName) const
+  {
+    return const_cast<MergedBuffers*>(this)->findMapping(sectionName);
+  }
+
+  // The bytes of one section inside its buffer; empty when its buffer is gone.
+  std::span<std::byte> bytesOf(const MappingEntry& entry)
+  {
+    const std::optional<size_t> index = find(entry.formatName);
+    if (!index)
+      return {};
+    return std::span<std::byte>(data[*index].data).subspan(entry.info.offsetInBytes, entry.info.sizeInBytes);
+  }
+
+  void clear()
+  {
+    data.clear();
+    records.clear();
+    mappings.clear();
+  }
+};
+
+// Gathers the vertex and index sections of one model into shared buffers.
+class MergedGeometry
+{
+public:
+  using VertexBuffers = MergedBuffers<VertexBufferInfo>;
+  using IndexBuffers = MergedBuffers<IndexBufferInfo>;
+
+  // Appends one section's converted vertices to the buffer of formatName (created with `info` on
+  // first use). A section name seen before is reported and ignored (the first wins; true). False
+  // (reported) when the buffer would pass 4 GiB.
+  [[nodiscard]] bool addVertices(const std::string& sectionName, std::span<const std::byte> data,
+                                 const std::string& formatName, const VertexBufferInfo& info);
+  // The same for one section's indices, kept unchanged.
+  [[nodiscard]] bool addIndices(const std::string& sectionName, std::span<const std::byte> data,
+                                const std::string& formatName, const IndexBufferInfo& info);
+
+  // Whether every index of the index section is below the vertex count of the vertex section;
+  // reports the first one that is not, naming both sections and resourceName.
+  [[nodiscard]] bool checkIndexRange(const MappingEntry& vertices, const MappingEntry& indices,
+                                     const std::string& resourceName) const;
+
+  VertexBuffers& vertices() { return m_vertices; }
+  const VertexBuffers& vertices() const { return m_vertices; }
+  IndexBuffers& indices() { return m_indices; }
+  const IndexBuffers& indices() const { return m_indices; }
+
+  void clear()
+  {
+    m_vertices.clear();
+    m_indices.clear();
+  }
+
+private:
+  // Appends data to the buffer of formatName, creating it (and its record) on first use, and
+  // records where the section went.
+  template <typename Info>
+  static void addToContainer(MergedBuffers<Info>& buffers, MappingEntry mapping, std::span<const std::byte> data,
+                             const Info& info);
+
+  VertexBuffers m_vertices;
+  IndexBuffers m_indices;
+};
+
+// The index at position i of a 2- or 4-byte index array.
+uint32_t readIndex(const std::byte* indices, size_t i, uint32_t indexSize);
 
 } // namespace GeometryCompilerDetail

@@ -1,0 +1,159 @@
+#include "resmgr/file_io.hpp"
+
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <vector>
+
+namespace fileio
+{
+namespace
+{
+
+// The temporary files of the writes in flight.
+struct TemporaryRegistry
+{
+  std::mutex mutex;
+  std::vector<std::filesystem::path> paths;
+};
+
+TemporaryRegistry& registry()
+{
+  static TemporaryRegistry instance;
+  return instance;
+}
+
+void registerTemporary(const std::filesystem::path& path)
+{
+  TemporaryRegistry& r = registry();
+  const std::lock_guard lock(r.mutex);
+  r.paths.push_back(path);
+}
+
+void unregisterTemporary(const std::filesystem::path& path)
+{
+  TemporaryRegistry& r = registry();
+  const std::lock_guard lock(r.mutex);
+  const auto it = std::find(r.paths.begin(), r.paths.end(), path);
+  if (it != r.paths.end())
+    r.paths.erase(it);
+}
+
+// Closes the file on every path out of a read.
+struct FileCloser
+{
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+ReadResult readFailure(ReadStatus status, std::string reason, uint64_t fileSize = 0)
+{
+  ReadResult result;
+  result.status = status;
+  result.fileSize = fileSize;
+  result.reason = std::move(reason);
+  return result;
+}
+
+} // namespace
+
+ReadResult readWholeFile(const std::string& utf8Path, const char* allocationTag, uint64_t maxSize)
+{
+  const std::unique_ptr<std::FILE, FileCloser> file(platform::openFile(utf8Path, "rb"));
+  if (!file)
+    return readFailure(ReadStatus::CannotOpen, "cannot open the file");
+
+  std::error_code error;
+  const uintmax_t fileSize = std::filesystem::file_size(cstdmf::u8path(utf8Path), error);
+  if (error)
+    return readFailure(ReadStatus::CannotSize, "cannot take the file's size: " + error.message());
+  if (fileSize > maxSize || fileSize > std::numeric_limits<size_t>::max())
+    return readFailure(ReadStatus::TooLarge, "the file is too large", fileSize);
+
+  const size_t size = static_cast<size_t>(fileSize);
+  BinaryPtr block(new BinaryBlock(nullptr, size, allocationTag));
+  if (block->len() != size)
+    return readFailure(ReadStatus::OutOfMemory, "out of memory for " + std::to_string(size) + " bytes", fileSize);
+
+  const size_t readCount = size == 0 ? 0 : std::fread(block->cdata(), 1, size, file.get());
+  if (readCount != size)
+  {
+    ReadResult result = readFailure(ReadStatus::ShortRead,
+                                    "read " + std::to_string(readCount) + " of " + std::to_string(size) + " bytes",
+                                    fileSize);
+    result.bytesRead = readCount;
+    return result;
+  }
+
+  ReadResult result;
+  result.status = ReadStatus::Ok;
+  result.block = std::move(block);
+  result.fileSize = fileSize;
+  result.bytesRead = readCount;
+  return result;
+}
+
+WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byte> bytes)
+{
+  static std::atomic<unsigned> s_writeCounter{0};
+  const std::filesystem::path target = cstdmf::u8path(utf8Path);
+  // Beside the target, so that the rename stays within one file system; unique per process and
+  // per write.
+  const std::filesystem::path temporary =
+    target.parent_path() / cstdmf::u8path(".vm" + std::to_string(platform::processId()) + "-" +
+                                          std::to_string(s_writeCounter.fetch_add(1)) + ".tmp");
+
+  WriteResult result;
+  registerTemporary(temporary);
+  const auto discard = [&](WriteStatus status, std::string reason) {
+    std::error_code ignored;
+    std::filesystem::remove(temporary, ignored);
+    unregisterTemporary(temporary);
+    result.status = status;
+    result.reason = std::move(reason);
+    return result;
+  };
+
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
+  if (!file)
+    return discard(WriteStatus::CannotCreate, "cannot create a temporary file beside it");
+  const size_t written = bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), file);
+  const bool closed = std::fclose(file) == 0;
+  if (written != bytes.size() || !closed)
+  {
+    result.bytesWritten = closed ? written : 0;
+    return discard(WriteStatus::ShortWrite, closed ? "the disk may be full" : "closing the file failed");
+  }
+
+  std::error_code error;
+  std::filesystem::rename(temporary, target, error);
+  if (error)
+    return discard(WriteStatus::CannotReplace, error.message());
+  unregisterTemporary(temporary);
+  result.status = WriteStatus::Ok;
+  result.bytesWritten = written;
+  return result;
+}
+
+size_t removeTemporaryFiles()
+{
+  TemporaryRegistry& r = registry();
+  const std::lock_guard lock(r.mutex);
+  size_t removed = 0;
+  for (const std::filesystem::path& path : r.paths)
+  {
+    std::error_code ignored;
+    if (std::filesystem::remove(path, ignored))
+      ++removed;
+  }
+  r.paths.clear();
+  return removed;
+}
+
+} // namespace fileio

@@ -1,0 +1,78 @@
+#pragma once
+// Whole-file reading and writing. A file is read into one block in one go, or not at all; a file
+// is written through a temporary file beside it that is renamed over it, so the path holds either
+// its previous contents or the whole new ones, never a part.
+//
+// Temporary files: while a write is in flight its temporary file (".vm<pid>-<n>.tmp" in the
+// target's directory; short, because the target's own name may already be as long as names may
+// be) is registered with this module and unregistered once it has been renamed or removed.
+// removeTemporaryFiles() deletes every temporary file this process currently has in flight; a
+// fatal-error handler calls it so that a process that dies in the middle of a write leaves
+// nothing behind in an output tree.
+
+#include "resmgr/binary_block.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <string>
+
+namespace fileio
+{
+
+// Why a read failed; each cause has its own status so that callers report the real one.
+enum class ReadStatus
+{
+  Ok,
+  CannotOpen,  // the file does not exist or cannot be opened for reading
+  CannotSize,  // the file opened but its size could not be taken (a directory, for example)
+  TooLarge,    // the size is beyond the caller's limit or beyond memory's address range
+  OutOfMemory, // the block for the bytes could not be allocated
+  ShortRead,   // fewer bytes arrived than the file's size
+};
+
+struct ReadResult
+{
+  ReadStatus status = ReadStatus::CannotOpen;
+  BinaryPtr block;        // the whole file (possibly empty) when status is Ok, else null
+  uint64_t fileSize = 0;  // known from CannotSize on
+  size_t bytesRead = 0;   // for ShortRead
+  std::string reason;     // a short text of the cause for messages, empty when Ok
+
+  explicit operator bool() const { return status == ReadStatus::Ok; }
+};
+
+// Reads the file at utf8Path whole into one new block tagged allocationTag (a literal). An empty
+// file is read successfully into an empty block. Logs nothing: the caller reports the failure in
+// its own words.
+[[nodiscard]] ReadResult readWholeFile(const std::string& utf8Path, const char* allocationTag,
+                                       uint64_t maxSize = std::numeric_limits<uint64_t>::max());
+
+enum class WriteStatus
+{
+  Ok,
+  CannotCreate,  // the temporary file beside the target could not be created
+  ShortWrite,    // not every byte reached the temporary file, or closing it failed
+  CannotReplace, // the temporary file could not be renamed over the target
+};
+
+struct WriteResult
+{
+  WriteStatus status = WriteStatus::CannotCreate;
+  size_t bytesWritten = 0; // for ShortWrite: the count written (0 when closing failed)
+  std::string reason;      // a short text of the cause for messages, empty when Ok
+
+  explicit operator bool() const { return status == WriteStatus::Ok; }
+};
+
+// Writes bytes as the whole new contents of utf8Path through a temporary file beside it. On any
+// failure the temporary file is removed and the target is left as it was. Logs nothing.
+[[nodiscard]] WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byte> bytes);
+
+// Deletes every temporary file of a write that this process has in flight, returning how many
+// were removed. Safe to call from any thread, also while writes run (their rename then fails and
+// they report it); not safe from a signal handler.
+size_t removeTemporaryFiles();
+
+} // namespace fileio
