@@ -2,11 +2,10 @@
 
 #include "cstdmf/debug.hpp"
 #include "cstdmf/span_reader.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 
 namespace Moo
@@ -149,30 +148,25 @@ bool GeometryData::load(const std::string& pathText)
 {
   const std::string path(pathText); // may be our own name, which clear() empties
   clear();
-  const std::filesystem::path fsPath(std::u8string_view(reinterpret_cast<const char8_t*>(path.data()), path.size()));
-  std::ifstream stream(fsPath, std::ios::binary);
-  if (!stream)
+  const fileio::ReadResult read = fileio::readWholeFile(path, "Geometry");
+  switch (read.status)
   {
+  case fileio::ReadStatus::Ok:
+    break;
+  case fileio::ReadStatus::CannotOpen:
     ZR_MSG(DebugMessagePriority::Error, "Other", "GeometryData: cannot open '%s'.\n", path.c_str());
     return false;
-  }
-  stream.seekg(0, std::ios::end);
-  const std::streamoff length = stream.tellg();
-  stream.seekg(0, std::ios::beg);
-  if (length < 0 || !stream || static_cast<uint64_t>(length) > std::numeric_limits<size_t>::max())
-  {
+  case fileio::ReadStatus::CannotSize:
+  case fileio::ReadStatus::TooLarge:
     ZR_MSG(DebugMessagePriority::Error, "Other", "GeometryData: cannot read the size of '%s'.\n", path.c_str());
     return false;
-  }
-  const size_t size = static_cast<size_t>(length);
-  BinaryPtr block(new BinaryBlock(nullptr, size, "Geometry"));
-  if (block->len() != size)
+  case fileio::ReadStatus::OutOfMemory:
     return false; // the block has logged the failed allocation
-  if (size != 0 && !stream.read(block->cdata(), static_cast<std::streamsize>(size)))
-  {
+  case fileio::ReadStatus::ShortRead:
     ZR_MSG(DebugMessagePriority::Error, "Other", "GeometryData: cannot read '%s'.\n", path.c_str());
     return false;
   }
+  const BinaryPtr& block = read.block;
   return load(block, path);
 }
 

@@ -1,26 +1,20 @@
 #include "resmgr/file_system.hpp"
 
 #include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "resmgr/file_io.hpp"
 
-#include <cstdint>
-#include <fstream>
-#include <limits>
 #include <system_error>
 #include <utility>
-
-std::filesystem::path pathFromUtf8(std::string_view text)
-{
-  return std::filesystem::path(std::u8string(text.begin(), text.end()));
-}
 
 NativeFileSystem::NativeFileSystem(std::string basePath) : m_basePath(std::move(basePath)) {}
 
 std::filesystem::path NativeFileSystem::fullPath(const std::string& path) const
 {
-  std::filesystem::path result = pathFromUtf8(path);
+  std::filesystem::path result = cstdmf::u8path(path);
   if (result.is_absolute() || m_basePath.empty())
     return result;
-  return pathFromUtf8(m_basePath) / result;
+  return cstdmf::u8path(m_basePath) / result;
 }
 
 FileSystem::FileType NativeFileSystem::getFileType(const std::string& path) const
@@ -40,31 +34,26 @@ BinaryPtr NativeFileSystem::readFile(const std::string& path) const
 {
   if (getFileType(path) != FileType::File)
     return nullptr;
-  const std::filesystem::path file = fullPath(path);
-  std::error_code error;
-  const uintmax_t size = std::filesystem::file_size(file, error);
-  if (error || size > SIZE_MAX || size > static_cast<uintmax_t>(std::numeric_limits<std::streamsize>::max()))
+  const fileio::ReadResult read = fileio::readWholeFile(cstdmf::toUtf8(fullPath(path)), "BinaryBlock/WinFileSystem");
+  switch (read.status)
   {
+  case fileio::ReadStatus::Ok:
+    return read.block;
+  case fileio::ReadStatus::CannotSize:
+  case fileio::ReadStatus::TooLarge:
     ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile cannot size file '%s'.\n", path.c_str());
     return nullptr;
-  }
-  BinaryPtr block(new BinaryBlock(nullptr, static_cast<size_t>(size), "BinaryBlock/WinFileSystem"));
-  if (block->len() != size)
+  case fileio::ReadStatus::OutOfMemory:
     return nullptr; // the block has logged the failed allocation
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream)
-  {
+  case fileio::ReadStatus::CannotOpen:
     ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile cannot open file '%s'.\n", path.c_str());
     return nullptr;
-  }
-  stream.read(block->cdata(), static_cast<std::streamsize>(size));
-  if (stream.gcount() != static_cast<std::streamsize>(size))
-  {
-    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile read %lld of %llu bytes of '%s'.\n",
-           static_cast<long long>(stream.gcount()), static_cast<unsigned long long>(size), path.c_str());
+  case fileio::ReadStatus::ShortRead:
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile read %zu of %llu bytes of '%s'.\n",
+           read.bytesRead, static_cast<unsigned long long>(read.fileSize), path.c_str());
     return nullptr;
   }
-  return block;
+  return nullptr;
 }
 
 FileSystemsManager::FileSystemsManager(FileSystemPtr baseFileSystem) : m_baseFileSystem(std::move(baseFileSystem))

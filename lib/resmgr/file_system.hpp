@@ -10,9 +10,6 @@
 #include <string_view>
 #include <vector>
 
-// A path from UTF-8 text, so that names outside the local code page survive on every platform.
-std::filesystem::path pathFromUtf8(std::string_view text);
-
 class FileSystem : public ReferenceCount
 {
 public:

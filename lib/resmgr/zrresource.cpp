@@ -2,6 +2,7 @@
 
 #include "cstdmf/critical_error.hpp"
 #include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 #include "resmgr/bin_section.hpp"
 
@@ -184,7 +185,7 @@ int ZRResource::addPath(const std::string& path)
       return static_cast<int>(i);
   }
   std::error_code error;
-  if (path.empty() || !std::filesystem::is_directory(pathFromUtf8(path), error))
+  if (path.empty() || !std::filesystem::is_directory(cstdmf::u8path(path), error))
   {
     ZR_MSG(DebugMessagePriority::Error, "ResMgr", "ZRResource::addPath '%s' is not an existing directory.\n",
            path.c_str());

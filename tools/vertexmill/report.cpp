@@ -1,13 +1,12 @@
 #include "report.hpp"
 
-#include "cstdmf/path_utils.hpp"
-#include "cstdmf/platform.hpp"
+#include "cstdmf/debug.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdio>
-#include <filesystem>
+#include <span>
 
 #ifndef VERTEXMILL_VERSION
 #define VERTEXMILL_VERSION "0.0.0"
@@ -193,22 +192,8 @@ std::string Report::toJson() const
 bool Report::write(const std::string& path) const
 {
   const std::string text = toJson();
-  const std::filesystem::path target = cstdmf::u8path(path);
-  std::filesystem::path temporary = target;
-  temporary += ".tmp" + std::to_string(platform::processId());
-  std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
-  bool ok = file != nullptr;
-  if (file)
+  if (!fileio::writeWholeFile(path, std::as_bytes(std::span<const char>(text))))
   {
-    ok = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    ok = std::fclose(file) == 0 && ok;
-  }
-  std::error_code error;
-  if (ok)
-    std::filesystem::rename(temporary, target, error);
-  if (!ok || error)
-  {
-    std::filesystem::remove(temporary, error);
     ZR_MSG(DebugMessagePriority::Error, "", "cannot write report %s\n", path.c_str());
     return false;
   }

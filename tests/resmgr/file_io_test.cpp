@@ -1,0 +1,115 @@
+#include "resmgr/file_io.hpp"
+
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace
+{
+namespace fs = std::filesystem;
+
+// A fresh directory, removed again at the end.
+struct TempDirectory
+{
+  fs::path path = fs::temp_directory_path() / ("file_io_test_" + std::to_string(platform::processId()) + "_" +
+                                               testing::UnitTest::GetInstance()->current_test_info()->name());
+  TempDirectory() { fs::create_directories(path); }
+  ~TempDirectory()
+  {
+    std::error_code ignored;
+    fs::remove_all(path, ignored);
+  }
+  std::string file(std::string_view name) const { return cstdmf::toUtf8(path / cstdmf::u8path(name)); }
+  size_t entryCount() const { return static_cast<size_t>(std::distance(fs::directory_iterator(path), {})); }
+};
+
+void put(const std::string& path, std::string_view bytes)
+{
+  std::ofstream(cstdmf::u8path(path), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::span<const std::byte> bytesOf(std::string_view text)
+{
+  return std::as_bytes(std::span<const char>(text));
+}
+
+std::string textOf(const fileio::ReadResult& read)
+{
+  return read.block ? std::string(read.block->data(), read.block->len()) : std::string("<null>");
+}
+
+TEST(FileIo, ReadGivesTheWholeFileAndAnEmptyFileAsAnEmptyBlock)
+{
+  TempDirectory dir;
+  put(dir.file("data.bin"), std::string_view("ab\0cd", 5));
+  put(dir.file("empty.bin"), "");
+
+  const fileio::ReadResult data = fileio::readWholeFile(dir.file("data.bin"), "Test");
+  ASSERT_TRUE(data);
+  EXPECT_EQ(textOf(data), std::string("ab\0cd", 5));
+  EXPECT_EQ(data.fileSize, 5u);
+
+  const fileio::ReadResult empty = fileio::readWholeFile(dir.file("empty.bin"), "Test");
+  ASSERT_TRUE(empty);
+  EXPECT_EQ(empty.block->len(), 0u);
+}
+
+TEST(FileIo, ReadFailuresCarryTheirOwnCause)
+{
+  TempDirectory dir;
+  put(dir.file("five.bin"), "12345");
+
+  const fileio::ReadResult missing = fileio::readWholeFile(dir.file("missing.bin"), "Test");
+  EXPECT_EQ(missing.status, fileio::ReadStatus::CannotOpen);
+  EXPECT_FALSE(missing.block);
+  EXPECT_FALSE(missing.reason.empty());
+
+  const fileio::ReadResult tooLarge = fileio::readWholeFile(dir.file("five.bin"), "Test", 4);
+  EXPECT_EQ(tooLarge.status, fileio::ReadStatus::TooLarge);
+  EXPECT_EQ(tooLarge.fileSize, 5u);
+  EXPECT_TRUE(fileio::readWholeFile(dir.file("five.bin"), "Test", 5));
+
+  // A directory opens on some platforms but never has a file size; it is never "empty".
+  const fileio::ReadResult directory = fileio::readWholeFile(cstdmf::toUtf8(dir.path), "Test");
+  EXPECT_TRUE(directory.status == fileio::ReadStatus::CannotOpen || directory.status == fileio::ReadStatus::CannotSize)
+    << static_cast<int>(directory.status);
+}
+
+TEST(FileIo, WriteReplacesTheTargetWholeAndLeavesNoTemporaryFile)
+{
+  TempDirectory dir;
+  const std::string target = dir.file("out \xC3\xA9.bin"); // a name outside ASCII
+  put(target, "previous contents, longer than the new ones");
+
+  ASSERT_TRUE(fileio::writeWholeFile(target, bytesOf("new")));
+  EXPECT_EQ(textOf(fileio::readWholeFile(target, "Test")), "new");
+  ASSERT_TRUE(fileio::writeWholeFile(target, {}));
+  EXPECT_EQ(fileio::readWholeFile(target, "Test").block->len(), 0u);
+  EXPECT_EQ(dir.entryCount(), 1u);
+  EXPECT_EQ(fileio::removeTemporaryFiles(), 0u);
+}
+
+TEST(FileIo, FailedWriteKeepsTheTargetAndRemovesItsTemporaryFile)
+{
+  TempDirectory dir;
+  const fileio::WriteResult noDirectory = fileio::writeWholeFile(dir.file("missing/out.bin"), bytesOf("x"));
+  EXPECT_EQ(noDirectory.status, fileio::WriteStatus::CannotCreate);
+
+  // A non-empty directory in the way cannot be replaced by a file.
+  fs::create_directories(dir.path / "taken" / "inside");
+  const fileio::WriteResult taken = fileio::writeWholeFile(dir.file("taken"), bytesOf("x"));
+  EXPECT_EQ(taken.status, fileio::WriteStatus::CannotReplace);
+  EXPECT_FALSE(taken.reason.empty());
+  EXPECT_TRUE(fs::is_directory(dir.path / "taken" / "inside"));
+  EXPECT_EQ(dir.entryCount(), 1u);
+  EXPECT_EQ(fileio::removeTemporaryFiles(), 0u);
+}
+
+} // namespace
