@@ -32,6 +32,27 @@ function(vertexmill_library name)
   add_library(${name} STATIC ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/lib)
   target_link_libraries(${name} PUBLIC vertexmill_options ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
+
+  # Every header compiles on its own (it includes what it uses) and twice (it is guarded): one
+  # generated source per header, built with the library by the normal build (target header_check).
+  get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR} NAME)
+  set(checks)
+  foreach(source IN LISTS ARG_SOURCES)
+    if(source MATCHES "\\.hpp$")
+      get_filename_component(stem ${source} NAME_WE)
+      set(check ${CMAKE_CURRENT_BINARY_DIR}/header_check/${stem}.cpp)
+      file(CONFIGURE OUTPUT ${check} CONTENT "#include \"${folder}/${source}\"\n#include \"${folder}/${source}\"\n")
+      list(APPEND checks ${check})
+    endif()
+  endforeach()
+  if(checks)
+    add_library(header_check_${name} OBJECT ${checks})
+    target_link_libraries(header_check_${name} PRIVATE ${name})
+    if(NOT TARGET header_check)
+      add_custom_target(header_check ALL)
+    endif()
+    add_dependencies(header_check header_check_${name})
+  endif()
 endfunction()
 
 # vertexmill_test(NAME SOURCES ... DEPENDS ...): one GoogleTest executable, one CTest entry.

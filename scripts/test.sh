@@ -14,18 +14,18 @@ else
 fi
 
 echo "== build (RelWithDebInfo)"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVERTEXMILL_WERROR=ON >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
 
 echo "== sanitizer build (address, undefined)"
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVERTEXMILL_SANITIZE=ON -DVERTEXMILL_BUILD_BENCH=OFF >/dev/null
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVERTEXMILL_SANITIZE=ON -DVERTEXMILL_BUILD_BENCH=OFF -DVERTEXMILL_WERROR=ON >/dev/null
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --test-dir build-asan --output-on-failure -j"$jobs"
 
 echo "== fuzz targets (clang, libFuzzer)"
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DVERTEXMILL_FUZZ=ON -DVERTEXMILL_BUILD_TESTS=OFF -DVERTEXMILL_BUILD_BENCH=OFF >/dev/null
+  -DVERTEXMILL_FUZZ=ON -DVERTEXMILL_BUILD_TESTS=OFF -DVERTEXMILL_BUILD_BENCH=OFF -DVERTEXMILL_WERROR=ON >/dev/null
 cmake --build build-fuzz -j"$jobs"
 ctest --test-dir build-fuzz --output-on-failure -j"$jobs"
 
