@@ -88,6 +88,8 @@ void emit(DebugMessagePriority priority, const char* category, const SourceLocat
   s_currentCategory = previous;
 }
 
+namespace
+{
 void emitv(DebugMessagePriority priority, const char* category, const SourceLocation& where, const char* format,
            va_list args)
 {
@@ -110,6 +112,7 @@ void emitv(DebugMessagePriority priority, const char* category, const SourceLoca
   std::vsnprintf(heapBuffer.data(), heapBuffer.size(), format, args);
   emit(priority, category, where, std::string_view(heapBuffer.data(), static_cast<size_t>(needed)));
 }
+} // namespace
 
 void emitf(DebugMessagePriority priority, const char* category, const SourceLocation& where, const char* format, ...)
 {
@@ -123,13 +126,6 @@ void assertionFailed(const char* conditionText, const SourceLocation& where)
 {
   char text[0x8000];
   std::snprintf(text, sizeof(text), "ASSERTION FAILED: %s\n", conditionText);
-  criticalError(text, where);
-}
-
-void assertionFailedWithNote(const char* conditionText, const char* note, const SourceLocation& where)
-{
-  char text[0x8000];
-  std::snprintf(text, sizeof(text), "ASSERTION FAILED: %s\n%s\n", conditionText, note);
   criticalError(text, where);
 }
 

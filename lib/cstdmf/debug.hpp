@@ -4,7 +4,7 @@
 // Every module reports through ZR_MSG / ZR_MSG_FMT with a priority and a category ("Other" for the
 // geometry compiler, "ResMgr" for the resource manager). Messages go to the process-wide
 // application logger "APP"; what reaches the console is decided by the sinks installed on it
-// (see log_setup.hpp). Broken invariants are ZR_ASSERT, which never returns.
+// (see log_sinks.hpp). Broken invariants are ZR_ASSERT, which never returns.
 
 #include <fmt/format.h>
 
@@ -70,8 +70,6 @@ void emit(DebugMessagePriority priority, const char* category, const SourceLocat
 // printf-style message: the text is formatted completely, then emitted.
 void emitf(DebugMessagePriority priority, const char* category, const SourceLocation& where, const char* format, ...)
   ZR_PRINTF_LIKE(4, 5);
-void emitv(DebugMessagePriority priority, const char* category, const SourceLocation& where, const char* format,
-           va_list args);
 
 // "{}"-style message.
 template <typename... Args>
@@ -103,8 +101,6 @@ private:
 
 // Formats "ASSERTION FAILED: %s\n" with the condition text and takes the critical-error path.
 [[noreturn]] void assertionFailed(const char* conditionText, const SourceLocation& where);
-// As assertionFailed, with a further explanatory line after the condition.
-[[noreturn]] void assertionFailedWithNote(const char* conditionText, const char* note, const SourceLocation& where);
 
 } // namespace cstdmf
 
@@ -141,13 +137,6 @@ private:
   {                                                                                                                    \
     if (!(condition))                                                                                                  \
       ::cstdmf::assertionFailed((text), ZR_SOURCE_LOCATION);                                                           \
-  } while (false)
-
-#define ZR_ASSERT_NOTE(condition, note)                                                                                \
-  do                                                                                                                   \
-  {                                                                                                                    \
-    if (!(condition))                                                                                                  \
-      ::cstdmf::assertionFailedWithNote(#condition, (note), ZR_SOURCE_LOCATION);                                       \
   } while (false)
 
 // Function scopes for profiler hooks; nothing depends on them, so they compile to nothing.

@@ -162,7 +162,7 @@ TEST(BinSectionFormat, EveryTruncatedPrefixStaysInBounds)
   }
 }
 
-TEST(BinSectionFormat, WriterRefusesWhatTheReaderWould)
+TEST(BinSectionFormat, WriterRefusesOverlongNamesAndMissingBytesAndAnEmptyContainerDoesNotParse)
 {
   resmgr_test::CapturedLog log;
   EXPECT_TRUE(write({{std::string(4096, 'n'), ""}}));
