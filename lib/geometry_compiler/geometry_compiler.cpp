@@ -217,6 +217,8 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
            static_cast<int>(readCount), static_cast<int>(fileSize), path.c_str());
     return false;
   }
+  if (m_statistics)
+    m_statistics->inputBytes = readCount;
 
   const bool parsed = parseBinSectionEntries(
     block, [&](const char* name, int nameLength, const char* data, int dataLength) {

@@ -3,9 +3,11 @@
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 
@@ -24,6 +26,12 @@ constexpr int kSchemaVersion = 1;
 ordered_json meshStatistics(const MeshDataOptimizer::MeshStatistics& s)
 {
   return ordered_json{{"acmr", s.acmr}, {"atvr", s.atvr}, {"overdraw", s.overdraw}, {"overfetch", s.overfetch}};
+}
+
+// errno as an error code; an I/O error when the C library left no reason.
+std::error_code lastError()
+{
+  return std::error_code(errno != 0 ? errno : EIO, std::generic_category());
 }
 
 double ratio(double numerator, double denominator)
@@ -46,12 +54,10 @@ ordered_json modelJson(const ModelReport& model)
   for (const auto& s : stats.sections)
     sections.push_back({{"name", s.name}, {"kind", s.kind}, {"format", s.format}, {"count", s.count}});
 
-  uint64_t vertices = 0, triangles = 0;
+  const ModelTotals totals = modelTotals(stats);
   ordered_json renderSets = ordered_json::array();
   for (const auto& r : stats.renderSets)
   {
-    vertices += r.vertexCount;
-    triangles += r.triangleCount;
     renderSets.push_back({{"name", r.name},
                           {"vertices", r.vertexCount},
                           {"triangles", r.triangleCount},
@@ -62,17 +68,9 @@ ordered_json modelJson(const ModelReport& model)
                           {"after", meshStatistics(r.after)}});
   }
 
-  uint64_t rawBytes = 0, storedBytes = 0, storedVertexBytes = 0, rawVertexBytes = 0;
   ordered_json buffers = ordered_json::array();
   for (const auto& b : stats.buffers)
   {
-    rawBytes += b.rawBytes;
-    storedBytes += b.storedBytes;
-    if (b.kind == "vertices")
-    {
-      rawVertexBytes += b.rawBytes;
-      storedVertexBytes += b.storedBytes;
-    }
     buffers.push_back({{"kind", b.kind},
                        {"format", b.format},
                        {"strideInBytes", b.strideInBytes},
@@ -115,16 +113,52 @@ ordered_json modelJson(const ModelReport& model)
                       {"warnings", std::move(warnings)},
                       {"errors", std::move(errors)},
                       {"totals",
-                       {{"vertices", vertices},
-                        {"triangles", triangles},
-                        {"rawBytes", rawBytes},
-                        {"storedBytes", storedBytes},
-                        {"outputBytes", stats.outputBytes},
-                        {"storedBytesPerVertex", ratio(double(storedVertexBytes), double(vertices))},
-                        {"rawBytesPerVertex", ratio(double(rawVertexBytes), double(vertices))},
-                        {"outputBytesPerTriangle", ratio(double(stats.outputBytes), double(triangles))}}}};
+                       {{"vertices", totals.vertices},
+                        {"triangles", totals.triangles},
+                        {"rawBytes", totals.rawBytes},
+                        {"storedBytes", totals.storedBytes},
+                        {"outputBytes", totals.outputBytes},
+                        {"storedBytesPerVertex", ratio(double(totals.storedVertexBytes), double(totals.vertices))},
+                        {"rawBytesPerVertex", ratio(double(totals.rawVertexBytes), double(totals.vertices))},
+                        {"outputBytesPerTriangle", ratio(double(totals.outputBytes), double(totals.triangles))}}}};
 }
 } // namespace
+
+ModelTotals modelTotals(const CompileStatistics& statistics)
+{
+  ModelTotals totals;
+  double weightedAcmr = 0.0;
+  for (const auto& r : statistics.renderSets)
+  {
+    totals.vertices += r.vertexCount;
+    totals.triangles += r.triangleCount;
+    weightedAcmr += double(r.after.acmr) * double(r.triangleCount);
+  }
+  totals.acmr = ratio(weightedAcmr, double(totals.triangles));
+  for (const auto& b : statistics.buffers)
+  {
+    totals.rawBytes += b.rawBytes;
+    totals.storedBytes += b.storedBytes;
+    if (b.kind == "vertices")
+    {
+      totals.rawVertexBytes += b.rawBytes;
+      totals.storedVertexBytes += b.storedBytes;
+    }
+  }
+  totals.inputBytes = statistics.inputBytes;
+  for (const auto& c : statistics.companions)
+    totals.inputBytes += c.bytes;
+  totals.outputBytes = statistics.outputBytes;
+  return totals;
+}
+
+std::string statsLine(const ModelReport& model)
+{
+  const ModelTotals totals = modelTotals(model.statistics);
+  return fmt::format("stats: {}: {} triangles={} vertices={} bytes_in={} bytes_out={} acmr={:.3f} seconds={:.3f}",
+                     model.source, model.status, totals.triangles, totals.vertices, totals.inputBytes,
+                     totals.outputBytes, totals.acmr, model.seconds);
+}
 
 void ReportMessageCollector::onMessage(DebugMessagePriority priority, std::string_view, std::string_view text)
 {
@@ -196,20 +230,27 @@ bool Report::write(const std::string& path) const
   const std::filesystem::path target = cstdmf::u8path(path);
   std::filesystem::path temporary = target;
   temporary += ".tmp" + std::to_string(platform::processId());
+  // The reason is the system's; the name is the one the user gave, never the temporary one.
+  std::error_code error;
+  errno = 0;
   std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
-  bool ok = file != nullptr;
+  if (!file)
+    error = lastError();
   if (file)
   {
-    ok = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    ok = std::fclose(file) == 0 && ok;
+    const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    if (!written)
+      error = lastError();
+    if (std::fclose(file) != 0 && !error)
+      error = lastError();
   }
-  std::error_code error;
-  if (ok)
+  if (!error)
     std::filesystem::rename(temporary, target, error);
-  if (!ok || error)
+  if (error)
   {
-    std::filesystem::remove(temporary, error);
-    ZR_MSG(DebugMessagePriority::Error, "", "cannot write report %s\n", path.c_str());
+    std::error_code ignored;
+    std::filesystem::remove(temporary, ignored);
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "cannot write report '{}': {}\n", path, error.message());
     return false;
   }
   return true;
