@@ -117,7 +117,9 @@ ordered_json modelJson(const ModelReport& model)
                         {"triangles", totals.triangles},
                         {"rawBytes", totals.rawBytes},
                         {"storedBytes", totals.storedBytes},
+                        {"inputBytes", totals.inputBytes},
                         {"outputBytes", totals.outputBytes},
+                        {"acmr", totals.acmr},
                         {"storedBytesPerVertex", ratio(double(totals.storedVertexBytes), double(totals.vertices))},
                         {"rawBytesPerVertex", ratio(double(totals.rawVertexBytes), double(totals.vertices))},
                         {"outputBytesPerTriangle", ratio(double(totals.outputBytes), double(totals.triangles))}}}};
