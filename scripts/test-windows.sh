@@ -68,11 +68,11 @@ echo "   $count .geometry files, byte-identical"
 echo "== the zip: vertexmill.exe unpacked and run under Wine"
 rm -rf "$build/packages"
 (cd "$build" && cpack -G ZIP >/dev/null)
-zip=$(ls "$build"/packages/vertexmill-*-win64.zip)
+zip=$(ls "$PWD/$build"/packages/vertexmill-*-win64.zip)
 unpacked="$build/zip-test"
 rm -rf "$unpacked"
 mkdir -p "$unpacked"
-(cd "$unpacked" && cmake -E tar xf "$(cd "$(dirname "$zip")" && pwd)/$(basename "$zip")")
+(cd "$unpacked" && cmake -E tar xf "$zip")
 folder=$(ls -d "$unpacked"/vertexmill-*-win64)
 for tool in vertexmill geometry_inspect primitives_from_obj; do
   [[ -f "$folder/bin/$tool.exe" ]] || { echo "$tool.exe is not in the zip"; exit 1; }
