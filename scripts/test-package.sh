@@ -67,6 +67,11 @@ run() { env -i PATH=/usr/bin:/bin HOME="$work" "$@"; }
 [[ "$(run "$bin/vertexmill" --version)" == "vertexmill $version" ]] || fail "vertexmill --version: $(run "$bin/vertexmill" --version)"
 for tool in geometry_inspect primitives_from_obj; do
   run "$bin/$tool" --help >/dev/null || fail "$tool --help failed"
+  if shown=$(run "$bin/$tool" --version 2>/dev/null); then
+    [[ "$shown" == "$tool $version" ]] || fail "$tool --version: $shown"
+  else
+    echo "   note: $tool has no --version"
+  fi
 done
 
 # An example, converted and validated by the installed tools, byte-identical to the build's.
