@@ -64,3 +64,30 @@ if ! diff -r "$compare/linux" "$compare/windows"; then
   echo "the Windows build writes different .geometry files"; exit 1
 fi
 echo "   $count .geometry files, byte-identical"
+
+echo "== the zip: vertexmill.exe unpacked and run under Wine"
+rm -rf "$build/packages"
+(cd "$build" && cpack -G ZIP >/dev/null)
+zip=$(ls "$PWD/$build"/packages/vertexmill-*-win64.zip)
+unpacked="$build/zip-test"
+rm -rf "$unpacked"
+mkdir -p "$unpacked"
+(cd "$unpacked" && cmake -E tar xf "$zip")
+folder=$(ls -d "$unpacked"/vertexmill-*-win64)
+for tool in vertexmill geometry_inspect primitives_from_obj; do
+  [[ -f "$folder/bin/$tool.exe" ]] || { echo "$tool.exe is not in the zip"; exit 1; }
+done
+for doc in README.md docs/usage.md docs/licences.md licences/meshoptimizer.txt licences/mingw-w64.txt; do
+  [[ -s "$folder/share/doc/vertexmill/$doc" ]] || { echo "share/doc/vertexmill/$doc is not in the zip"; exit 1; }
+done
+version=$(wine "$folder/bin/vertexmill.exe" --version | tr -d '\r')
+expected="vertexmill $(sed -n 's/^CMAKE_PROJECT_VERSION:[A-Z]*=//p' "$build/CMakeCache.txt")"
+[[ "$version" == "$expected" ]] || { echo "the zip's vertexmill.exe --version says '$version', not '$expected'"; exit 1; }
+# Run from inside the unpacked folder, as a user who unzipped it would.
+repo=$PWD
+mkdir -p "$compare/zip"
+(cd "$folder" && wine bin/vertexmill.exe --tree --src-path "$repo/examples" --dst-path "$repo/$compare/zip")
+if ! diff -r "$compare/linux" "$compare/zip"; then
+  echo "the zip's vertexmill.exe writes different .geometry files"; exit 1
+fi
+echo "   $(basename "$zip"): $version, the examples converted byte-identical"

@@ -17,6 +17,8 @@ echo "== build (RelWithDebInfo)"
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVERTEXMILL_WERROR=ON >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
+# The Debian package, made once and installed into an empty root (a few seconds).
+scripts/test-package.sh build
 
 echo "== sanitizer build (address, undefined)"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVERTEXMILL_SANITIZE=ON -DVERTEXMILL_BUILD_BENCH=OFF -DVERTEXMILL_WERROR=ON >/dev/null

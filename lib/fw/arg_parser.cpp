@@ -345,7 +345,12 @@ bool ArgParser::parseTokens(const std::vector<std::string_view>& tokens)
     }
     if (*callback && !(*callback)(event.value))
     {
-      fail("ERROR: invalid value " + std::string(event.value));
+      const Option* option = event.target >= 0 ? &m_entries[static_cast<size_t>(event.target)].option : nullptr;
+      if (option && !option->expected.empty())
+        fail("ERROR: invalid value '" + std::string(event.value) + "' for --" + option->longName + ": expected " +
+             option->expected + "\n");
+      else
+        fail("ERROR: invalid value " + std::string(event.value));
       return false;
     }
   }

@@ -51,7 +51,8 @@ public:
   };
 
   // Gets the option's value. Returning false refuses the value: the parse fails with
-  // "ERROR: invalid value <value>".
+  // "ERROR: invalid value <value>", or, when the option says what it expects,
+  // "ERROR: invalid value '<value>' for --<name>: expected <expected>".
   using Callback = std::function<bool(std::string_view value)>;
 
   struct Option
@@ -63,6 +64,7 @@ public:
     uint32_t flags = 0;             // kRequired, kOptionalPositional
     std::string positionalName;     // value options only; empty when not positional
     std::string valueName = "value"; // shown in the option table as "--name <value>"
+    std::string expected;           // what a valid value looks like, for the refusal message
     Callback callback;              // may be empty
   };
 

@@ -59,5 +59,6 @@ struct CompileStatistics
   std::vector<Buffer> buffers;
   std::vector<Companion> companions;
   std::vector<VerifierCounts> verifier;
+  uint64_t inputBytes = 0; // the .primitives file as read
   uint64_t outputBytes = 0;
 };

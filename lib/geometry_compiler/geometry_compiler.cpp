@@ -152,6 +152,8 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
     ZR_MSG(kError, kCategory, "GeometryCompiler::load file size is 0 for resource '%s'.\n", path.c_str());
     return false;
   }
+  if (m_statistics)
+    m_statistics->inputBytes = read.block->len();
 
   const BinaryPtr& block = read.block;
   const bool parsed = parseBinSectionEntries(

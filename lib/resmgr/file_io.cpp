@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -120,15 +121,24 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
     return result;
   };
 
+  // The reason is the system's (errno of the failing call), never the temporary file's name.
+  const auto systemReason = [](int code, const char* fallback) {
+    return code != 0 ? std::generic_category().message(code) : std::string(fallback);
+  };
+  errno = 0;
   std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
   if (!file)
-    return discard(WriteStatus::CannotCreate, "cannot create a temporary file beside it");
+    return discard(WriteStatus::CannotCreate, systemReason(errno, "cannot create a file beside it"));
   const size_t written = bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), file);
+  const int writeError = written != bytes.size() ? errno : 0;
+  errno = 0;
   const bool closed = std::fclose(file) == 0;
+  const int closeError = closed ? 0 : errno;
   if (written != bytes.size() || !closed)
   {
     result.bytesWritten = closed ? written : 0;
-    return discard(WriteStatus::ShortWrite, closed ? "the disk may be full" : "closing the file failed");
+    return discard(WriteStatus::ShortWrite, written != bytes.size() ? systemReason(writeError, "the disk may be full")
+                                                                    : systemReason(closeError, "closing the file failed"));
   }
 
   std::error_code error;

@@ -145,6 +145,30 @@ TEST(ArgParser, ErrorMessages)
   }
 }
 
+TEST(ArgParser, RefusedValueSaysWhatWasExpected)
+{
+  std::string err;
+  ArgParser parser(
+    "Does things.",
+    [](ArgParser::Builder& builder) {
+      builder.add({.kind = ArgParser::Kind::Value,
+                   .longName = "jobs",
+                   .shortName = 'j',
+                   .expected = "a whole number",
+                   .callback = [](std::string_view value) { return value == "1"; }});
+    },
+    kToolFlags);
+  parser.setWriters([](std::string_view) {}, [&err](std::string_view text) { err += text; });
+  // Named after its long form, however it was given.
+  for (const char* form : {"-jabc", "--jobs=abc"})
+  {
+    err.clear();
+    const char* argv[] = {"prog", form};
+    EXPECT_FALSE(parser.parse(2, argv)) << form;
+    EXPECT_EQ(err, "ERROR: invalid value 'abc' for --jobs: expected a whole number\n") << form;
+  }
+}
+
 TEST(ArgParser, RequiredOptionsAndPositionals)
 {
   Harness level(kToolFlags, ArgParser::kRequired);

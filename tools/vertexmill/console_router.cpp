@@ -5,10 +5,24 @@
 
 #include <spdlog/logger.h>
 
+#include <cstdio>
+#include <string_view>
 #include <utility>
 
 namespace vertexmill
 {
+namespace
+{
+// Through the C stream, flushed: the verbose sink flushes it before each of its own writes, so
+// the two keep their order on every platform.
+void writeOutputLine(std::string_view line)
+{
+  std::string text = toDisplayText(line);
+  text += '\n';
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+} // namespace
 
 void ModelLog::append(const spdlog::details::log_msg& msg, std::string text, bool keep)
 {
@@ -23,6 +37,15 @@ void ModelLog::append(const spdlog::details::log_msg& msg, std::string text, boo
     return;
   m_records.push_back(Record{msg.level, msg.time, msg.source, msg.thread_id,
                              std::string(msg.logger_name.data(), msg.logger_name.size()), std::move(text)});
+}
+
+void ModelLog::appendOutput(std::string line)
+{
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  Record record;
+  record.text = std::move(line);
+  record.standardOutput = true;
+  m_records.push_back(std::move(record));
 }
 
 std::vector<ModelLog::Record> ModelLog::takeRecords()
@@ -91,6 +114,13 @@ void ConsoleRouter::replay(ModelLog& log)
 {
   for (const ModelLog::Record& record : log.takeRecords())
   {
+    if (record.standardOutput)
+    {
+      if (m_beforeWrite)
+        m_beforeWrite();
+      writeOutputLine(record.text);
+      continue;
+    }
     spdlog::details::log_msg msg(record.time, record.source,
                                  spdlog::string_view_t(record.loggerName.data(), record.loggerName.size()),
                                  record.level, spdlog::string_view_t(record.text.data(), record.text.size()));
@@ -108,6 +138,14 @@ void ConsoleRouter::flush()
 void ConsoleRouter::setBeforeWrite(std::function<void()> beforeWrite)
 {
   m_beforeWrite = std::move(beforeWrite);
+}
+
+void printOutputLine(std::string line)
+{
+  if (auto* modelLog = dynamic_cast<ModelLog*>(cstdmf::currentWorkContext()))
+    modelLog->appendOutput(std::move(line));
+  else
+    writeOutputLine(line);
 }
 
 std::shared_ptr<ConsoleRouter> installConsoleRouter()

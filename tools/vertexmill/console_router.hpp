@@ -34,10 +34,16 @@ public:
     size_t threadId = 0;
     std::string loggerName;
     std::string text;
+    // A line of the tool's own output (--stats) rather than a message: it goes to standard
+    // output whatever the verbosity.
+    bool standardOutput = false;
   };
 
   // Keeps the record when `keep`; remembers the first ERROR-or-worse text either way.
   void append(const spdlog::details::log_msg& msg, std::string text, bool keep);
+
+  // Keeps a line for standard output (without its line end) among the messages.
+  void appendOutput(std::string line);
 
   // Hands out the records kept so far and forgets them.
   std::vector<Record> takeRecords();
@@ -78,6 +84,11 @@ private:
   std::vector<std::shared_ptr<spdlog::sinks::sink>> m_targets;
   std::function<void()> m_beforeWrite;
 };
+
+// Prints a line of the tool's own output on standard output, whatever the verbosity. On a thread
+// that works for a model the line is kept in the model's log and comes out with its messages, in
+// walk order.
+void printOutputLine(std::string line);
 
 // Moves the application logger's console sinks (all but the first, the debugger-output sink)
 // behind one router, installed in their place, and returns it. Call once, after the console

@@ -79,6 +79,8 @@ struct Args
   bool keepGoing = false;
   bool incremental = false;
   std::string reportPath; // UTF-8; empty: no report
+  bool stats = false;
+  bool progress = true; // the progress line, where standard error is a terminal
   bool showVersion = false;
   bool helpShown = false;
 
@@ -105,6 +107,7 @@ bool Args::parse(int argc, const char* const* argv)
       .add({
         .kind = ArgParser::Kind::Flag,
         .longName = "verbose",
+        .shortName = 'v',
         .description = "print used files list",
         .callback = [this](std::string_view) {
           verbosity = 2;
@@ -150,6 +153,7 @@ bool Args::parse(int argc, const char* const* argv)
         .shortName = 'j',
         .description = "convert N models at once, and use N threads within a model (0: one per hardware thread)",
         .valueName = "N",
+        .expected = "a whole number from 0 to " + std::to_string(kMaxJobs),
         .callback = [this](std::string_view value) {
           const std::optional<unsigned> parsed = parseJobs(value);
           if (parsed)
@@ -187,7 +191,26 @@ bool Args::parse(int argc, const char* const* argv)
       })
       .add({
         .kind = ArgParser::Kind::Flag,
+        .longName = "stats",
+        .description = "print one line of figures per model on standard output",
+        .callback = [this](std::string_view) {
+          stats = true;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Flag,
+        .longName = "no-progress",
+        .description = "do not show the progress line on a terminal",
+        .callback = [this](std::string_view) {
+          progress = false;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Flag,
         .longName = "version",
+        .shortName = 'V',
         .description = "print the tool's name and version",
         .callback = [this](std::string_view) {
           showVersion = true;
@@ -213,6 +236,8 @@ struct RunRequest
   bool incremental = false;
   ConsoleRouter* router = nullptr;
   Report* report = nullptr; // --report, or null
+  bool stats = false;
+  bool progress = true;
 };
 
 [[nodiscard]] bool requirePathExists(const fs::path& path, fs::file_status status, std::string_view kind)
@@ -286,6 +311,7 @@ ModelSettings modelSettings(const RunRequest& request)
   settings.compilerJobs = request.jobs;
   settings.incremental = request.incremental;
   settings.report = request.report;
+  settings.stats = request.stats;
   if (request.incremental)
   {
     // The tool's own time counts as an input: a newer tool may write different files.
@@ -343,7 +369,7 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
   TreeRunOptions options;
   options.jobs = request.jobs;
   options.keepGoing = request.keepGoing;
-  options.showProgress = request.verbosity > 0 && platform::isTerminal(2);
+  options.showProgress = request.progress && request.verbosity > 0 && platform::isTerminal(2);
   options.model = modelSettings(request);
   return convertModels(models, options, *request.router);
 }
@@ -401,6 +427,8 @@ int vertexmillMain(int argc, const char* const* argv)
     report = std::make_unique<Report>();
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
                      args.keepGoing, args.incremental, router.get(), report.get()};
+  request.stats = args.stats;
+  request.progress = args.progress;
   int status = kExitSuccess;
   try
   {

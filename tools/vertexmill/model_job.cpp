@@ -1,5 +1,6 @@
 #include "model_job.hpp"
 
+#include "console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
@@ -104,16 +105,17 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   const std::string sourceText = cstdmf::toUtf8(source);
   const std::string outputText = cstdmf::toUtf8(output);
 
-  // Statistics are gathered only for --report; without it none of this exists.
+  // Statistics are gathered only for --report and --stats; without them none of this exists.
   std::unique_ptr<ModelReport> report;
   std::unique_ptr<ReportMessageCollector> collector;
   const auto started = std::chrono::steady_clock::now();
-  if (settings.report)
+  if (settings.report || settings.stats)
   {
     report = std::make_unique<ModelReport>();
     report->source = sourceText;
     report->output = outputText;
-    collector = std::make_unique<ReportMessageCollector>(*report);
+    if (settings.report)
+      collector = std::make_unique<ReportMessageCollector>(*report);
   }
   auto finish = [&](ModelOutcome outcome) {
     if (report)
@@ -123,7 +125,10 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
                        : outcome == ModelOutcome::UpToDate ? "up-to-date"
                                                            : "failed";
       report->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-      settings.report->addModel(settings.reportOrder, std::move(*report));
+      if (settings.stats)
+        printOutputLine(statsLine(*report));
+      if (settings.report)
+        settings.report->addModel(settings.reportOrder, std::move(*report));
     }
     return outcome;
   };

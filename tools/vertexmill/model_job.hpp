@@ -21,6 +21,8 @@ struct ModelSettings
   // Where the model's statistics go (--report), or null; `reportOrder` is its place in the walk.
   Report* report = nullptr;
   size_t reportOrder = 0;
+  // Print the model's figures as one line on standard output (--stats).
+  bool stats = false;
 };
 
 enum class ModelOutcome

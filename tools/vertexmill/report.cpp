@@ -3,6 +3,7 @@
 #include "cstdmf/debug.hpp"
 #include "resmgr/file_io.hpp"
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -45,12 +46,10 @@ ordered_json modelJson(const ModelReport& model)
   for (const auto& s : stats.sections)
     sections.push_back({{"name", s.name}, {"kind", s.kind}, {"format", s.format}, {"count", s.count}});
 
-  uint64_t vertices = 0, triangles = 0;
+  const ModelTotals totals = modelTotals(stats);
   ordered_json renderSets = ordered_json::array();
   for (const auto& r : stats.renderSets)
   {
-    vertices += r.vertexCount;
-    triangles += r.triangleCount;
     renderSets.push_back({{"name", r.name},
                           {"vertices", r.vertexCount},
                           {"triangles", r.triangleCount},
@@ -61,17 +60,9 @@ ordered_json modelJson(const ModelReport& model)
                           {"after", meshStatistics(r.after)}});
   }
 
-  uint64_t rawBytes = 0, storedBytes = 0, storedVertexBytes = 0, rawVertexBytes = 0;
   ordered_json buffers = ordered_json::array();
   for (const auto& b : stats.buffers)
   {
-    rawBytes += b.rawBytes;
-    storedBytes += b.storedBytes;
-    if (b.kind == "vertices")
-    {
-      rawVertexBytes += b.rawBytes;
-      storedVertexBytes += b.storedBytes;
-    }
     buffers.push_back({{"kind", b.kind},
                        {"format", b.format},
                        {"strideInBytes", b.strideInBytes},
@@ -114,16 +105,54 @@ ordered_json modelJson(const ModelReport& model)
                       {"warnings", std::move(warnings)},
                       {"errors", std::move(errors)},
                       {"totals",
-                       {{"vertices", vertices},
-                        {"triangles", triangles},
-                        {"rawBytes", rawBytes},
-                        {"storedBytes", storedBytes},
-                        {"outputBytes", stats.outputBytes},
-                        {"storedBytesPerVertex", ratio(double(storedVertexBytes), double(vertices))},
-                        {"rawBytesPerVertex", ratio(double(rawVertexBytes), double(vertices))},
-                        {"outputBytesPerTriangle", ratio(double(stats.outputBytes), double(triangles))}}}};
+                       {{"vertices", totals.vertices},
+                        {"triangles", totals.triangles},
+                        {"rawBytes", totals.rawBytes},
+                        {"storedBytes", totals.storedBytes},
+                        {"inputBytes", totals.inputBytes},
+                        {"outputBytes", totals.outputBytes},
+                        {"acmr", totals.acmr},
+                        {"storedBytesPerVertex", ratio(double(totals.storedVertexBytes), double(totals.vertices))},
+                        {"rawBytesPerVertex", ratio(double(totals.rawVertexBytes), double(totals.vertices))},
+                        {"outputBytesPerTriangle", ratio(double(totals.outputBytes), double(totals.triangles))}}}};
 }
 } // namespace
+
+ModelTotals modelTotals(const CompileStatistics& statistics)
+{
+  ModelTotals totals;
+  double weightedAcmr = 0.0;
+  for (const auto& r : statistics.renderSets)
+  {
+    totals.vertices += r.vertexCount;
+    totals.triangles += r.triangleCount;
+    weightedAcmr += double(r.after.acmr) * double(r.triangleCount);
+  }
+  totals.acmr = ratio(weightedAcmr, double(totals.triangles));
+  for (const auto& b : statistics.buffers)
+  {
+    totals.rawBytes += b.rawBytes;
+    totals.storedBytes += b.storedBytes;
+    if (b.kind == "vertices")
+    {
+      totals.rawVertexBytes += b.rawBytes;
+      totals.storedVertexBytes += b.storedBytes;
+    }
+  }
+  totals.inputBytes = statistics.inputBytes;
+  for (const auto& c : statistics.companions)
+    totals.inputBytes += c.bytes;
+  totals.outputBytes = statistics.outputBytes;
+  return totals;
+}
+
+std::string statsLine(const ModelReport& model)
+{
+  const ModelTotals totals = modelTotals(model.statistics);
+  return fmt::format("stats: {}: {} triangles={} vertices={} bytes_in={} bytes_out={} acmr={:.3f} seconds={:.3f}",
+                     model.source, model.status, totals.triangles, totals.vertices, totals.inputBytes,
+                     totals.outputBytes, totals.acmr, model.seconds);
+}
 
 void ReportMessageCollector::onMessage(DebugMessagePriority priority, std::string_view, std::string_view text)
 {
@@ -192,9 +221,11 @@ std::string Report::toJson() const
 bool Report::write(const std::string& path) const
 {
   const std::string text = toJson();
-  if (!fileio::writeWholeFile(path, std::as_bytes(std::span<const char>(text))))
+  const fileio::WriteResult written = fileio::writeWholeFile(path, std::as_bytes(std::span<const char>(text)));
+  if (!written)
   {
-    ZR_MSG(DebugMessagePriority::Error, "", "cannot write report %s\n", path.c_str());
+    // The name is the one the user gave, never the temporary one; the reason is the system's.
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "cannot write report '{}': {}\n", path, written.reason);
     return false;
   }
   return true;

@@ -5,6 +5,7 @@
 #include "geometry_compiler/compile_statistics.hpp"
 #include "cstdmf/debug.hpp"
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,6 +23,29 @@ struct ModelReport
   std::vector<std::string> warnings;
   std::vector<std::string> errors;
 };
+
+// A model's figures summed over its render sets, buffers and companions. The report's totals
+// and the --stats line are both made from these.
+struct ModelTotals
+{
+  uint64_t vertices = 0;
+  uint64_t triangles = 0;
+  uint64_t rawBytes = 0;
+  uint64_t storedBytes = 0;
+  uint64_t rawVertexBytes = 0;
+  uint64_t storedVertexBytes = 0;
+  uint64_t inputBytes = 0; // the .primitives file and the companion files read with it
+  uint64_t outputBytes = 0;
+  // Vertex cache misses per triangle after optimisation, over every render set (each set's own
+  // figure weighted by its triangles); 0 without triangles.
+  double acmr = 0.0;
+};
+
+ModelTotals modelTotals(const CompileStatistics& statistics);
+
+// The model's --stats line, without a line end:
+// "stats: <source>: <status> triangles=N vertices=N bytes_in=N bytes_out=N acmr=X.XXX seconds=X.XXX".
+std::string statsLine(const ModelReport& model);
 
 // Collects the WARNING and higher messages of the thread it lives on while it is alive.
 class ReportMessageCollector final : public cstdmf::ScopedMessageWatcher

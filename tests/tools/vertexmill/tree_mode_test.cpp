@@ -324,7 +324,8 @@ TEST_F(TreeMode, BadJobCountsAreRefused)
   {
     const RunResult result = run({"--tree", "--jobs", value, ".", "."});
     EXPECT_EQ(result.status, 1) << value;
-    EXPECT_EQ(result.err, "ERROR: invalid value " + value) << value;
+    EXPECT_EQ(result.err, "ERROR: invalid value '" + value + "' for --jobs: expected a whole number from 0 to 1024\n")
+      << value;
     EXPECT_EQ(result.out, "");
   }
   const RunResult missing = run({".", ".", "-j"});
@@ -368,6 +369,16 @@ TEST_F(TreeMode, ProgressLineOnlyOnATerminal)
                                    " " + shellQuote(typescript.string()) + " > /dev/null 2>&1 < /dev/null";
   ASSERT_EQ(exitStatusOf(std::system(quietCommand.c_str())), 0);
   EXPECT_EQ(readFile(typescript).find("[0/5]"), std::string::npos);
+
+  // --no-progress turns it off and leaves nothing else on the terminal.
+  const std::string offCommand = "script -q -e -c " +
+                                 shellQuote(shellQuote(kToolPath) + " --no-progress -j2 --tree " +
+                                            shellQuote(str("tree")) + " " + shellQuote(str("out"))) +
+                                 " " + shellQuote(typescript.string()) + " > /dev/null 2>&1 < /dev/null";
+  ASSERT_EQ(exitStatusOf(std::system(offCommand.c_str())), 0);
+  const std::string off = readFile(typescript);
+  EXPECT_EQ(off.find("[0/5]"), std::string::npos) << off;
+  EXPECT_EQ(off.find('\r'), std::string::npos) << off;
 }
 
 // --- Trees that are hard to walk ----------------------------------------------------------------

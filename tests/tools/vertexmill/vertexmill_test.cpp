@@ -25,7 +25,7 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "\n"
     "Options:\n"
     "  -q, --quiet            don't produce output\n"
-    "      --verbose          print used files list\n"
+    "  -v, --verbose          print used files list\n"
     "      --tree             process all files found recursive ( enable tree mode )\n"
     "      --src-path <path>  path to main primitives file in default modeor directory to search this files in "
     "tree mode\n"
@@ -35,7 +35,9 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "      --keep-going       in tree mode convert every model even after failures, then list the failed ones\n"
     "      --incremental      skip models whose .geometry file is newer than their sources and the tool\n"
     "      --report <FILE>    write statistics of every model as one JSON document to FILE\n"
-    "      --version          print the tool's name and version\n"
+    "      --stats            print one line of figures per model on standard output\n"
+    "      --no-progress      do not show the progress line on a terminal\n"
+    "  -V, --version          print the tool's name and version\n"
     "  -h, --help             Display this message.\n";
   for (const char* help : {"--help", "-h"})
   {
@@ -46,10 +48,13 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     EXPECT_EQ(result.err, "") << help;
   }
 
-  const RunResult version = run({"--version"});
-  EXPECT_EQ(version.status, 0);
-  EXPECT_EQ(version.out, std::string("vertexmill ") + VERTEXMILL_VERSION + "\n");
-  EXPECT_EQ(version.err, "");
+  for (const char* flag : {"--version", "-V"})
+  {
+    const RunResult version = run({flag});
+    EXPECT_EQ(version.status, 0) << flag;
+    EXPECT_EQ(version.out, std::string("vertexmill ") + VERTEXMILL_VERSION + "\n") << flag;
+    EXPECT_EQ(version.err, "") << flag;
+  }
 }
 
 TEST_F(VertexmillTool, BadCommandLinesExitWithOne)
@@ -263,11 +268,16 @@ TEST_F(VertexmillTool, DefaultModeConvertsOneModel)
   EXPECT_GT(fs::file_size(path("out/ship.geometry")), 0u);
   fs::remove(path("out/ship.geometry"));
 
-  const RunResult verbose = run({"--verbose", "--src-path", "ship.primitives", "--dst-path", "../out"}, path("art"));
-  EXPECT_EQ(verbose.status, 0) << verbose.err;
-  EXPECT_EQ(verbose.out, usedFiles("ship.primitives", u8(fs::path("../out") / "ship.geometry")));
-  EXPECT_EQ(verbose.err, "");
-  EXPECT_GT(fs::file_size(path("out/ship.geometry")), 0u);
+  // -v is --verbose.
+  for (const char* flag : {"--verbose", "-v"})
+  {
+    fs::remove(path("out/ship.geometry"));
+    const RunResult verbose = run({flag, "--src-path", "ship.primitives", "--dst-path", "../out"}, path("art"));
+    EXPECT_EQ(verbose.status, 0) << verbose.err;
+    EXPECT_EQ(verbose.out, usedFiles("ship.primitives", u8(fs::path("../out") / "ship.geometry"))) << flag;
+    EXPECT_EQ(verbose.err, "") << flag;
+    EXPECT_GT(fs::file_size(path("out/ship.geometry")), 0u) << flag;
+  }
 }
 
 TEST_F(VertexmillTool, DefaultModeFailureExitsWithThree)

@@ -1,0 +1,131 @@
+// --stats: one line of figures per model on standard output, in walk order, agreeing with the
+// report; without it nothing of the kind is printed.
+#include "tool_test_support.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <sstream>
+
+namespace vertexmill_test
+{
+namespace
+{
+struct StatsLine
+{
+  std::string source;
+  std::string status;
+  std::map<std::string, std::string> figures;
+};
+
+// The "stats: " lines of standard output; everything else (the used-files list) is skipped.
+std::vector<StatsLine> statsLines(const std::string& out)
+{
+  std::vector<StatsLine> lines;
+  std::istringstream stream(out);
+  for (std::string line; std::getline(stream, line);)
+  {
+    if (line.rfind("stats: ", 0) != 0)
+      continue;
+    StatsLine parsed;
+    const size_t sourceEnd = line.rfind(": ");
+    parsed.source = line.substr(7, sourceEnd - 7);
+    std::istringstream fields(line.substr(sourceEnd + 2));
+    fields >> parsed.status;
+    for (std::string field; fields >> field;)
+    {
+      const size_t equals = field.find('=');
+      parsed.figures[field.substr(0, equals)] = field.substr(equals + 1);
+    }
+    lines.push_back(std::move(parsed));
+  }
+  return lines;
+}
+
+TEST_F(VertexmillTool, StatsLinesFollowTheWalkAndAgreeWithTheReport)
+{
+  writeFile(path("art/a_ship.primitives"), validPrimitives({"hull", "turret"}));
+  writeFile(path("art/a_ship.collision"), std::string(100, 'c'));
+  writeFile(path("art/b_broken.primitives"), kInvalidPrimitives);
+  writeFile(path("art/sub/c_boat.primitives"), validPrimitives({"deck"}));
+  fs::create_directories(path("out"));
+
+  std::vector<std::string> firstOrder;
+  for (const char* jobs : {"1", "3"})
+  {
+    const RunResult result = run({"--stats", "--verbose", "--keep-going", "-j", jobs, "--report",
+                                  str("out/report.json"), "--tree", str("art"), str("out")});
+    EXPECT_EQ(result.status, 3) << jobs;
+    const std::vector<StatsLine> lines = statsLines(result.out);
+    const auto report = nlohmann::json::parse(readFile(path("out/report.json")));
+    const auto& models = report["models"];
+    ASSERT_EQ(lines.size(), 3u) << result.out;
+    ASSERT_EQ(models.size(), 3u);
+
+    std::vector<std::string> order;
+    for (size_t i = 0; i < lines.size(); ++i)
+    {
+      const StatsLine& line = lines[i];
+      const auto& model = models[i];
+      order.push_back(line.source);
+      // Walk order, the same as the report's, and each line right after its model's used files.
+      EXPECT_EQ(line.source, model["source"].get<std::string>());
+      EXPECT_EQ(line.status, model["status"].get<std::string>());
+      const size_t listed = result.out.find(line.source + "\n");
+      const size_t shown = result.out.find("stats: " + line.source + ": ");
+      EXPECT_LT(listed, shown) << result.out;
+      EXPECT_EQ(line.figures.at("triangles"), std::to_string(model["totals"]["triangles"].get<uint64_t>()));
+      EXPECT_EQ(line.figures.at("vertices"), std::to_string(model["totals"]["vertices"].get<uint64_t>()));
+      EXPECT_EQ(line.figures.at("bytes_in"), std::to_string(model["totals"]["inputBytes"].get<uint64_t>()));
+      EXPECT_EQ(line.figures.at("bytes_out"), std::to_string(model["totals"]["outputBytes"].get<uint64_t>()));
+      EXPECT_NEAR(std::stod(line.figures.at("acmr")), model["totals"]["acmr"].get<double>(), 0.0005);
+      EXPECT_EQ(line.figures.count("seconds"), 1u);
+    }
+    if (firstOrder.empty())
+      firstOrder = order;
+    EXPECT_EQ(order, firstOrder);
+
+    for (const StatsLine& line : lines)
+    {
+      if (line.source.find("a_ship") != std::string::npos)
+      {
+        EXPECT_EQ(line.status, "converted");
+        EXPECT_EQ(line.figures.at("triangles"), "2");
+        EXPECT_EQ(line.figures.at("vertices"), "6");
+        // The model and its collision file.
+        const uint64_t in = fs::file_size(path("art/a_ship.primitives")) + 100;
+        EXPECT_EQ(line.figures.at("bytes_in"), std::to_string(in));
+        EXPECT_EQ(line.figures.at("bytes_out"), std::to_string(fs::file_size(path("out/art/a_ship.geometry"))));
+        // One triangle per set: three vertices missed for one triangle.
+        EXPECT_EQ(line.figures.at("acmr"), "3.000");
+      }
+      else if (line.source.find("b_broken") != std::string::npos)
+      {
+        EXPECT_EQ(line.status, "failed");
+        EXPECT_EQ(line.figures.at("bytes_out"), "0");
+      }
+    }
+  }
+}
+
+TEST_F(VertexmillTool, StatsEvenWhenQuietAndNothingWithoutThem)
+{
+  writeFile(path("art/ship.primitives"), validPrimitives({"hull"}));
+  fs::create_directories(path("out"));
+
+  const RunResult quiet = run({"-q", "--stats", str("art/ship.primitives"), str("out")});
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.err, "");
+  const std::vector<StatsLine> lines = statsLines(quiet.out);
+  ASSERT_EQ(lines.size(), 1u) << quiet.out;
+  EXPECT_EQ(lines[0].source, str("art/ship.primitives"));
+  EXPECT_EQ(quiet.out.find("stats: "), 0u);
+  EXPECT_EQ(std::count(quiet.out.begin(), quiet.out.end(), '\n'), 1);
+
+  const RunResult plain = run({str("art/ship.primitives"), str("out")});
+  EXPECT_EQ(plain.status, 0);
+  EXPECT_EQ(plain.out + plain.err, "");
+}
+
+} // namespace
+} // namespace vertexmill_test
