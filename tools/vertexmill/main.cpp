@@ -9,13 +9,16 @@
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "depfile.hpp"
 #include "display_text.hpp"
 #include "exit_status.hpp"
 #include "fw/arg_parser.hpp"
+#include "model_cache.hpp"
 #include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
 #include "resmgr/zrresource.hpp"
+#include "shard.hpp"
 #include "tree_run.hpp"
 #include "tree_walk.hpp"
 
@@ -23,6 +26,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -69,6 +73,53 @@ constexpr unsigned kMaxJobs = 1024;
   return value;
 }
 
+// "--cache-max-size": bytes, or a whole number with a binary suffix K, M, G or T ("20G").
+[[nodiscard]] std::optional<uint64_t> parseSize(std::string_view text)
+{
+  uint64_t value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (text.empty() || error != std::errc() || stop == text.data())
+    return std::nullopt;
+  std::string_view suffix(stop, static_cast<size_t>(end - stop));
+  if (!suffix.empty() && (suffix.back() == 'B' || suffix.back() == 'b'))
+    suffix.remove_suffix(1);
+  if (suffix.size() > 1 && suffix.back() == 'i')
+    suffix.remove_suffix(1);
+  unsigned shift = 0;
+  if (suffix == "K" || suffix == "k")
+    shift = 10;
+  else if (suffix == "M" || suffix == "m")
+    shift = 20;
+  else if (suffix == "G" || suffix == "g")
+    shift = 30;
+  else if (suffix == "T" || suffix == "t")
+    shift = 40;
+  else if (!suffix.empty())
+    return std::nullopt;
+  if (shift > 0 && value > (UINT64_MAX >> shift))
+    return std::nullopt;
+  return value << shift;
+}
+
+// "--cache-timeout": whole seconds, 1 to 600.
+[[nodiscard]] std::optional<long> parseSeconds(std::string_view text)
+{
+  long value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (text.empty() || error != std::errc() || stop != end || value < 1 || value > 600)
+    return std::nullopt;
+  return value;
+}
+
+// An environment variable's value; empty when it is not set.
+std::string environment(const char* name)
+{
+  const char* value = std::getenv(name);
+  return value ? std::string(value) : std::string();
+}
+
 struct Args
 {
   bool tree = false;
@@ -81,6 +132,14 @@ struct Args
   std::string reportPath; // UTF-8; empty: no report
   bool showVersion = false;
   bool helpShown = false;
+  // The converted-model cache; the environment fills what the command line leaves unset.
+  std::optional<std::string> cacheDirectory; // UTF-8
+  std::optional<std::string> cacheUrl;
+  std::optional<uint64_t> cacheMaxSize;
+  long cacheTimeout = 10;
+  bool noCache = false;
+  std::optional<Shard> shard;
+  std::string depfilePath; // UTF-8; empty: none
 
   // Fills the fields from the command line (UTF-8). Returns false when the parser refused it,
   // after it wrote an "ERROR: " line to standard error.
@@ -186,6 +245,83 @@ bool Args::parse(int argc, const char* const* argv)
         },
       })
       .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache",
+        .description = "keep converted models in the cache folder DIR and take them from it when their inputs "
+                       "are the same (default: $VERTEXMILL_CACHE)",
+        .valueName = "DIR",
+        .callback = [this](std::string_view value) {
+          cacheDirectory = std::string(value);
+          return !value.empty();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache-url",
+        .description = "share converted models through the HTTP cache server at URL (<URL>/ac/, <URL>/cas/; "
+                       "default: $VERTEXMILL_CACHE_URL)",
+        .valueName = "URL",
+        .callback = [this](std::string_view value) {
+          cacheUrl = std::string(value);
+          return !value.empty();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache-max-size",
+        .description = "after the run, remove the least recently used entries of the cache folder until it "
+                       "holds at most SIZE bytes (K, M, G, T suffixes; default: $VERTEXMILL_CACHE_MAX_SIZE, "
+                       "else no bound)",
+        .valueName = "SIZE",
+        .callback = [this](std::string_view value) {
+          cacheMaxSize = parseSize(value);
+          return cacheMaxSize.has_value();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache-timeout",
+        .description = "give up on a cache server request after SECONDS (default 10)",
+        .valueName = "SECONDS",
+        .callback = [this](std::string_view value) {
+          const std::optional<long> parsed = parseSeconds(value);
+          if (parsed)
+            cacheTimeout = *parsed;
+          return parsed.has_value();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Flag,
+        .longName = "no-cache",
+        .description = "use no cache, whatever the environment says",
+        .callback = [this](std::string_view) {
+          noCache = true;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "shard",
+        .description = "in tree mode convert only the models of shard K of N (1 <= K <= N), chosen by their "
+                       "relative paths",
+        .valueName = "K/N",
+        .callback = [this](std::string_view value) {
+          shard = parseShard(value);
+          return shard.has_value();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "depfile",
+        .description = "in default mode also write FILE, a Makefile-syntax list of the files the model was made "
+                       "from, for Ninja and Make",
+        .valueName = "FILE",
+        .callback = [this](std::string_view value) {
+          depfilePath = std::string(value);
+          return !value.empty();
+        },
+      })
+      .add({
         .kind = ArgParser::Kind::Flag,
         .longName = "version",
         .description = "print the tool's name and version",
@@ -213,6 +349,9 @@ struct RunRequest
   bool incremental = false;
   ConsoleRouter* router = nullptr;
   Report* report = nullptr; // --report, or null
+  ModelCache* cache = nullptr;
+  std::optional<Shard> shard;
+  std::string depfilePath;
 };
 
 [[nodiscard]] bool requirePathExists(const fs::path& path, fs::file_status status, std::string_view kind)
@@ -286,6 +425,7 @@ ModelSettings modelSettings(const RunRequest& request)
   settings.compilerJobs = request.jobs;
   settings.incremental = request.incremental;
   settings.report = request.report;
+  settings.cache = request.cache;
   if (request.incremental)
   {
     // The tool's own time counts as an input: a newer tool may write different files.
@@ -306,8 +446,19 @@ int processSingle(const RunRequest& request, const fs::path& src, const fs::path
     return kExitBadPath;
   if (!requireFileExists(src, fs::status(src)))
     return kExitBadPath;
-  const ModelOutcome outcome = convertModel(src, geometryPathFor(dst, src.filename()), modelSettings(request));
-  return outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
+  const fs::path output = geometryPathFor(dst, src.filename());
+  const ModelOutcome outcome = convertModel(src, output, modelSettings(request));
+  if (outcome == ModelOutcome::Failed)
+    return kExitConversionFailed;
+  if (!request.depfilePath.empty())
+  {
+    std::vector<std::string> inputs{cstdmf::toUtf8(src)};
+    for (const fs::path& companion : companionFiles(src))
+      inputs.push_back(cstdmf::toUtf8(companion));
+    if (!writeDepfile(cstdmf::u8path(request.depfilePath), cstdmf::toUtf8(output), inputs))
+      return kExitConversionFailed;
+  }
+  return kExitSuccess;
 }
 
 // The run cannot go on because the file system failed under it. Said on standard error whatever
@@ -318,6 +469,23 @@ int reportFilesystemFailure(std::string_view text)
   std::fprintf(stderr, "CRITICAL: %s\n", toDisplayText(text).c_str());
   std::fflush(stderr);
   return kExitFilesystemError;
+}
+
+// Keeps the models of one shard, in walk order.
+void keepShard(ModelList& models, const Shard& shard)
+{
+  size_t kept = 0;
+  for (size_t i = 0; i < models.sources.size(); ++i)
+  {
+    if (shardOf(models.sources[i].lexically_relative(models.sourceRoot), shard.count) != shard.index)
+      continue;
+    models.sources[kept] = std::move(models.sources[i]);
+    if (i < models.sizes.size())
+      models.sizes[kept] = models.sizes[i];
+    ++kept;
+  }
+  models.sources.resize(kept);
+  models.sizes.resize(std::min(models.sizes.size(), kept));
 }
 
 int processTree(const RunRequest& request, const fs::path& src, const fs::path& dst)
@@ -339,6 +507,8 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
   std::string walkError;
   if (!listModels(src, models.sources, &models.sizes, walkError))
     return reportFilesystemFailure(walkError);
+  if (request.shard)
+    keepShard(models, *request.shard);
 
   TreeRunOptions options;
   options.jobs = request.jobs;
@@ -381,6 +551,38 @@ int vertexmillMain(int argc, const char* const* argv)
     std::printf("%s %s\n", kToolName, VERTEXMILL_VERSION);
     return kExitSuccess;
   }
+  if (args.shard && !args.tree)
+  {
+    std::fputs("ERROR: --shard works in tree mode only\n", stderr);
+    return kExitBadCommandLine;
+  }
+  if (!args.depfilePath.empty() && args.tree)
+  {
+    std::fputs("ERROR: --depfile works in default mode only (one model)\n", stderr);
+    return kExitBadCommandLine;
+  }
+  if (!args.noCache)
+  {
+    if (!args.cacheDirectory && !environment("VERTEXMILL_CACHE").empty())
+      args.cacheDirectory = environment("VERTEXMILL_CACHE");
+    if (!args.cacheUrl && !environment("VERTEXMILL_CACHE_URL").empty())
+      args.cacheUrl = environment("VERTEXMILL_CACHE_URL");
+    if (!args.cacheMaxSize && !environment("VERTEXMILL_CACHE_MAX_SIZE").empty())
+    {
+      args.cacheMaxSize = parseSize(environment("VERTEXMILL_CACHE_MAX_SIZE"));
+      if (!args.cacheMaxSize)
+      {
+        std::fprintf(stderr, "ERROR: invalid value '%s' in VERTEXMILL_CACHE_MAX_SIZE: expected a size such as 500M or 20G\n",
+                     environment("VERTEXMILL_CACHE_MAX_SIZE").c_str());
+        return kExitBadCommandLine;
+      }
+    }
+    if (args.cacheUrl && !content_cache::RemoteStore::supported())
+    {
+      std::fputs("ERROR: --cache-url is not available in this build (no HTTP library)\n", stderr);
+      return kExitBadCommandLine;
+    }
+  }
   if (args.srcPath.empty() || args.dstPath.empty())
   {
     // Straight to the stream: logging is not set up yet, and this shows even with --quiet.
@@ -399,12 +601,24 @@ int vertexmillMain(int argc, const char* const* argv)
   std::unique_ptr<Report> report;
   if (!args.reportPath.empty())
     report = std::make_unique<Report>();
+  std::unique_ptr<ModelCache> cache;
+  if (!args.noCache && (args.cacheDirectory || args.cacheUrl))
+  {
+    CacheSettings cacheSettings;
+    if (args.cacheDirectory)
+      cacheSettings.directory = cstdmf::u8path(*args.cacheDirectory);
+    cacheSettings.url = args.cacheUrl.value_or(std::string());
+    cacheSettings.maxBytes = args.cacheMaxSize.value_or(0);
+    cacheSettings.timeoutSeconds = args.cacheTimeout;
+    cache = std::make_unique<ModelCache>(cacheSettings);
+  }
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
-                     args.keepGoing, args.incremental, router.get(), report.get()};
+                     args.keepGoing, args.incremental, router.get(), report.get(), cache.get(), args.shard,
+                     args.depfilePath};
   int status = kExitSuccess;
   try
   {
-    status = process(request);
+    status = cache && !cache->prepare() ? kExitBadPath : process(request);
   }
   catch (const std::exception& error)
   {
@@ -417,6 +631,8 @@ int vertexmillMain(int argc, const char* const* argv)
   // cannot be written is an error of its own but does not change what the models did.
   if (report)
     (void)report->write(args.reportPath);
+  if (cache)
+    cache->finish();
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();

@@ -4,10 +4,12 @@
 
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 namespace vertexmill
 {
 
+class ModelCache;
 class Report;
 
 struct ModelSettings
@@ -21,6 +23,8 @@ struct ModelSettings
   // Where the model's statistics go (--report), or null; `reportOrder` is its place in the walk.
   Report* report = nullptr;
   size_t reportOrder = 0;
+  // The converted-model cache (--cache, --cache-url), or null.
+  ModelCache* cache = nullptr;
 };
 
 enum class ModelOutcome
@@ -41,6 +45,9 @@ enum class ModelOutcome
 // itself (toolTime). False whenever a time cannot be read.
 [[nodiscard]] bool isUpToDate(const std::filesystem::path& source, const std::filesystem::path& output,
                               const std::optional<std::filesystem::file_time_type>& toolTime);
+
+// The companion files of a model that exist, in the order they are tried.
+std::vector<std::filesystem::path> companionFiles(const std::filesystem::path& source);
 
 // dst / relative source, with the extension replaced by ".geometry".
 std::filesystem::path geometryPathFor(const std::filesystem::path& outputDirectory,

@@ -103,7 +103,7 @@ ordered_json modelJson(const ModelReport& model)
   for (const auto& e : model.errors)
     errors.push_back(trimmed(e));
 
-  return ordered_json{{"source", model.source},
+  ordered_json result{{"source", model.source},
                       {"output", model.output},
                       {"status", model.status},
                       {"seconds", model.seconds},
@@ -123,6 +123,10 @@ ordered_json modelJson(const ModelReport& model)
                         {"storedBytesPerVertex", ratio(double(storedVertexBytes), double(vertices))},
                         {"rawBytesPerVertex", ratio(double(rawVertexBytes), double(vertices))},
                         {"outputBytesPerTriangle", ratio(double(stats.outputBytes), double(triangles))}}}};
+  // Only with a cache: "hit" (the output came from it) or "miss".
+  if (!model.cache.empty())
+    result["cache"] = model.cache;
+  return result;
 }
 } // namespace
 

@@ -1,0 +1,106 @@
+#include "content_cache/file_io.hpp"
+
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <system_error>
+
+namespace content_cache
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+std::string errnoText(int code)
+{
+  return std::generic_category().message(code);
+}
+} // namespace
+
+bool readWholeFile(const fs::path& path, std::string& bytes, std::string& problem, bool* missing)
+{
+  if (missing)
+    *missing = false;
+  bytes.clear();
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
+  if (!file)
+  {
+    const int code = errno;
+    if (missing)
+      *missing = code == ENOENT;
+    problem = errnoText(code != 0 ? code : EIO);
+    return false;
+  }
+  char buffer[1 << 16];
+  for (;;)
+  {
+    const size_t count = std::fread(buffer, 1, sizeof(buffer), file);
+    bytes.append(buffer, count);
+    if (count < sizeof(buffer))
+      break;
+  }
+  const bool failed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (failed)
+  {
+    problem = errnoText(EIO);
+    return false;
+  }
+  return true;
+}
+
+std::string uniqueSuffix()
+{
+  static std::atomic<uint64_t> s_counter{0};
+  // Two machines on one share may have the same process id: a random part tells them apart.
+  static const uint64_t s_random = [] {
+    std::random_device device;
+    return (static_cast<uint64_t>(device()) << 32) ^ device();
+  }();
+  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+  char text[96];
+  std::snprintf(text, sizeof(text), "%lu-%llx-%llu-%llx", platform::processId(),
+                static_cast<unsigned long long>(s_random), static_cast<unsigned long long>(s_counter++),
+                static_cast<unsigned long long>(now));
+  return text;
+}
+
+bool writeFileAtomically(const fs::path& path, std::string_view bytes, std::string& problem)
+{
+  fs::path temporary = path;
+  temporary += cstdmf::u8path("." + uniqueSuffix() + ".tmp");
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
+  if (!file)
+  {
+    problem = errnoText(errno != 0 ? errno : EIO);
+    return false;
+  }
+  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  const int writeError = errno;
+  const bool closed = std::fclose(file) == 0;
+  std::error_code error;
+  if (!written || !closed)
+  {
+    problem = errnoText(writeError != 0 ? writeError : EIO);
+    fs::remove(temporary, error);
+    return false;
+  }
+  fs::rename(temporary, path, error);
+  if (error)
+  {
+    problem = error.message();
+    std::error_code ignored;
+    fs::remove(temporary, ignored);
+    return false;
+  }
+  return true;
+}
+
+} // namespace content_cache
