@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <random>
 #include <system_error>
+#include <vector>
 
 namespace content_cache
 {
@@ -21,6 +22,33 @@ std::string errnoText(int code)
   return std::generic_category().message(code);
 }
 } // namespace
+
+bool hashFile(const fs::path& path, Sha256& hash, std::string& problem)
+{
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
+  if (!file)
+  {
+    problem = errnoText(errno != 0 ? errno : EIO);
+    return false;
+  }
+  std::vector<char> buffer(size_t(1) << 20);
+  for (;;)
+  {
+    const size_t count = std::fread(buffer.data(), 1, buffer.size(), file);
+    hash.update(std::as_bytes(std::span<const char>(buffer.data(), count)));
+    if (count < buffer.size())
+      break;
+  }
+  const bool failed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (failed)
+  {
+    problem = errnoText(EIO);
+    return false;
+  }
+  return true;
+}
 
 bool readWholeFile(const fs::path& path, std::string& bytes, std::string& problem, bool* missing)
 {
@@ -37,6 +65,15 @@ bool readWholeFile(const fs::path& path, std::string& bytes, std::string& proble
     problem = errnoText(code != 0 ? code : EIO);
     return false;
   }
+  // Read at its size in one go: growing the buffer would copy and touch the bytes several times.
+  std::error_code sizeError;
+  const uintmax_t expected = fs::file_size(path, sizeError);
+  if (!sizeError && expected < (uintmax_t(1) << 40))
+  {
+    bytes.resize(static_cast<size_t>(expected));
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
+  }
+  // Whatever the file grew by since (or all of it when its size was unknown).
   char buffer[1 << 16];
   for (;;)
   {

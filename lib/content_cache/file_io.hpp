@@ -1,6 +1,8 @@
 #pragma once
 // Whole-file reads and atomic whole-file writes for the cache's files.
 
+#include "content_cache/sha256.hpp"
+
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -13,6 +15,9 @@ namespace content_cache
 // be opened or read; `missing` tells a file that is not there from one that cannot be read.
 [[nodiscard]] bool readWholeFile(const std::filesystem::path& path, std::string& bytes, std::string& problem,
                                  bool* missing = nullptr);
+
+// Feeds the whole file to `hash` without holding it in memory. False with the reason.
+[[nodiscard]] bool hashFile(const std::filesystem::path& path, Sha256& hash, std::string& problem);
 
 // Writes `bytes` to a temporary file beside `path` and renames it over `path`, so that a reader
 // sees the old file, the whole new one or none, never a part. Several processes may write the same

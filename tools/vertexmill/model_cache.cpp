@@ -80,7 +80,6 @@ std::optional<Digest> modelKey(const GeometryCompiler::Request& request, const O
     {"armor", &request.armorPath},
     {"armorvisual", &request.armorVisualPath},
   }};
-  std::string bytes;
   for (const auto& [slot, pathText] : files)
   {
     hash.updateField(slot);
@@ -92,14 +91,16 @@ std::optional<Digest> modelKey(const GeometryCompiler::Request& request, const O
     const fs::path path = cstdmf::u8path(*pathText);
     InputStamp stamp;
     std::string problem;
-    if (!stampOf(path, stamp) || !content_cache::readWholeFile(path, bytes, problem))
+    if (!stampOf(path, stamp))
+      return std::nullopt;
+    // The source's own name does not change the output; a companion's does (its data section is
+    // named after the file). The size goes first, as updateField would put it.
+    hash.updateField(slot == "primitives" ? std::string() : cstdmf::toUtf8(path.filename()));
+    hash.updateField(std::to_string(stamp.size));
+    if (!content_cache::hashFile(path, hash, problem))
       return std::nullopt;
     if (stamps)
       stamps->push_back(std::move(stamp));
-    // The source's own name does not change the output; a companion's does (its data section is
-    // named after the file).
-    hash.updateField(slot == "primitives" ? std::string() : cstdmf::toUtf8(path.filename()));
-    hash.updateField(bytes);
   }
   return hash.finish();
 }
