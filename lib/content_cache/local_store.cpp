@@ -106,6 +106,10 @@ bool LocalStore::store(const Digest& key, std::string_view encoded, std::string&
   }
   if (!writeFileAtomically(path, encoded, problem))
   {
+    // Another process stored the same key at the same moment (on Windows a rename over a file
+    // being read fails): its entry holds the same result.
+    if (fs::exists(path, error))
+      return true;
     problem = "cannot write '" + cstdmf::toUtf8(path) + "': " + problem;
     return false;
   }
