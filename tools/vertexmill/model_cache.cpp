@@ -265,6 +265,7 @@ bool CachedConversion::replay()
   // conversion runs and reports the failure in its own words.
   if (!content_cache::writeFileAtomically(cstdmf::u8path(m_outputText), entry->output, problem))
     return false;
+  m_replayedBytes = entry->output.size();
   replayMessages(entry->messages, m_request.primitivesPath);
   return true;
 }

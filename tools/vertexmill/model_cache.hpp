@@ -128,6 +128,8 @@ public:
 
   // True when the result came from the cache and the output file is written.
   [[nodiscard]] bool replay();
+  // The size of the output a replay wrote.
+  uint64_t replayedBytes() const { return m_replayedBytes; }
   // Records the conversion's messages while the returned object lives (null without a cache).
   std::unique_ptr<MessageRecorder> record();
   // Keeps a successful conversion's output and messages (taken from the recorder).
@@ -139,6 +141,7 @@ private:
   std::string m_outputText;
   std::optional<content_cache::Digest> m_key;
   std::vector<InputStamp> m_stamps;
+  uint64_t m_replayedBytes = 0;
 };
 
 } // namespace vertexmill

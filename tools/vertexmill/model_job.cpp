@@ -169,7 +169,10 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   if (cached.replay())
   {
     if (report)
+    {
       report->cache = "hit";
+      report->statistics.outputBytes = cached.replayedBytes();
+    }
     return finish(ModelOutcome::Converted);
   }
   if (report && settings.cache)
