@@ -48,6 +48,11 @@ bool RemoteStore::decodeRecord(std::string_view bytes, const Digest& key, Digest
   return reader.ok();
 }
 
+bool RemoteStore::stopUploads()
+{
+  return !m_noUploads.exchange(true);
+}
+
 bool RemoteStore::turnOff()
 {
   return !m_off.exchange(true);

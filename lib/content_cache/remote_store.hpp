@@ -44,7 +44,9 @@ public:
 
   [[nodiscard]] Lookup load(const Digest& key, CacheEntry& entry, std::string& encoded, std::string& problem);
 
-  // Uploads the content, then the record. False with the reason; the tier is then off.
+  // Uploads the content, then the record. False with the reason. A server that refuses an upload
+  // (an error status: a read-only cache) gets no more uploads but is still read; one that cannot
+  // be reached turns the tier off.
   [[nodiscard]] bool store(const Digest& key, std::string_view encoded, std::string& problem);
 
   // False once a request failed; later calls do nothing. A failed load or store sets `problem`
@@ -58,10 +60,13 @@ public:
 private:
   // Turns the tier off; true for the caller that did it (who reports it).
   bool turnOff();
+  // Stops uploads only (the server refused one); true for the caller that did it.
+  bool stopUploads();
 
   std::string m_url; // without a trailing slash
   RemoteTimeouts m_timeouts;
   std::atomic<bool> m_off{false};
+  std::atomic<bool> m_noUploads{false};
 };
 
 } // namespace content_cache

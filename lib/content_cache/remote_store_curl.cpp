@@ -171,7 +171,7 @@ RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std:
 
 bool RemoteStore::store(const Digest& key, std::string_view encoded, std::string& problem)
 {
-  if (!available())
+  if (!available() || m_noUploads.load())
     return false;
   const Digest content = sha256(encoded);
   const std::string contentUrl = m_url + "/cas/" + toHex(content);
@@ -182,11 +182,14 @@ bool RemoteStore::store(const Digest& key, std::string_view encoded, std::string
                                   std::pair<const std::string&, std::string_view>(recordUrl, record)})
   {
     const long status = request(url, m_timeouts, &body, nullptr, problem);
+    if (status == 0)
+    {
+      problem = turnOff() ? "PUT " + url + ": " + problem : std::string();
+      return false;
+    }
     if (status < 200 || status > 299)
     {
-      if (status != 0)
-        problem = "HTTP status " + std::to_string(status);
-      problem = turnOff() ? "PUT " + url + ": " + problem : std::string();
+      problem = stopUploads() ? "PUT " + url + ": HTTP status " + std::to_string(status) : std::string();
       return false;
     }
   }

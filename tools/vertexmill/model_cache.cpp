@@ -236,7 +236,8 @@ void ModelCache::store(const Digest& key, const CacheEntry& entry, const std::st
   if (m_local && !m_local->store(key, encoded, problem))
     ZR_MSG_FMT(kWarning, "", "cannot keep the result of {} in the cache folder: {}\n", sourceText, problem);
   if (m_remote && !m_remote->store(key, encoded, problem) && !problem.empty())
-    ZR_MSG_FMT(kWarning, "", "remote cache unavailable ({}); going on without it\n", problem);
+    ZR_MSG_FMT(kWarning, "", "remote cache refused or failed an upload ({}); no more uploads in this run\n",
+               problem);
 }
 
 void ModelCache::finish()

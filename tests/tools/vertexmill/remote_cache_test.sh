@@ -48,6 +48,7 @@ start_nginx() {
   for attempt in $(seq 1 20); do
     port=$((20000 + RANDOM % 30000))
     slow_port=$((port + 1))
+    readonly_port=$((port + 2))
     cat >"$work/nginx.conf" <<CONF
 $user_line
 worker_processes 1;
@@ -78,6 +79,12 @@ http {
     root $work/store;
     location / { limit_rate 1; }
   }
+  # The same store, read-only: uploads are refused.
+  server {
+    listen 127.0.0.1:$readonly_port;
+    root $work/store;
+    location / { limit_except GET { deny all; } }
+  }
 }
 CONF
     "$nginx" -p "$work" -c "$work/nginx.conf" 2>>"$work/start.log" &
@@ -86,7 +93,8 @@ CONF
       if ! kill -0 "$nginx_pid" 2>/dev/null; then
         break
       fi
-      if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && (exec 3<>"/dev/tcp/127.0.0.1/$slow_port") 2>/dev/null; then
+      if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && (exec 3<>"/dev/tcp/127.0.0.1/$slow_port") 2>/dev/null &&
+        (exec 3<>"/dev/tcp/127.0.0.1/$readonly_port") 2>/dev/null; then
         return 0
       fi
       sleep 0.1
@@ -152,6 +160,15 @@ check "garbage: warned" contains junk "WARNING: remote cache entry for"
 check "garbage: warned as corrupt" contains junk "is corrupt"
 run junk2 --tree --cache-url "$url" "$work/b/models" "$work/out-junk"
 check "garbage: replaced by the rebuilt entry" test ! -s "$work/junk2.err"
+
+# Read-only: a refused upload is said once, and the server is still read for the other models.
+mkdir -p "$work/ro/props" "$work/ro/ships" "$work/out-ro"
+cp "$work/b/models/props/"* "$work/ro/props/"
+cp "$work/b/models/ships/buoy.primitives" "$work/ro/ships/" # without its companion: a miss
+run ro --tree --cache-url "http://127.0.0.1:$readonly_port/cache" --report "$work/ro.json" "$work/ro" "$work/out-ro"
+check "read-only: status 0" test "$(status_of ro)" = 0
+check "read-only: one warning" test "$(count_in ro "WARNING: remote cache refused or failed an upload")" = 1
+check "read-only: the others still hit" test "$(grep -c '"cache": "hit"' "$work/ro.json")" = "$(ls "$work/ro/props"/*.primitives | wc -l)"
 
 # Too slow: bounded by --cache-timeout, one warning, every model converted.
 start=$(date +%s)
