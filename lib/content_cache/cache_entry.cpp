@@ -69,7 +69,12 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry)
   return bytes;
 }
 
-bool decodeEntry(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem)
+namespace
+{
+// Checks the whole entry and reads its messages; the output is left where it is, at
+// [outputOffset, outputOffset + outputSize) of `bytes`.
+bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem,
+                 size_t& outputOffset, size_t& outputSize)
 {
   entry = CacheEntry{};
   if (bytes.size() < kHeaderSize + kChecksumSize)
@@ -133,14 +138,37 @@ bool decodeEntry(std::string_view bytes, const Digest& key, CacheEntry& entry, s
       return false;
     }
   }
-  const uint64_t outputSize = body.read<uint64_t>();
-  if (!body.ok() || outputSize != body.remaining())
+  const uint64_t storedOutputSize = body.read<uint64_t>();
+  if (!body.ok() || storedOutputSize != body.remaining())
   {
     problem = "malformed output size";
     return false;
   }
-  const std::span<const std::byte> output = body.readBytes(static_cast<size_t>(outputSize));
-  entry.output.assign(reinterpret_cast<const char*>(output.data()), output.size());
+  outputSize = static_cast<size_t>(storedOutputSize);
+  outputOffset = kHeaderSize + body.position();
+  return true;
+}
+} // namespace
+
+bool decodeEntry(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem)
+{
+  size_t outputOffset = 0;
+  size_t outputSize = 0;
+  if (!decodeParts(bytes, key, entry, problem, outputOffset, outputSize))
+    return false;
+  entry.output.assign(bytes.substr(outputOffset, outputSize));
+  return true;
+}
+
+bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std::string& problem)
+{
+  size_t outputOffset = 0;
+  size_t outputSize = 0;
+  if (!decodeParts(bytes, key, entry, problem, outputOffset, outputSize))
+    return false;
+  bytes.resize(outputOffset + outputSize);
+  bytes.erase(0, outputOffset);
+  entry.output = std::move(bytes);
   return true;
 }
 

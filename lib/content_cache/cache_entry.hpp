@@ -46,5 +46,7 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry);
 // Reads an entry stored under `key`. False, with what is wrong in `problem` ("truncated",
 // "checksum mismatch", ...), when the bytes are not a whole, sound entry for that key.
 [[nodiscard]] bool decodeEntry(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem);
+// The same, reusing the bytes' storage for the output (no copy of a large output).
+[[nodiscard]] bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std::string& problem);
 
 } // namespace content_cache

@@ -79,7 +79,7 @@ LocalStore::Lookup LocalStore::load(const Digest& key, CacheEntry& entry, std::s
     problem = "cannot read '" + cstdmf::toUtf8(path) + "': " + problem;
     return Lookup::Corrupt;
   }
-  if (!decodeEntry(bytes, key, entry, problem))
+  if (!decodeEntry(std::move(bytes), key, entry, problem))
   {
     problem = "'" + cstdmf::toUtf8(path) + "' is " + problem;
     // Out of the way, so the rebuilt entry replaces it (another process may do the same).

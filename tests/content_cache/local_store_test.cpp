@@ -77,8 +77,10 @@ TEST_F(LocalStoreTest, StoreLoadAndCorruptEntries)
   // Nothing but entries is left in the folder: no temporary files.
   ASSERT_TRUE(store.store(key, encodeEntry(key, stored), problem));
   for (const auto& file : fs::recursive_directory_iterator(m_root))
+  {
     if (file.is_regular_file())
       EXPECT_EQ(file.path().extension(), ".entry") << file.path();
+  }
 }
 
 TEST_F(LocalStoreTest, EvictsLeastRecentlyUsedFirst)

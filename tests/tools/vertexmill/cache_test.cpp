@@ -265,8 +265,10 @@ TEST_F(VertexmillTool, ShardsSplitATreeAndTheirUnionIsOneRun)
   fs::create_directories(path("again"));
   ASSERT_EQ(run({"--tree", "--shard", "2/3", str("moved/tree"), str("again")}).status, 0);
   for (const auto& file : fs::recursive_directory_iterator(path("shard2")))
+  {
     if (file.is_regular_file())
       EXPECT_TRUE(fs::exists(path("again") / file.path().lexically_relative(path("shard2"))));
+  }
 
   for (const char* bad : {"0/3", "4/3", "1/0", "1", "a/b", "1/3x", ""})
     EXPECT_EQ(run({"--tree", "--shard", bad, str("moved/tree"), str("again")}).status, 1) << bad;
