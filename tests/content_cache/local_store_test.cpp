@@ -79,7 +79,9 @@ TEST_F(LocalStoreTest, StoreLoadAndCorruptEntries)
   for (const auto& file : fs::recursive_directory_iterator(m_root))
   {
     if (file.is_regular_file())
+    {
       EXPECT_EQ(file.path().extension(), ".entry") << file.path();
+    }
   }
 }
 

@@ -267,7 +267,9 @@ TEST_F(VertexmillTool, ShardsSplitATreeAndTheirUnionIsOneRun)
   for (const auto& file : fs::recursive_directory_iterator(path("shard2")))
   {
     if (file.is_regular_file())
+    {
       EXPECT_TRUE(fs::exists(path("again") / file.path().lexically_relative(path("shard2"))));
+    }
   }
 
   for (const char* bad : {"0/3", "4/3", "1/0", "1", "a/b", "1/3x", ""})
