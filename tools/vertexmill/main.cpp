@@ -13,6 +13,7 @@
 #include "display_text.hpp"
 #include "exit_status.hpp"
 #include "fw/arg_parser.hpp"
+#include "cache_options.hpp"
 #include "model_cache.hpp"
 #include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
@@ -26,7 +27,6 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -73,53 +73,6 @@ constexpr unsigned kMaxJobs = 1024;
   return value;
 }
 
-// "--cache-max-size": bytes, or a whole number with a binary suffix K, M, G or T ("20G").
-[[nodiscard]] std::optional<uint64_t> parseSize(std::string_view text)
-{
-  uint64_t value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (text.empty() || error != std::errc() || stop == text.data())
-    return std::nullopt;
-  std::string_view suffix(stop, static_cast<size_t>(end - stop));
-  if (!suffix.empty() && (suffix.back() == 'B' || suffix.back() == 'b'))
-    suffix.remove_suffix(1);
-  if (suffix.size() > 1 && suffix.back() == 'i')
-    suffix.remove_suffix(1);
-  unsigned shift = 0;
-  if (suffix == "K" || suffix == "k")
-    shift = 10;
-  else if (suffix == "M" || suffix == "m")
-    shift = 20;
-  else if (suffix == "G" || suffix == "g")
-    shift = 30;
-  else if (suffix == "T" || suffix == "t")
-    shift = 40;
-  else if (!suffix.empty())
-    return std::nullopt;
-  if (shift > 0 && value > (UINT64_MAX >> shift))
-    return std::nullopt;
-  return value << shift;
-}
-
-// "--cache-timeout": whole seconds, 1 to 600.
-[[nodiscard]] std::optional<long> parseSeconds(std::string_view text)
-{
-  long value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (text.empty() || error != std::errc() || stop != end || value < 1 || value > 600)
-    return std::nullopt;
-  return value;
-}
-
-// An environment variable's value; empty when it is not set.
-std::string environment(const char* name)
-{
-  const char* value = std::getenv(name);
-  return value ? std::string(value) : std::string();
-}
-
 struct Args
 {
   bool tree = false;
@@ -132,12 +85,7 @@ struct Args
   std::string reportPath; // UTF-8; empty: no report
   bool showVersion = false;
   bool helpShown = false;
-  // The converted-model cache; the environment fills what the command line leaves unset.
-  std::optional<std::string> cacheDirectory; // UTF-8
-  std::optional<std::string> cacheUrl;
-  std::optional<uint64_t> cacheMaxSize;
-  long cacheTimeout = 10;
-  bool noCache = false;
+  CacheOptions cache;
   std::optional<Shard> shard;
   std::string depfilePath; // UTF-8; empty: none
 
@@ -251,7 +199,7 @@ bool Args::parse(int argc, const char* const* argv)
                        "are the same (default: $VERTEXMILL_CACHE)",
         .valueName = "DIR",
         .callback = [this](std::string_view value) {
-          cacheDirectory = std::string(value);
+          cache.directory = std::string(value);
           return !value.empty();
         },
       })
@@ -262,7 +210,7 @@ bool Args::parse(int argc, const char* const* argv)
                        "default: $VERTEXMILL_CACHE_URL)",
         .valueName = "URL",
         .callback = [this](std::string_view value) {
-          cacheUrl = std::string(value);
+          cache.url = std::string(value);
           return !value.empty();
         },
       })
@@ -274,8 +222,8 @@ bool Args::parse(int argc, const char* const* argv)
                        "else no bound)",
         .valueName = "SIZE",
         .callback = [this](std::string_view value) {
-          cacheMaxSize = parseSize(value);
-          return cacheMaxSize.has_value();
+          cache.maxSize = parseCacheSize(value);
+          return cache.maxSize.has_value();
         },
       })
       .add({
@@ -284,9 +232,9 @@ bool Args::parse(int argc, const char* const* argv)
         .description = "give up on a cache server request after SECONDS (default 10)",
         .valueName = "SECONDS",
         .callback = [this](std::string_view value) {
-          const std::optional<long> parsed = parseSeconds(value);
+          const std::optional<long> parsed = parseCacheTimeout(value);
           if (parsed)
-            cacheTimeout = *parsed;
+            cache.timeoutSeconds = *parsed;
           return parsed.has_value();
         },
       })
@@ -295,7 +243,7 @@ bool Args::parse(int argc, const char* const* argv)
         .longName = "no-cache",
         .description = "use no cache, whatever the environment says",
         .callback = [this](std::string_view) {
-          noCache = true;
+          cache.off = true;
           return true;
         },
       })
@@ -561,28 +509,8 @@ int vertexmillMain(int argc, const char* const* argv)
     std::fputs("ERROR: --depfile works in default mode only (one model)\n", stderr);
     return kExitBadCommandLine;
   }
-  if (!args.noCache)
-  {
-    if (!args.cacheDirectory && !environment("VERTEXMILL_CACHE").empty())
-      args.cacheDirectory = environment("VERTEXMILL_CACHE");
-    if (!args.cacheUrl && !environment("VERTEXMILL_CACHE_URL").empty())
-      args.cacheUrl = environment("VERTEXMILL_CACHE_URL");
-    if (!args.cacheMaxSize && !environment("VERTEXMILL_CACHE_MAX_SIZE").empty())
-    {
-      args.cacheMaxSize = parseSize(environment("VERTEXMILL_CACHE_MAX_SIZE"));
-      if (!args.cacheMaxSize)
-      {
-        std::fprintf(stderr, "ERROR: invalid value '%s' in VERTEXMILL_CACHE_MAX_SIZE: expected a size such as 500M or 20G\n",
-                     environment("VERTEXMILL_CACHE_MAX_SIZE").c_str());
-        return kExitBadCommandLine;
-      }
-    }
-    if (args.cacheUrl && !content_cache::RemoteStore::supported())
-    {
-      std::fputs("ERROR: --cache-url is not available in this build (no HTTP library)\n", stderr);
-      return kExitBadCommandLine;
-    }
-  }
+  if (!resolveCacheOptions(args.cache))
+    return kExitBadCommandLine;
   if (args.srcPath.empty() || args.dstPath.empty())
   {
     // Straight to the stream: logging is not set up yet, and this shows even with --quiet.
@@ -601,17 +529,7 @@ int vertexmillMain(int argc, const char* const* argv)
   std::unique_ptr<Report> report;
   if (!args.reportPath.empty())
     report = std::make_unique<Report>();
-  std::unique_ptr<ModelCache> cache;
-  if (!args.noCache && (args.cacheDirectory || args.cacheUrl))
-  {
-    CacheSettings cacheSettings;
-    if (args.cacheDirectory)
-      cacheSettings.directory = cstdmf::u8path(*args.cacheDirectory);
-    cacheSettings.url = args.cacheUrl.value_or(std::string());
-    cacheSettings.maxBytes = args.cacheMaxSize.value_or(0);
-    cacheSettings.timeoutSeconds = args.cacheTimeout;
-    cache = std::make_unique<ModelCache>(cacheSettings);
-  }
+  const std::unique_ptr<ModelCache> cache = makeModelCache(args.cache);
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
                      args.keepGoing, args.incremental, router.get(), report.get(), cache.get(), args.shard,
                      args.depfilePath};
