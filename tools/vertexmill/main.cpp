@@ -419,23 +419,6 @@ int reportFilesystemFailure(std::string_view text)
   return kExitFilesystemError;
 }
 
-// Keeps the models of one shard, in walk order.
-void keepShard(ModelList& models, const Shard& shard)
-{
-  size_t kept = 0;
-  for (size_t i = 0; i < models.sources.size(); ++i)
-  {
-    if (shardOf(models.sources[i].lexically_relative(models.sourceRoot), shard.count) != shard.index)
-      continue;
-    models.sources[kept] = std::move(models.sources[i]);
-    if (i < models.sizes.size())
-      models.sizes[kept] = models.sizes[i];
-    ++kept;
-  }
-  models.sources.resize(kept);
-  models.sizes.resize(std::min(models.sizes.size(), kept));
-}
-
 int processTree(const RunRequest& request, const fs::path& src, const fs::path& dst)
 {
   if (!requireDirectoryExists(src, fs::status(src)))

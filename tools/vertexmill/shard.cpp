@@ -2,7 +2,9 @@
 
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "tree_run.hpp"
 
+#include <algorithm>
 #include <charconv>
 
 namespace vertexmill
@@ -33,6 +35,22 @@ std::optional<Shard> parseShard(std::string_view text)
   if (!index || !count || *count == 0 || *count > kMaxShards || *index == 0 || *index > *count)
     return std::nullopt;
   return Shard{*index, *count};
+}
+
+void keepShard(ModelList& models, const Shard& shard)
+{
+  size_t kept = 0;
+  for (size_t i = 0; i < models.sources.size(); ++i)
+  {
+    if (shardOf(models.sources[i].lexically_relative(models.sourceRoot), shard.count) != shard.index)
+      continue;
+    models.sources[kept] = std::move(models.sources[i]);
+    if (i < models.sizes.size())
+      models.sizes[kept] = models.sizes[i];
+    ++kept;
+  }
+  models.sources.resize(kept);
+  models.sizes.resize(std::min(models.sizes.size(), kept));
 }
 
 uint32_t shardOf(const std::filesystem::path& relativePath, uint32_t count)

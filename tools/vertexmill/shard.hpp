@@ -20,6 +20,11 @@ struct Shard
 // "K/N" with 1 <= K <= N <= 65536; nothing for any other text.
 [[nodiscard]] std::optional<Shard> parseShard(std::string_view text);
 
+struct ModelList;
+
+// Keeps the models of the list that belong to `shard`, in their order.
+void keepShard(ModelList& models, const Shard& shard);
+
 // The shard (1 .. count) of a model by its relative path.
 uint32_t shardOf(const std::filesystem::path& relativePath, uint32_t count);
 
