@@ -4,6 +4,7 @@
 // to convert, 4 a file-system error (unreadable directory, symbolic-link loop, ...) ended the run
 // abnormally; -1 (255) when an assertion or critical error ended the process.
 
+#include "cache_options.hpp"
 #include "console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
@@ -13,7 +14,6 @@
 #include "display_text.hpp"
 #include "exit_status.hpp"
 #include "fw/arg_parser.hpp"
-#include "cache_options.hpp"
 #include "model_cache.hpp"
 #include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
