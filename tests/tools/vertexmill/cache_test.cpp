@@ -304,3 +304,54 @@ TEST_F(VertexmillTool, DepfileNamesOutputSourceAndCompanions)
     << unwritable.err;
   EXPECT_EQ(run({"--tree", "--depfile", str("x.d"), str("my art"), str("out $dir")}).status, 1);
 }
+
+namespace
+{
+// Sets an environment variable for the children started while it lives.
+class ScopedEnvironment
+{
+public:
+  ScopedEnvironment(const char* name, const std::string& value) : m_name(name) { set(value.c_str()); }
+  ~ScopedEnvironment() { set(nullptr); }
+
+private:
+  void set(const char* value)
+  {
+#ifdef _WIN32
+    _putenv_s(m_name, value ? value : "");
+#else
+    if (value)
+      setenv(m_name, value, 1);
+    else
+      unsetenv(m_name);
+#endif
+  }
+  const char* m_name;
+};
+} // namespace
+
+TEST_F(VertexmillTool, CacheFromTheEnvironmentUnlessNoCache)
+{
+  writeFile(path("src/ship.primitives"), validPrimitives());
+  fs::create_directories(path("out"));
+  {
+    const ScopedEnvironment cache("VERTEXMILL_CACHE", str("env cache"));
+    EXPECT_EQ(run({"--no-cache", str("src/ship.primitives"), str("out")}).status, 0);
+    EXPECT_TRUE(entriesIn(path("env cache")).empty());
+    EXPECT_EQ(run({str("src/ship.primitives"), str("out")}).status, 0);
+    EXPECT_EQ(entriesIn(path("env cache")).size(), 1u);
+    // The option wins over the variable.
+    EXPECT_EQ(run({"--cache", str("option cache"), str("src/ship.primitives"), str("out")}).status, 0);
+    EXPECT_EQ(entriesIn(path("option cache")).size(), 1u);
+    const ScopedEnvironment size("VERTEXMILL_CACHE_MAX_SIZE", "lots");
+    const RunResult bad = run({str("src/ship.primitives"), str("out")});
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_NE(bad.err.find("VERTEXMILL_CACHE_MAX_SIZE"), std::string::npos) << bad.err;
+  }
+  // A cache folder that cannot be made: nothing is done.
+  writeFile(path("file"), "x");
+  const RunResult unusable = run({"--cache", str("file/cache"), str("src/ship.primitives"), str("out")});
+  EXPECT_EQ(unusable.status, 2);
+  EXPECT_NE(unusable.err.find("cannot use cache folder '" + str("file/cache") + "'"), std::string::npos)
+    << unusable.err;
+}
