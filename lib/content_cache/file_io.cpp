@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <random>
 #include <system_error>
@@ -94,17 +93,15 @@ bool readWholeFile(const fs::path& path, std::string& bytes, std::string& proble
 
 std::string uniqueSuffix()
 {
-  static std::atomic<uint64_t> s_counter{0};
-  // Two machines on one share may have the same process id: a random part tells them apart.
-  static const uint64_t s_random = [] {
+  static std::atomic<uint32_t> s_counter{0};
+  // Two machines on one share may have the same process id: a random part tells them apart. Kept
+  // short, as the compiler keeps its own temporary names, for deep trees on Windows.
+  static const uint32_t s_random = [] {
     std::random_device device;
-    return (static_cast<uint64_t>(device()) << 32) ^ device();
+    return static_cast<uint32_t>(device());
   }();
-  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-  char text[96];
-  std::snprintf(text, sizeof(text), "%lu-%llx-%llu-%llx", platform::processId(),
-                static_cast<unsigned long long>(s_random), static_cast<unsigned long long>(s_counter++),
-                static_cast<unsigned long long>(now));
+  char text[48];
+  std::snprintf(text, sizeof(text), "%lx-%x-%x", platform::processId(), s_random, s_counter++);
   return text;
 }
 
