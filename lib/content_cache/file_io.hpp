@@ -27,7 +27,8 @@ namespace content_cache
                                        std::string& problem);
 
 // A name no other process or thread of this machine is using at the same time, for temporary files
-// (process id, a counter and the time; another machine sharing the folder has another host part).
+// (process id, a random number drawn once per process and a counter: two machines sharing a
+// folder may have the same process id).
 std::string uniqueSuffix();
 
 } // namespace content_cache
