@@ -4,18 +4,22 @@
 // to convert, 4 a file-system error (unreadable directory, symbolic-link loop, ...) ended the run
 // abnormally; -1 (255) when an assertion or critical error ended the process.
 
+#include "cache_options.hpp"
 #include "console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "depfile.hpp"
 #include "display_text.hpp"
 #include "exit_status.hpp"
 #include "fw/arg_parser.hpp"
+#include "model_cache.hpp"
 #include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
 #include "resmgr/zrresource.hpp"
+#include "shard.hpp"
 #include "tree_run.hpp"
 #include "tree_walk.hpp"
 
@@ -83,6 +87,9 @@ struct Args
   bool progress = true; // the progress line, where standard error is a terminal
   bool showVersion = false;
   bool helpShown = false;
+  CacheOptions cache;
+  std::optional<Shard> shard;
+  std::string depfilePath; // UTF-8; empty: none
 
   // Fills the fields from the command line (UTF-8). Returns false when the parser refused it,
   // after it wrote an "ERROR: " line to standard error.
@@ -190,6 +197,83 @@ bool Args::parse(int argc, const char* const* argv)
         },
       })
       .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache",
+        .description = "keep converted models in the cache folder DIR and take them from it when their inputs "
+                       "are the same (default: $VERTEXMILL_CACHE)",
+        .valueName = "DIR",
+        .callback = [this](std::string_view value) {
+          cache.directory = std::string(value);
+          return !value.empty();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache-url",
+        .description = "share converted models through the HTTP cache server at URL (<URL>/ac/, <URL>/cas/; "
+                       "default: $VERTEXMILL_CACHE_URL)",
+        .valueName = "URL",
+        .callback = [this](std::string_view value) {
+          cache.url = std::string(value);
+          return !value.empty();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache-max-size",
+        .description = "after the run, remove the least recently used entries of the cache folder until it "
+                       "holds at most SIZE bytes (K, M, G, T suffixes; default: $VERTEXMILL_CACHE_MAX_SIZE, "
+                       "else no bound)",
+        .valueName = "SIZE",
+        .callback = [this](std::string_view value) {
+          cache.maxSize = parseCacheSize(value);
+          return cache.maxSize.has_value();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "cache-timeout",
+        .description = "give up on a cache server request after SECONDS (default 10)",
+        .valueName = "SECONDS",
+        .callback = [this](std::string_view value) {
+          const std::optional<long> parsed = parseCacheTimeout(value);
+          if (parsed)
+            cache.timeoutSeconds = *parsed;
+          return parsed.has_value();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Flag,
+        .longName = "no-cache",
+        .description = "use no cache, whatever the environment says",
+        .callback = [this](std::string_view) {
+          cache.off = true;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "shard",
+        .description = "in tree mode convert only the models of shard K of N (1 <= K <= N), chosen by their "
+                       "relative paths",
+        .valueName = "K/N",
+        .callback = [this](std::string_view value) {
+          shard = parseShard(value);
+          return shard.has_value();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "depfile",
+        .description = "in default mode also write FILE, a Makefile-syntax list of the files the model was made "
+                       "from, for Ninja and Make",
+        .valueName = "FILE",
+        .callback = [this](std::string_view value) {
+          depfilePath = std::string(value);
+          return !value.empty();
+        },
+      })
+      .add({
         .kind = ArgParser::Kind::Flag,
         .longName = "stats",
         .description = "print one line of figures per model on standard output",
@@ -238,6 +322,9 @@ struct RunRequest
   Report* report = nullptr; // --report, or null
   bool stats = false;
   bool progress = true;
+  ModelCache* cache = nullptr;
+  std::optional<Shard> shard;
+  std::string depfilePath;
 };
 
 [[nodiscard]] bool requirePathExists(const fs::path& path, fs::file_status status, std::string_view kind)
@@ -312,6 +399,7 @@ ModelSettings modelSettings(const RunRequest& request)
   settings.incremental = request.incremental;
   settings.report = request.report;
   settings.stats = request.stats;
+  settings.cache = request.cache;
   if (request.incremental)
   {
     // The tool's own time counts as an input: a newer tool may write different files.
@@ -332,8 +420,19 @@ int processSingle(const RunRequest& request, const fs::path& src, const fs::path
     return kExitBadPath;
   if (!requireFileExists(src, fs::status(src)))
     return kExitBadPath;
-  const ModelOutcome outcome = convertModel(src, geometryPathFor(dst, src.filename()), modelSettings(request));
-  return outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
+  const fs::path output = geometryPathFor(dst, src.filename());
+  const ModelOutcome outcome = convertModel(src, output, modelSettings(request));
+  if (outcome == ModelOutcome::Failed)
+    return kExitConversionFailed;
+  if (!request.depfilePath.empty())
+  {
+    std::vector<std::string> inputs{cstdmf::toUtf8(src)};
+    for (const fs::path& companion : companionFiles(src))
+      inputs.push_back(cstdmf::toUtf8(companion));
+    if (!writeDepfile(cstdmf::u8path(request.depfilePath), cstdmf::toUtf8(output), inputs))
+      return kExitConversionFailed;
+  }
+  return kExitSuccess;
 }
 
 // The run cannot go on because the file system failed under it. Said on standard error whatever
@@ -365,6 +464,8 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
   std::string walkError;
   if (!listModels(src, models.sources, &models.sizes, walkError))
     return reportFilesystemFailure(walkError);
+  if (request.shard)
+    keepShard(models, *request.shard);
 
   TreeRunOptions options;
   options.jobs = request.jobs;
@@ -407,6 +508,18 @@ int vertexmillMain(int argc, const char* const* argv)
     std::printf("%s %s\n", kToolName, VERTEXMILL_VERSION);
     return kExitSuccess;
   }
+  if (args.shard && !args.tree)
+  {
+    std::fputs("ERROR: --shard works in tree mode only\n", stderr);
+    return kExitBadCommandLine;
+  }
+  if (!args.depfilePath.empty() && args.tree)
+  {
+    std::fputs("ERROR: --depfile works in default mode only (one model)\n", stderr);
+    return kExitBadCommandLine;
+  }
+  if (!resolveCacheOptions(args.cache))
+    return kExitBadCommandLine;
   if (args.srcPath.empty() || args.dstPath.empty())
   {
     // Straight to the stream: logging is not set up yet, and this shows even with --quiet.
@@ -425,14 +538,18 @@ int vertexmillMain(int argc, const char* const* argv)
   std::unique_ptr<Report> report;
   if (!args.reportPath.empty())
     report = std::make_unique<Report>();
+  const std::unique_ptr<ModelCache> cache = makeModelCache(args.cache);
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
                      args.keepGoing, args.incremental, router.get(), report.get()};
   request.stats = args.stats;
   request.progress = args.progress;
+  request.cache = cache.get();
+  request.shard = args.shard;
+  request.depfilePath = args.depfilePath;
   int status = kExitSuccess;
   try
   {
-    status = process(request);
+    status = cache && !cache->prepare() ? kExitBadPath : process(request);
   }
   catch (const std::exception& error)
   {
@@ -445,6 +562,8 @@ int vertexmillMain(int argc, const char* const* argv)
   // cannot be written is an error of its own but does not change what the models did.
   if (report)
     (void)report->write(args.reportPath);
+  if (cache)
+    cache->finish();
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();

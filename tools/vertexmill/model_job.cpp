@@ -4,6 +4,7 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
+#include "model_cache.hpp"
 #include "report.hpp"
 
 #include <chrono>
@@ -67,6 +68,18 @@ std::optional<fs::file_time_type> writeTime(const fs::path& path)
   return time;
 }
 } // namespace
+
+std::vector<fs::path> companionFiles(const fs::path& source)
+{
+  const GeometryCompiler::Request request = makeRequest(source);
+  std::vector<fs::path> files;
+  for (const Companion& companion : kCompanions)
+  {
+    if (!(request.*companion.slot).empty())
+      files.push_back(cstdmf::u8path(request.*companion.slot));
+  }
+  return files;
+}
 
 fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relativeSource)
 {
@@ -157,11 +170,26 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
     }
   }
 
+  CachedConversion cached(settings.cache, request, outputText);
+  if (cached.replay())
+  {
+    if (report)
+    {
+      report->cache = "hit";
+      report->statistics.outputBytes = cached.replayedBytes();
+    }
+    return finish(ModelOutcome::Converted);
+  }
+  if (report && settings.cache)
+    report->cache = "miss";
+
   GeometryCompiler compiler;
   compiler.setJobs(settings.compilerJobs);
   if (report)
     compiler.setStatistics(&report->statistics);
+  std::unique_ptr<MessageRecorder> recorder = cached.record();
   const bool converted = compiler.compile(request, outputText, true, true, true);
+  cached.keep(converted, std::move(recorder));
   return finish(converted ? ModelOutcome::Converted : ModelOutcome::Failed);
 }
 

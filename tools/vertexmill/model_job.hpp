@@ -4,10 +4,12 @@
 
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 namespace vertexmill
 {
 
+class ModelCache;
 class Report;
 
 struct ModelSettings
@@ -23,6 +25,8 @@ struct ModelSettings
   size_t reportOrder = 0;
   // Print the model's figures as one line on standard output (--stats).
   bool stats = false;
+  // The converted-model cache (--cache, --cache-url), or null.
+  ModelCache* cache = nullptr;
 };
 
 enum class ModelOutcome
@@ -43,6 +47,9 @@ enum class ModelOutcome
 // itself (toolTime). False whenever a time cannot be read.
 [[nodiscard]] bool isUpToDate(const std::filesystem::path& source, const std::filesystem::path& output,
                               const std::optional<std::filesystem::file_time_type>& toolTime);
+
+// The companion files of a model that exist, in the order they are tried.
+std::vector<std::filesystem::path> companionFiles(const std::filesystem::path& source);
 
 // dst / relative source, with the extension replaced by ".geometry".
 std::filesystem::path geometryPathFor(const std::filesystem::path& outputDirectory,

@@ -93,7 +93,7 @@ ordered_json modelJson(const ModelReport& model)
   for (const auto& e : model.errors)
     errors.push_back(trimmed(e));
 
-  return ordered_json{{"source", model.source},
+  ordered_json result{{"source", model.source},
                       {"output", model.output},
                       {"status", model.status},
                       {"seconds", model.seconds},
@@ -115,6 +115,10 @@ ordered_json modelJson(const ModelReport& model)
                         {"storedBytesPerVertex", ratio(double(totals.storedVertexBytes), double(totals.vertices))},
                         {"rawBytesPerVertex", ratio(double(totals.rawVertexBytes), double(totals.vertices))},
                         {"outputBytesPerTriangle", ratio(double(totals.outputBytes), double(totals.triangles))}}}};
+  // Only with a cache: "hit" (the output came from it) or "miss".
+  if (!model.cache.empty())
+    result["cache"] = model.cache;
+  return result;
 }
 } // namespace
 

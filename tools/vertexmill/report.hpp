@@ -19,6 +19,7 @@ struct ModelReport
   std::string output;
   std::string status; // "converted", "failed" or "up-to-date"
   double seconds = 0.0;
+  std::string cache; // with a cache: "hit" or "miss"; a hit has no compiler statistics
   CompileStatistics statistics;
   std::vector<std::string> warnings;
   std::vector<std::string> errors;

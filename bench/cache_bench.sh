@@ -1,0 +1,139 @@
+#!/usr/bin/env bash
+# Converted-model cache: bench/cache_bench.sh BUILD_DIR
+#
+# The tree of bench/tree_bench.sh (corpus meshes imported in several vertex formats, 20 models,
+# kept in TREE_CACHE, default BUILD_DIR/bench_tree_models) is rebuilt as a CI machine rebuilds it
+# after a fresh checkout: the sources copied anew (every file time new, so --incremental would
+# convert everything) into a new folder, and converted into an empty output folder. REPEATS rounds
+# (default 5), each with:
+#   convert  vertexmill --tree COPY OUT                      (no cache)
+#   cold     vertexmill --tree --cache EMPTY_DIR COPY OUT    (converts and fills the cache)
+#   warm     vertexmill --tree --cache FILLED_DIR COPY OUT   (every model a hit)
+# every one with --jobs JOBS (default 1). The warm output, its standard output and error and its
+# status are compared with the converting run's: they must be identical. Figures are medians of
+# wall-clock times; the speed-up is the median of the per-round ratios convert / warm. CPU time
+# (user + sys, from /usr/bin/time) is shown too: on a loaded machine it is the steadier figure.
+#
+# Environment: REPEATS, JOBS, VERTEXMILL_CORPUS, TREE_CACHE, KEEP_WORK=1 keeps the work folder.
+
+set -euo pipefail
+
+if [[ $# -ne 1 ]]; then
+  echo "usage: $0 BUILD_DIR" >&2
+  exit 1
+fi
+build=$(cd "$1" && pwd)
+script_dir=$(cd "$(dirname "$0")" && pwd)
+corpus=${VERTEXMILL_CORPUS:-$script_dir/../../shared/corpus}
+repeats=${REPEATS:-5}
+jobs=${JOBS:-1}
+cache=${TREE_CACHE:-$build/bench_tree_models}
+
+if [[ ! -d $corpus ]]; then
+  echo "bench_cache: no mesh corpus at '$corpus' (set VERTEXMILL_CORPUS); nothing to measure."
+  exit 0
+fi
+vertexmill=$build/tools/vertexmill/vertexmill
+importer=$build/tools/primitives_from_obj/primitives_from_obj
+for tool in "$vertexmill" "$importer"; do
+  if [[ ! -x $tool ]]; then
+    echo "bench_cache: $tool is not built (ninja vertexmill primitives_from_obj)" >&2
+    exit 1
+  fi
+done
+
+# The same tree as bench/tree_bench.sh: FORMAT/MESH.primitives.
+small_meshes=(spot_low_resolution spot_triangulated boat pizza nefertiti-lowres koala)
+small_formats=(xyznuv xyznuvtb xyznuv2tb)
+large_formats=(xyznuvtb xyznuv)
+tree=$cache/models
+if [[ ! -f $cache/complete || $importer -nt $cache/complete ]]; then
+  echo "bench_cache: importing the corpus into $tree (once)..."
+  rm -rf "$cache"
+  for format in "${small_formats[@]}"; do
+    mkdir -p "$tree/$format"
+    for mesh in "${small_meshes[@]}"; do
+      "$importer" "$corpus/$mesh.obj" "$tree/$format/$mesh.primitives" --format "$format" >/dev/null
+    done
+  done
+  for format in "${large_formats[@]}"; do
+    mkdir -p "$tree/$format"
+    "$importer" "$corpus/merged_scene.obj.gz" "$tree/$format/merged_scene.primitives" --format "$format" >/dev/null
+  done
+  touch "$cache/complete"
+fi
+models=$(find "$tree" -name '*.primitives' | wc -l)
+bytes=$(du -sb "$tree" | cut -f1)
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_cache_bench.XXXXXX")
+cleanup() { [[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"; }
+trap cleanup EXIT
+
+# checkout NAME: a fresh copy of the tree (new file times) as $work/NAME/models, and an empty
+# output folder $work/NAME/out.
+checkout() {
+  rm -rf "$work/$1"
+  mkdir -p "$work/$1/out"
+  cp -r "$tree" "$work/$1/models"
+}
+
+# timed OUTFILE NAME ARGS...: runs vertexmill over checkout NAME, appends the wall microseconds to
+# OUTFILE, keeps its streams and status in $work/NAME.{stdout,stderr,status}.
+timed() {
+  local out=$1 name=$2
+  shift 2
+  local start end status=0
+  start=$(date +%s%N)
+  /usr/bin/time -f '%U %S' -o "$work/time.txt" "$vertexmill" --jobs "$jobs" --tree "$@" "$work/$name/models" "$work/$name/out" \
+    >"$work/$name.stdout" 2>"$work/$name.stderr" || status=$?
+  end=$(date +%s%N)
+  echo "$status" >"$work/$name.status"
+  echo "$(((end - start) / 1000))" >>"$out"
+  tail -n 1 "$work/time.txt" | awk '{ print ($1 + $2) * 1000000 }' >>"${out%.txt}.cpu.txt"
+}
+
+median() {
+  sort -g "$1" | awk '{ v[NR] = $1 } END { if (NR == 0) print "nan"; else if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+}
+
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
+: >"$work/convert.txt"
+: >"$work/cold.txt"
+: >"$work/warm.txt"
+: >"$work/ratios.txt"
+: >"$work/convert.cpu.txt"
+: >"$work/warm.cpu.txt"
+for ((round = 0; round < repeats; ++round)); do
+  checkout convert
+  timed "$work/convert.txt" convert
+  rm -rf "$work/cache"
+  checkout cold
+  timed "$work/cold.txt" cold --cache "$work/cache"
+  checkout warm
+  timed "$work/warm.txt" warm --cache "$work/cache"
+  for name in cold warm; do
+    # The outputs and the console must not tell a hit from a conversion (the paths differ only
+    # in the checkout's name).
+    if ! diff -r "$work/convert/out" "$work/$name/out" >/dev/null; then
+      echo "bench_cache: the $name run wrote a different tree" >&2
+      exit 1
+    fi
+    for stream in stdout stderr status; do
+      if ! diff <(sed "s|$work/convert/|X/|g" "$work/convert.$stream") <(sed "s|$work/$name/|X/|g" "$work/$name.$stream") >/dev/null; then
+        echo "bench_cache: the $name run's $stream differs from the converting run's" >&2
+        exit 1
+      fi
+    done
+  done
+  paste -d' ' <(tail -n 1 "$work/convert.txt") <(tail -n 1 "$work/warm.txt") | awk '{ print $1 / $2 }' >>"$work/ratios.txt"
+done
+load_after=$(cut -d' ' -f1-3 /proc/loadavg)
+
+ms() { awk -v us="$1" 'BEGIN { printf "%.1f ms", us / 1000 }'; }
+echo "bench_cache: $models models, $((bytes / 1024)) KiB of .primitives, --jobs $jobs, $repeats rounds (load $load_before -> $load_after)"
+echo "  convert (no cache):     $(ms "$(median "$work/convert.txt")")"
+echo "  cold cache (fill):      $(ms "$(median "$work/cold.txt")")"
+echo "  warm cache (all hits):  $(ms "$(median "$work/warm.txt")")"
+echo "  speed-up convert/warm:  $(median "$work/ratios.txt")x wall (median of per-round ratios)"
+echo "  cpu (user + sys):       convert $(ms "$(median "$work/convert.cpu.txt")"), warm $(ms "$(median "$work/warm.cpu.txt")"), $(awk -v a="$(median "$work/convert.cpu.txt")" -v b="$(median "$work/warm.cpu.txt")" 'BEGIN { printf "%.1f", a / b }')x"
+echo "  cache folder:           $(du -sb "$work/cache" | awk '{ printf "%d KiB", $1 / 1024 }'), outputs and console identical"

@@ -1,0 +1,140 @@
+#include "content_cache/file_io.hpp"
+
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <random>
+#include <system_error>
+#include <vector>
+
+namespace content_cache
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+std::string errnoText(int code)
+{
+  return std::generic_category().message(code);
+}
+} // namespace
+
+bool hashFile(const fs::path& path, Sha256& hash, std::string& problem)
+{
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
+  if (!file)
+  {
+    problem = errnoText(errno != 0 ? errno : EIO);
+    return false;
+  }
+  std::vector<char> buffer(size_t(1) << 20);
+  for (;;)
+  {
+    const size_t count = std::fread(buffer.data(), 1, buffer.size(), file);
+    hash.update(std::as_bytes(std::span<const char>(buffer.data(), count)));
+    if (count < buffer.size())
+      break;
+  }
+  const bool failed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (failed)
+  {
+    problem = errnoText(EIO);
+    return false;
+  }
+  return true;
+}
+
+bool readWholeFile(const fs::path& path, std::string& bytes, std::string& problem, bool* missing)
+{
+  if (missing)
+    *missing = false;
+  bytes.clear();
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
+  if (!file)
+  {
+    const int code = errno;
+    if (missing)
+      *missing = code == ENOENT;
+    problem = errnoText(code != 0 ? code : EIO);
+    return false;
+  }
+  // Read at its size in one go: growing the buffer would copy and touch the bytes several times.
+  std::error_code sizeError;
+  const uintmax_t expected = fs::file_size(path, sizeError);
+  if (!sizeError && expected < (uintmax_t(1) << 40))
+  {
+    bytes.resize(static_cast<size_t>(expected));
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
+  }
+  // Whatever the file grew by since (or all of it when its size was unknown).
+  char buffer[1 << 16];
+  for (;;)
+  {
+    const size_t count = std::fread(buffer, 1, sizeof(buffer), file);
+    bytes.append(buffer, count);
+    if (count < sizeof(buffer))
+      break;
+  }
+  const bool failed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (failed)
+  {
+    problem = errnoText(EIO);
+    return false;
+  }
+  return true;
+}
+
+std::string uniqueSuffix()
+{
+  static std::atomic<uint32_t> s_counter{0};
+  // Two machines on one share may have the same process id: a random part tells them apart. Kept
+  // short, as the compiler keeps its own temporary names, for deep trees on Windows.
+  static const uint32_t s_random = [] {
+    std::random_device device;
+    return static_cast<uint32_t>(device());
+  }();
+  char text[48];
+  std::snprintf(text, sizeof(text), "%lx-%x-%x", platform::processId(), s_random, s_counter++);
+  return text;
+}
+
+bool writeFileAtomically(const fs::path& path, std::string_view bytes, std::string& problem)
+{
+  fs::path temporary = path;
+  temporary += cstdmf::u8path("." + uniqueSuffix() + ".tmp");
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
+  if (!file)
+  {
+    problem = errnoText(errno != 0 ? errno : EIO);
+    return false;
+  }
+  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  const int writeError = errno;
+  const bool closed = std::fclose(file) == 0;
+  std::error_code error;
+  if (!written || !closed)
+  {
+    problem = errnoText(writeError != 0 ? writeError : EIO);
+    fs::remove(temporary, error);
+    return false;
+  }
+  fs::rename(temporary, path, error);
+  if (error)
+  {
+    problem = error.message();
+    std::error_code ignored;
+    fs::remove(temporary, ignored);
+    return false;
+  }
+  return true;
+}
+
+} // namespace content_cache

@@ -1,0 +1,199 @@
+#include "content_cache/remote_store.hpp"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+namespace content_cache
+{
+
+namespace
+{
+// Bodies larger than this are not results of ours: refused rather than held in memory.
+constexpr size_t kMaxBody = size_t(1) << 31;
+
+struct Download
+{
+  std::string body;
+  bool tooLarge = false;
+};
+
+size_t collect(char* data, size_t size, size_t count, void* user)
+{
+  auto* download = static_cast<Download*>(user);
+  const size_t bytes = size * count;
+  if (download->body.size() + bytes > kMaxBody)
+  {
+    download->tooLarge = true;
+    return 0; // ends the transfer
+  }
+  download->body.append(data, bytes);
+  return bytes;
+}
+
+struct Upload
+{
+  std::string_view body;
+  size_t sent = 0;
+};
+
+size_t provide(char* buffer, size_t size, size_t count, void* user)
+{
+  auto* upload = static_cast<Upload*>(user);
+  const size_t room = size * count;
+  const size_t bytes = std::min(room, upload->body.size() - upload->sent);
+  std::memcpy(buffer, upload->body.data() + upload->sent, bytes);
+  upload->sent += bytes;
+  return bytes;
+}
+
+struct EasyDeleter
+{
+  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+
+// One request. Returns the HTTP status, or 0 with the transport's reason in `problem`.
+long request(const std::string& url, const RemoteTimeouts& timeouts, const std::string_view* putBody,
+             Download* download, std::string& problem)
+{
+  static const bool s_initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  if (!s_initialised)
+  {
+    problem = "cannot initialise the HTTP library";
+    return 0;
+  }
+  std::unique_ptr<CURL, EasyDeleter> handle(curl_easy_init());
+  if (!handle)
+  {
+    problem = "cannot initialise the HTTP library";
+    return 0;
+  }
+  CURL* curl = handle.get();
+  char errorText[CURL_ERROR_SIZE] = {};
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L); // several threads; no SIGALRM for timeouts
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, timeouts.connectSeconds);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, timeouts.requestSeconds);
+  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
+  Upload upload;
+  if (putBody)
+  {
+    upload.body = *putBody;
+    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(curl, CURLOPT_READFUNCTION, provide);
+    curl_easy_setopt(curl, CURLOPT_READDATA, &upload);
+    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(putBody->size()));
+  }
+  Download ignored;
+  Download* sink = download ? download : &ignored;
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
+  const CURLcode code = curl_easy_perform(curl);
+  if (code != CURLE_OK)
+  {
+    problem = sink->tooLarge ? std::string("answer too large") : std::string(errorText[0] ? errorText : curl_easy_strerror(code));
+    return 0;
+  }
+  long status = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+  return status;
+}
+} // namespace
+
+RemoteStore::RemoteStore(std::string url, RemoteTimeouts timeouts) : m_url(std::move(url)), m_timeouts(timeouts)
+{
+  while (!m_url.empty() && m_url.back() == '/')
+    m_url.pop_back();
+}
+
+bool RemoteStore::supported()
+{
+  return true;
+}
+
+RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std::string& encoded,
+                                      std::string& problem)
+{
+  if (!available())
+    return Lookup::Unavailable;
+  const std::string recordUrl = m_url + "/ac/" + toHex(key);
+  Download record;
+  long status = request(recordUrl, m_timeouts, nullptr, &record, problem);
+  if (status == 404)
+    return Lookup::Miss;
+  if (status != 200)
+  {
+    if (status != 0)
+      problem = "HTTP status " + std::to_string(status);
+    // Only the request that turned the tier off reports it.
+    problem = turnOff() ? "GET " + recordUrl + ": " + problem : std::string();
+    return Lookup::Unavailable;
+  }
+  Digest content{};
+  uint64_t size = 0;
+  if (!decodeRecord(record.body, key, content, size))
+  {
+    problem = recordUrl + " is not a result record";
+    return Lookup::Corrupt;
+  }
+
+  const std::string contentUrl = m_url + "/cas/" + toHex(content);
+  Download blob;
+  status = request(contentUrl, m_timeouts, nullptr, &blob, problem);
+  if (status == 404)
+    return Lookup::Miss; // the record outlived its content
+  if (status != 200)
+  {
+    if (status != 0)
+      problem = "HTTP status " + std::to_string(status);
+    // Only the request that turned the tier off reports it.
+    problem = turnOff() ? "GET " + contentUrl + ": " + problem : std::string();
+    return Lookup::Unavailable;
+  }
+  if (blob.body.size() != size || sha256(blob.body) != content)
+  {
+    problem = contentUrl + " does not hold the content its name promises";
+    return Lookup::Corrupt;
+  }
+  std::string entryProblem;
+  if (!decodeEntry(blob.body, key, entry, entryProblem))
+  {
+    problem = contentUrl + " is " + entryProblem;
+    return Lookup::Corrupt;
+  }
+  encoded = std::move(blob.body);
+  return Lookup::Hit;
+}
+
+bool RemoteStore::store(const Digest& key, std::string_view encoded, std::string& problem)
+{
+  if (!available() || m_noUploads.load())
+    return false;
+  const Digest content = sha256(encoded);
+  const std::string contentUrl = m_url + "/cas/" + toHex(content);
+  const std::string record = encodeRecord(key, content, encoded.size());
+  const std::string recordUrl = m_url + "/ac/" + toHex(key);
+  // Content first: a record is never visible before what it names.
+  for (const auto& [url, body] : {std::pair<const std::string&, std::string_view>(contentUrl, encoded),
+                                  std::pair<const std::string&, std::string_view>(recordUrl, record)})
+  {
+    const long status = request(url, m_timeouts, &body, nullptr, problem);
+    if (status == 0)
+    {
+      problem = turnOff() ? "PUT " + url + ": " + problem : std::string();
+      return false;
+    }
+    if (status < 200 || status > 299)
+    {
+      problem = stopUploads() ? "PUT " + url + ": HTTP status " + std::to_string(status) : std::string();
+      return false;
+    }
+  }
+  return true;
+}
+
+} // namespace content_cache

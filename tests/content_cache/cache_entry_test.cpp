@@ -1,0 +1,93 @@
+#include "content_cache/cache_entry.hpp"
+#include "content_cache/remote_store.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace content_cache;
+
+namespace
+{
+Digest keyOf(std::string_view text)
+{
+  return sha256(text);
+}
+
+CacheEntry sampleEntry()
+{
+  CacheEntry entry;
+  entry.messages = {{4, "Other", "GeometryCompiler::packLOD found a section ... '\x01S'\n"}, {2, "", "note\n"}};
+  entry.output = std::string("\0\1\2geometry bytes\xff", 18);
+  return entry;
+}
+} // namespace
+
+TEST(SHA256, KnownDigestsAndHex)
+{
+  EXPECT_EQ(toHex(sha256("")), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(toHex(sha256("abc")), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  Sha256 pieces;
+  pieces.update("a");
+  pieces.update("bc");
+  EXPECT_EQ(pieces.finish(), sha256("abc"));
+  Digest parsed{};
+  ASSERT_TRUE(fromHex("BA7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", parsed));
+  EXPECT_EQ(parsed, sha256("abc"));
+  EXPECT_FALSE(fromHex("ba78", parsed));
+  EXPECT_FALSE(fromHex(std::string(63, '0') + "g", parsed));
+
+  // Fields are framed: moving a byte from one field to the next changes the hash.
+  Sha256 a, b;
+  a.updateField("ab");
+  a.updateField("c");
+  b.updateField("a");
+  b.updateField("bc");
+  EXPECT_NE(a.finish(), b.finish());
+}
+
+TEST(CacheEntry, RoundTripAndEveryDamageRefused)
+{
+  const Digest key = keyOf("model");
+  const CacheEntry entry = sampleEntry();
+  const std::string bytes = encodeEntry(key, entry);
+  CacheEntry decoded;
+  std::string problem;
+  ASSERT_TRUE(decodeEntry(bytes, key, decoded, problem)) << problem;
+  EXPECT_EQ(decoded, entry);
+
+  // Read back under another key: refused, so a misplaced file is never taken for a result.
+  EXPECT_FALSE(decodeEntry(bytes, keyOf("other"), decoded, problem));
+  EXPECT_EQ(problem, "stored under another key");
+
+  for (size_t size = 0; size < bytes.size(); ++size)
+    EXPECT_FALSE(decodeEntry(bytes.substr(0, size), key, decoded, problem)) << "prefix of " << size;
+  EXPECT_FALSE(decodeEntry(bytes + "x", key, decoded, problem));
+  for (size_t at = 0; at < bytes.size(); ++at)
+  {
+    std::string damaged = bytes;
+    damaged[at] = static_cast<char>(damaged[at] ^ 0x20);
+    EXPECT_FALSE(decodeEntry(damaged, key, decoded, problem)) << "byte " << at;
+  }
+
+  // Empty output and no messages are a valid entry too.
+  const std::string empty = encodeEntry(key, CacheEntry{});
+  ASSERT_TRUE(decodeEntry(empty, key, decoded, problem));
+  EXPECT_EQ(decoded, CacheEntry{});
+}
+
+TEST(RemoteRecord, RoundTripAndDamage)
+{
+  const Digest key = keyOf("model");
+  const Digest content = keyOf("content");
+  const std::string record = RemoteStore::encodeRecord(key, content, 1234);
+  Digest readContent{};
+  uint64_t size = 0;
+  ASSERT_TRUE(RemoteStore::decodeRecord(record, key, readContent, size));
+  EXPECT_EQ(readContent, content);
+  EXPECT_EQ(size, 1234u);
+  EXPECT_FALSE(RemoteStore::decodeRecord(record, keyOf("other"), readContent, size));
+  EXPECT_FALSE(RemoteStore::decodeRecord(record.substr(1), key, readContent, size));
+  EXPECT_FALSE(RemoteStore::decodeRecord("<html>502 Bad Gateway</html>", key, readContent, size));
+  std::string damaged = record;
+  damaged[80] ^= 1;
+  EXPECT_FALSE(RemoteStore::decodeRecord(damaged, key, readContent, size));
+}

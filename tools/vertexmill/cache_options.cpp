@@ -1,0 +1,103 @@
+#include "cache_options.hpp"
+
+#include "content_cache/remote_store.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "model_cache.hpp"
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+
+namespace vertexmill
+{
+
+namespace
+{
+// An environment variable's value; empty when it is not set.
+std::string environment(const char* name)
+{
+  const char* value = std::getenv(name);
+  return value ? std::string(value) : std::string();
+}
+} // namespace
+
+std::optional<uint64_t> parseCacheSize(std::string_view text)
+{
+  uint64_t value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (text.empty() || error != std::errc() || stop == text.data())
+    return std::nullopt;
+  std::string_view suffix(stop, static_cast<size_t>(end - stop));
+  if (!suffix.empty() && (suffix.back() == 'B' || suffix.back() == 'b'))
+    suffix.remove_suffix(1);
+  if (suffix.size() > 1 && suffix.back() == 'i')
+    suffix.remove_suffix(1);
+  unsigned shift = 0;
+  if (suffix == "K" || suffix == "k")
+    shift = 10;
+  else if (suffix == "M" || suffix == "m")
+    shift = 20;
+  else if (suffix == "G" || suffix == "g")
+    shift = 30;
+  else if (suffix == "T" || suffix == "t")
+    shift = 40;
+  else if (!suffix.empty())
+    return std::nullopt;
+  if (shift > 0 && value > (UINT64_MAX >> shift))
+    return std::nullopt;
+  return value << shift;
+}
+
+std::optional<long> parseCacheTimeout(std::string_view text)
+{
+  long value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (text.empty() || error != std::errc() || stop != end || value < 1 || value > 600)
+    return std::nullopt;
+  return value;
+}
+
+bool resolveCacheOptions(CacheOptions& options)
+{
+  if (options.off)
+    return true;
+  if (!options.directory && !environment("VERTEXMILL_CACHE").empty())
+    options.directory = environment("VERTEXMILL_CACHE");
+  if (!options.url && !environment("VERTEXMILL_CACHE_URL").empty())
+    options.url = environment("VERTEXMILL_CACHE_URL");
+  const std::string maxSize = environment("VERTEXMILL_CACHE_MAX_SIZE");
+  if (!options.maxSize && !maxSize.empty())
+  {
+    options.maxSize = parseCacheSize(maxSize);
+    if (!options.maxSize)
+    {
+      std::fprintf(stderr,
+                   "ERROR: invalid value '%s' in VERTEXMILL_CACHE_MAX_SIZE: expected a size such as 500M or 20G\n",
+                   maxSize.c_str());
+      return false;
+    }
+  }
+  if (options.url && !content_cache::RemoteStore::supported())
+  {
+    std::fputs("ERROR: --cache-url is not available in this build (no HTTP library)\n", stderr);
+    return false;
+  }
+  return true;
+}
+
+std::unique_ptr<ModelCache> makeModelCache(const CacheOptions& options)
+{
+  if (options.off || (!options.directory && !options.url))
+    return nullptr;
+  CacheSettings settings;
+  if (options.directory)
+    settings.directory = cstdmf::u8path(*options.directory);
+  settings.url = options.url.value_or(std::string());
+  settings.maxBytes = options.maxSize.value_or(0);
+  settings.timeoutSeconds = options.timeoutSeconds;
+  return std::make_unique<ModelCache>(settings);
+}
+
+} // namespace vertexmill

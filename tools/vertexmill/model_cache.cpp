@@ -1,0 +1,295 @@
+#include "model_cache.hpp"
+
+#include "content_cache/file_io.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "vertexmill_build_id.hpp"
+
+#include <meshoptimizer.h>
+
+#include <array>
+#include <system_error>
+
+#ifndef VERTEXMILL_VERSION
+#define VERTEXMILL_VERSION "unknown"
+#endif
+
+namespace vertexmill
+{
+namespace fs = std::filesystem;
+using content_cache::CacheEntry;
+using content_cache::CachedMessage;
+using content_cache::Digest;
+
+namespace
+{
+// Bumped whenever what goes into a key changes.
+constexpr std::string_view kKeyScheme = "vertexmill model cache key 1";
+
+// Placeholder for the source path in kept messages; a literal marker byte is doubled.
+constexpr char kMarker = '\x01';
+constexpr char kSourceCode = 'S';
+
+constexpr auto kInfo = DebugMessagePriority::Info;
+constexpr auto kWarning = DebugMessagePriority::Warning;
+
+bool stampOf(const fs::path& path, InputStamp& stamp)
+{
+  std::error_code error;
+  stamp.path = path;
+  stamp.size = fs::file_size(path, error);
+  if (error)
+    return false;
+  stamp.time = fs::last_write_time(path, error);
+  return !error;
+}
+
+// The stamps as they are now; false when any file changed or cannot be examined.
+bool unchanged(const std::vector<InputStamp>& stamps)
+{
+  for (const InputStamp& before : stamps)
+  {
+    InputStamp now;
+    if (!stampOf(before.path, now) || !(now == before))
+      return false;
+  }
+  return true;
+}
+} // namespace
+
+ToolIdentity ToolIdentity::current()
+{
+  // The build id is a hash of the converting code's sources made when the tool was built; the
+  // library that optimises and encodes is linked from the system, so its version counts too.
+  return ToolIdentity{VERTEXMILL_VERSION,
+                      std::string(VERTEXMILL_BUILD_ID) + " meshoptimizer " + std::to_string(MESHOPTIMIZER_VERSION)};
+}
+
+std::optional<Digest> modelKey(const GeometryCompiler::Request& request, const OutputOptions& options,
+                               const ToolIdentity& identity, std::vector<InputStamp>* stamps)
+{
+  content_cache::Sha256 hash;
+  hash.updateField(kKeyScheme);
+  hash.updateField(identity.version);
+  hash.updateField(identity.buildId);
+  hash.updateField(std::string("encode=") + (options.encode ? "1" : "0") + " optimize=" + (options.optimize ? "1" : "0") +
+                   " verify=" + (options.verify ? "1" : "0"));
+
+  const std::array<std::pair<std::string_view, const std::string*>, 4> files = {{
+    {"primitives", &request.primitivesPath},
+    {"collision", &request.collisionPath},
+    {"armor", &request.armorPath},
+    {"armorvisual", &request.armorVisualPath},
+  }};
+  for (const auto& [slot, pathText] : files)
+  {
+    hash.updateField(slot);
+    if (pathText->empty())
+    {
+      hash.updateField("absent");
+      continue;
+    }
+    const fs::path path = cstdmf::u8path(*pathText);
+    InputStamp stamp;
+    std::string problem;
+    if (!stampOf(path, stamp))
+      return std::nullopt;
+    // The source's own name does not change the output; a companion's does (its data section is
+    // named after the file). The size goes first, as updateField would put it.
+    hash.updateField(slot == "primitives" ? std::string() : cstdmf::toUtf8(path.filename()));
+    hash.updateField(std::to_string(stamp.size));
+    if (!content_cache::hashFile(path, hash, problem))
+      return std::nullopt;
+    if (stamps)
+      stamps->push_back(std::move(stamp));
+  }
+  return hash.finish();
+}
+
+std::string templateText(std::string_view text, std::string_view sourcePath)
+{
+  std::string result;
+  result.reserve(text.size());
+  size_t i = 0;
+  while (i < text.size())
+  {
+    if (!sourcePath.empty() && text.substr(i, sourcePath.size()) == sourcePath)
+    {
+      result += kMarker;
+      result += kSourceCode;
+      i += sourcePath.size();
+      continue;
+    }
+    if (text[i] == kMarker)
+      result += kMarker;
+    result += text[i++];
+  }
+  return result;
+}
+
+std::string expandText(std::string_view text, std::string_view sourcePath)
+{
+  std::string result;
+  result.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i)
+  {
+    if (text[i] != kMarker || i + 1 == text.size())
+    {
+      result += text[i];
+      continue;
+    }
+    ++i;
+    if (text[i] == kSourceCode)
+      result += sourcePath;
+    else
+      result += text[i];
+  }
+  return result;
+}
+
+void MessageRecorder::onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text)
+{
+  if (priority < kInfo)
+    return;
+  m_messages.push_back(CachedMessage{static_cast<int32_t>(priority), std::string(category),
+                                     templateText(text, m_sourcePath)});
+}
+
+void replayMessages(const std::vector<CachedMessage>& messages, const std::string& sourcePath)
+{
+  for (const CachedMessage& message : messages)
+  {
+    const auto priority = static_cast<DebugMessagePriority>(message.priority);
+    if (message.priority < 0 || message.priority >= cstdmf::kPriorityCount || !cstdmf::shouldLog(priority))
+      continue;
+    cstdmf::emit(priority, message.category.c_str(), ZR_SOURCE_LOCATION, expandText(message.text, sourcePath));
+  }
+}
+
+ModelCache::ModelCache(const CacheSettings& settings) : m_settings(settings)
+{
+  if (!settings.directory.empty())
+    m_local = std::make_unique<content_cache::LocalStore>(settings.directory);
+  if (!settings.url.empty())
+    m_remote = std::make_unique<content_cache::RemoteStore>(
+      settings.url, content_cache::RemoteTimeouts{std::min(settings.timeoutSeconds, 5L), settings.timeoutSeconds});
+}
+
+bool ModelCache::prepare()
+{
+  if (m_settings.directory.empty())
+    return true;
+  std::error_code error;
+  fs::create_directories(m_settings.directory, error);
+  if (error || !fs::is_directory(m_settings.directory, error))
+  {
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "cannot use cache folder '{}': {}\n",
+               cstdmf::toUtf8(m_settings.directory), error ? error.message() : std::string("not a directory"));
+    return false;
+  }
+  return true;
+}
+
+std::optional<CacheEntry> ModelCache::lookup(const Digest& key, const std::string& sourceText)
+{
+  CacheEntry entry;
+  std::string problem;
+  if (m_local)
+  {
+    switch (m_local->load(key, entry, problem))
+    {
+    case content_cache::LocalStore::Lookup::Hit:
+      return entry;
+    case content_cache::LocalStore::Lookup::Corrupt:
+      ZR_MSG_FMT(kWarning, "", "cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
+      break;
+    case content_cache::LocalStore::Lookup::Miss:
+      break;
+    }
+  }
+  if (m_remote)
+  {
+    std::string encoded;
+    switch (m_remote->load(key, entry, encoded, problem))
+    {
+    case content_cache::RemoteStore::Lookup::Hit:
+      if (m_local && !m_local->store(key, encoded, problem))
+        ZR_MSG_FMT(kWarning, "", "cannot keep the result of {} in the cache folder: {}\n", sourceText, problem);
+      return entry;
+    case content_cache::RemoteStore::Lookup::Corrupt:
+      ZR_MSG_FMT(kWarning, "", "remote cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
+      break;
+    case content_cache::RemoteStore::Lookup::Unavailable:
+      if (!problem.empty())
+        ZR_MSG_FMT(kWarning, "", "remote cache unavailable ({}); going on without it\n", problem);
+      break;
+    case content_cache::RemoteStore::Lookup::Miss:
+      break;
+    }
+  }
+  return std::nullopt;
+}
+
+void ModelCache::store(const Digest& key, const CacheEntry& entry, const std::string& sourceText)
+{
+  const std::string encoded = content_cache::encodeEntry(key, entry);
+  std::string problem;
+  if (m_local && !m_local->store(key, encoded, problem))
+    ZR_MSG_FMT(kWarning, "", "cannot keep the result of {} in the cache folder: {}\n", sourceText, problem);
+  if (m_remote && !m_remote->store(key, encoded, problem) && !problem.empty())
+    ZR_MSG_FMT(kWarning, "", "remote cache refused or failed an upload ({}); no more uploads in this run\n",
+               problem);
+}
+
+void ModelCache::finish()
+{
+  if (m_local && m_settings.maxBytes > 0)
+    (void)m_local->evict(m_settings.maxBytes);
+}
+
+CachedConversion::CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request, std::string outputText)
+  : m_cache(cache), m_request(request), m_outputText(std::move(outputText))
+{
+}
+
+bool CachedConversion::replay()
+{
+  if (!m_cache)
+    return false;
+  m_key = modelKey(m_request, OutputOptions{}, ToolIdentity::current(), &m_stamps);
+  if (!m_key)
+    return false; // an unreadable input: the conversion says what is wrong
+  const std::optional<CacheEntry> entry = m_cache->lookup(*m_key, m_request.primitivesPath);
+  if (!entry)
+    return false;
+  std::string problem;
+  // Written whole or not at all, as the compiler writes it. When it cannot be written, the
+  // conversion runs and reports the failure in its own words.
+  if (!content_cache::writeFileAtomically(cstdmf::u8path(m_outputText), entry->output, problem))
+    return false;
+  m_replayedBytes = entry->output.size();
+  replayMessages(entry->messages, m_request.primitivesPath);
+  return true;
+}
+
+std::unique_ptr<MessageRecorder> CachedConversion::record()
+{
+  if (!m_cache || !m_key)
+    return nullptr;
+  return std::make_unique<MessageRecorder>(m_request.primitivesPath);
+}
+
+void CachedConversion::keep(bool converted, std::unique_ptr<MessageRecorder> recorder)
+{
+  if (!m_cache || !m_key || !recorder || !converted)
+    return;
+  CacheEntry entry;
+  entry.messages = recorder->take();
+  recorder.reset();
+  std::string problem;
+  // An input that changed while it was converted may not match the key: nothing is kept.
+  if (!unchanged(m_stamps) || !content_cache::readWholeFile(cstdmf::u8path(m_outputText), entry.output, problem))
+    return;
+  m_cache->store(*m_key, entry, m_request.primitivesPath);
+}
+
+} // namespace vertexmill

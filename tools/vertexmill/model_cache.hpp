@@ -1,0 +1,147 @@
+#pragma once
+// The converted-model cache as the tool uses it (--cache, --cache-url): the key of a model, the
+// lookup before converting, the replay of a hit and the recording of a conversion.
+//
+// The key is the SHA-256 of the tool's identity (version and the build id of the converting
+// code), the compiler switches, and the bytes of the .primitives file and of every companion file
+// with its slot and file name. The source's path is not part of it: the same bytes under another
+// path hit. The messages a conversion logs are kept with the result (the source path in them
+// replaced by a placeholder) and replayed on a hit at their levels, so that a hit looks exactly
+// like a conversion on the console.
+
+#include "content_cache/local_store.hpp"
+#include "content_cache/remote_store.hpp"
+#include "cstdmf/debug.hpp"
+#include "geometry_compiler/geometry_compiler.hpp"
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vertexmill
+{
+
+struct CacheSettings
+{
+  std::filesystem::path directory; // empty: no local folder
+  std::string url;                 // empty: no remote tier
+  uint64_t maxBytes = 0;           // 0: the folder is not bounded
+  long timeoutSeconds = 10;        // per remote request
+};
+
+// What changes the bytes of an output besides the input files. The compiler switches are fixed in
+// this tool today; they are part of the key so that a tool that varies them cannot mix results.
+struct OutputOptions
+{
+  bool encode = true;
+  bool optimize = true;
+  bool verify = true;
+};
+
+// The version and build id of the converting code that a key is made for.
+struct ToolIdentity
+{
+  std::string version;
+  std::string buildId;
+
+  static ToolIdentity current();
+};
+
+// Reads the model's input files and hashes them into a key. Empty when a file cannot be read (the
+// conversion then reports it). `stamps` receives the size and time of each file read, to tell
+// later whether they changed while the model was converted.
+struct InputStamp
+{
+  std::filesystem::path path;
+  uintmax_t size = 0;
+  std::filesystem::file_time_type time;
+  bool operator==(const InputStamp&) const = default;
+};
+[[nodiscard]] std::optional<content_cache::Digest> modelKey(const GeometryCompiler::Request& request,
+                                                            const OutputOptions& options,
+                                                            const ToolIdentity& identity,
+                                                            std::vector<InputStamp>* stamps = nullptr);
+
+// Messages are kept with the source path as a placeholder, so that a hit under another path names
+// its own source. templateText/expandText convert between the two forms.
+std::string templateText(std::string_view text, std::string_view sourcePath);
+std::string expandText(std::string_view text, std::string_view sourcePath);
+
+// Shared by every model of a run (all threads).
+class ModelCache
+{
+public:
+  explicit ModelCache(const CacheSettings& settings);
+
+  // Creates the cache folder when it is missing. False, after an ERROR naming it, when it cannot
+  // be created: the run then does nothing.
+  [[nodiscard]] bool prepare();
+
+  // Looks the key up locally, then remotely (a remote hit is kept locally too). Reports a corrupt
+  // entry or an unreachable server as a WARNING naming the model's source; both count as misses.
+  [[nodiscard]] std::optional<content_cache::CacheEntry> lookup(const content_cache::Digest& key,
+                                                                const std::string& sourceText);
+
+  // Keeps a conversion's result in the folder and on the server. Failures are WARNINGs.
+  void store(const content_cache::Digest& key, const content_cache::CacheEntry& entry,
+             const std::string& sourceText);
+
+  // End of the run: bounds the folder (--cache-max-size).
+  void finish();
+
+private:
+  CacheSettings m_settings;
+  std::unique_ptr<content_cache::LocalStore> m_local;
+  std::unique_ptr<content_cache::RemoteStore> m_remote;
+};
+
+// Records the messages logged on this thread while it lives (INFO and above: lower levels never
+// reach the console), in the form a cache entry keeps them.
+class MessageRecorder final : public cstdmf::ScopedMessageWatcher
+{
+public:
+  explicit MessageRecorder(std::string sourcePath) : m_sourcePath(std::move(sourcePath)) {}
+  void onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text) override;
+  std::vector<content_cache::CachedMessage> take() { return std::move(m_messages); }
+
+private:
+  std::string m_sourcePath;
+  std::vector<content_cache::CachedMessage> m_messages;
+};
+
+// Logs the recorded messages again, in order, at their levels, naming `sourcePath`.
+void replayMessages(const std::vector<content_cache::CachedMessage>& messages, const std::string& sourcePath);
+
+// One model's way through the cache, around its conversion in convertModel:
+//   CachedConversion cached(cache, request, outputText);
+//   if (cached.replay()) -> the output is written and its messages logged: done
+//   { auto recording = cached.record(); compile(...); }
+//   cached.keep(converted);
+// Without a cache every step does nothing.
+class CachedConversion
+{
+public:
+  CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request, std::string outputText);
+
+  // True when the result came from the cache and the output file is written.
+  [[nodiscard]] bool replay();
+  // The size of the output a replay wrote.
+  uint64_t replayedBytes() const { return m_replayedBytes; }
+  // Records the conversion's messages while the returned object lives (null without a cache).
+  std::unique_ptr<MessageRecorder> record();
+  // Keeps a successful conversion's output and messages (taken from the recorder).
+  void keep(bool converted, std::unique_ptr<MessageRecorder> recorder);
+
+private:
+  ModelCache* m_cache;
+  const GeometryCompiler::Request& m_request;
+  std::string m_outputText;
+  std::optional<content_cache::Digest> m_key;
+  std::vector<InputStamp> m_stamps;
+  uint64_t m_replayedBytes = 0;
+};
+
+} // namespace vertexmill

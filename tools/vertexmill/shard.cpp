@@ -1,0 +1,67 @@
+#include "shard.hpp"
+
+#include "content_cache/sha256.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "tree_run.hpp"
+
+#include <algorithm>
+#include <charconv>
+
+namespace vertexmill
+{
+
+namespace
+{
+constexpr uint32_t kMaxShards = 65536;
+
+std::optional<uint32_t> parseNumber(std::string_view text)
+{
+  uint32_t value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (text.empty() || error != std::errc() || stop != end)
+    return std::nullopt;
+  return value;
+}
+} // namespace
+
+std::optional<Shard> parseShard(std::string_view text)
+{
+  const size_t slash = text.find('/');
+  if (slash == std::string_view::npos)
+    return std::nullopt;
+  const std::optional<uint32_t> index = parseNumber(text.substr(0, slash));
+  const std::optional<uint32_t> count = parseNumber(text.substr(slash + 1));
+  if (!index || !count || *count == 0 || *count > kMaxShards || *index == 0 || *index > *count)
+    return std::nullopt;
+  return Shard{*index, *count};
+}
+
+void keepShard(ModelList& models, const Shard& shard)
+{
+  size_t kept = 0;
+  for (size_t i = 0; i < models.sources.size(); ++i)
+  {
+    if (shardOf(models.sources[i].lexically_relative(models.sourceRoot), shard.count) != shard.index)
+      continue;
+    models.sources[kept] = std::move(models.sources[i]);
+    if (i < models.sizes.size())
+      models.sizes[kept] = models.sizes[i];
+    ++kept;
+  }
+  models.sources.resize(kept);
+  models.sizes.resize(std::min(models.sizes.size(), kept));
+}
+
+uint32_t shardOf(const std::filesystem::path& relativePath, uint32_t count)
+{
+  // A cryptographic hash is more than needed, but it is at hand and spreads any set of names
+  // evenly; its first eight bytes, little-endian, pick the shard.
+  const content_cache::Digest digest = content_cache::sha256(cstdmf::toGenericUtf8(relativePath));
+  uint64_t value = 0;
+  for (int i = 7; i >= 0; --i)
+    value = (value << 8) | digest[static_cast<size_t>(i)];
+  return static_cast<uint32_t>(value % count) + 1;
+}
+
+} // namespace vertexmill
