@@ -1,10 +1,15 @@
 #include "resmgr/bin_section.hpp"
 
 #include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
 #include "cstdmf/span_reader.hpp"
+#include "resmgr/file_system.hpp"
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <type_traits>
 
@@ -268,12 +273,46 @@ bool BinSection::save(const std::string& saveAsFileName)
     return false;
   }
   DataSection* parent = parentSection();
+  if (parent == nullptr && !m_filePath.empty())
+    return writeFile();
   if (parent == nullptr)
   {
     ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSection: Can't save a section without a parent.\n");
     return false;
   }
   return parent->saveChild(*this, true);
+}
+
+bool BinSection::writeFile()
+{
+  const BinaryPtr block = asBinary();
+  if (!block)
+    return false; // asBinary has said why
+  // Into a temporary file beside the target, renamed over it once complete, so a failed save
+  // leaves the old file as it was.
+  const std::filesystem::path target = pathFromUtf8(m_filePath);
+  std::filesystem::path temporary = target;
+  temporary += ".saving" + std::to_string(platform::processId());
+  const std::string temporaryText = cstdmf::toGenericUtf8(temporary);
+  std::FILE* file = platform::openFile(temporaryText, "wb");
+  if (file == nullptr)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSection::save cannot create '%s'.\n", temporaryText.c_str());
+    return false;
+  }
+  const bool written = std::fwrite(block->data(), 1, block->len(), file) == block->len();
+  const bool closed = std::fclose(file) == 0;
+  std::error_code error;
+  if (written && closed)
+    std::filesystem::rename(temporary, target, error);
+  if (!written || !closed || error)
+  {
+    std::error_code ignored;
+    std::filesystem::remove(temporary, ignored);
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSection::save cannot write '%s'.\n", m_filePath.c_str());
+    return false;
+  }
+  return true;
 }
 
 DataSectionPtr BinSection::convertToZip(const std::string& saveAs)
@@ -377,4 +416,36 @@ BinaryPtr writeBinSectionContainer(const std::vector<std::pair<std::string, Bina
     (void)child->setBinary(payload);
   }
   return root->asBinary();
+}
+
+SmartPointer<BinSection> BinSectionCreator::create(DataSection* parent, const std::string& name)
+{
+  SmartPointer<BinSection> section(new BinSection(name, nullptr));
+  section->setParent(parent);
+  return section;
+}
+
+SmartPointer<BinSection> BinSectionCreator::load(DataSection* parent, const std::string& name, BinaryPtr bytes)
+{
+  if (!bytes)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSectionCreator::load '%s' has no bytes.\n", name.c_str());
+    return nullptr;
+  }
+  SmartPointer<BinSection> section(new BinSection(name, std::move(bytes)));
+  section->setParent(parent);
+  return section;
+}
+
+SmartPointer<BinSection> BinSectionCreator::load(const std::string& path)
+{
+  BinaryPtr bytes = NativeFileSystem().readFile(path);
+  if (!bytes)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSectionCreator::load cannot read '%s'.\n", path.c_str());
+    return nullptr;
+  }
+  SmartPointer<BinSection> section = load(nullptr, path, std::move(bytes));
+  section->setFilePath(path);
+  return section;
 }

@@ -48,20 +48,17 @@ BinaryPtr NativeFileSystem::readFile(const std::string& path) const
     ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile cannot size file '%s'.\n", path.c_str());
     return nullptr;
   }
-  BinaryPtr block(new BinaryBlock(nullptr, static_cast<size_t>(size), "BinaryBlock/WinFileSystem"));
-  if (block->len() != size)
-    return nullptr; // the block has logged the failed allocation
   std::ifstream stream(file, std::ios::binary);
   if (!stream)
   {
     ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile cannot open file '%s'.\n", path.c_str());
     return nullptr;
   }
-  stream.read(block->cdata(), static_cast<std::streamsize>(size));
-  if (stream.gcount() != static_cast<std::streamsize>(size))
+  BinaryPtr block(new BinaryBlock(stream, static_cast<size_t>(size), "BinaryBlock/WinFileSystem"));
+  if (block->len() != size)
   {
-    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile read %lld of %llu bytes of '%s'.\n",
-           static_cast<long long>(stream.gcount()), static_cast<unsigned long long>(size), path.c_str());
+    // The block has said why: memory, or the file ended early.
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "NativeFileSystem::readFile cannot read file '%s'.\n", path.c_str());
     return nullptr;
   }
   return block;
