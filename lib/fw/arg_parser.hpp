@@ -77,8 +77,8 @@ public:
   {
   public:
     Builder& add(Option option);
-    // Positional tokens left over after all positional names are filled go to `callback`
-    // instead of being refused; `name` is shown in the usage line.
+    // Positional tokens beyond the number of positional names go to `callback` instead of being
+    // refused; `name` is shown in the usage line.
     Builder& extraPositionals(std::string name, Callback callback);
 
   private:
