@@ -171,6 +171,8 @@ bool ZRResource::init(const std::string& path, bool addIt)
 
 void ZRResource::fini()
 {
+  // Cached sections were opened through this root; they go with it.
+  DataSectionCache::instance().clear();
   delete s_instance;
   s_instance = nullptr;
 }

@@ -23,7 +23,7 @@ public:
   static bool init(int argc, char* argv[]);
   // As the list form with `path` alone when `addIt` is set, with no path otherwise.
   static bool init(const std::string& path, bool addIt);
-  // Releases the root; init may be called again afterwards.
+  // Releases the root and empties the data-section cache; init may be called again afterwards.
   static void fini();
 
   static bool isInitialised();

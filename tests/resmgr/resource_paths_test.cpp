@@ -48,6 +48,7 @@ struct Tree
 TEST(ResourceRoot, InitSizesThenClearsTheSectionCache)
 {
   DataSectionCache& cache = DataSectionCache::instance();
+  cache.clear();
   cache.setSize(1);
   cache.add("stale", new BinSection("stale", resmgr_test::blockOf("x")));
   ASSERT_EQ(cache.count(), 1u);
@@ -153,7 +154,7 @@ TEST(ResourceRoot, ResolvingAndDissolvingNames)
   EXPECT_EQ(reread->countChildren(), 2);
   model = nullptr;
   ZRResource::fini();
-  DataSectionCache::instance().clear();
+  EXPECT_EQ(DataSectionCache::instance().count(), 0u);
 }
 
 TEST(ResourceRoot, VersionData)
