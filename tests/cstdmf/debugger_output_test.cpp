@@ -14,14 +14,19 @@
 #endif
 #include <windows.h>
 
+#include <atomic>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace
 {
 
-// A listener in the shape of the capture tools: the named buffer and its two events. The
-// debug-string output of a process without a debugger writes into the buffer when it is ready.
+// A listener in the shape of the capture tools: the named buffer and its two events, serviced by
+// a thread that hands the buffer back at once after each string, so that no writer in any process
+// waits on it. The buffer is left ready when the listener stops, for a writer that opened it last.
 class DebugStringListener
 {
 public:
@@ -32,9 +37,16 @@ public:
     m_mapping = ::CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, L"DBWIN_BUFFER");
     if (m_mapping != nullptr)
       m_view = ::MapViewOfFile(m_mapping, FILE_MAP_READ, 0, 0, 4096);
+    if (ready())
+      m_thread = std::thread([this] { service(); });
   }
   ~DebugStringListener()
   {
+    m_stop = true;
+    if (m_thread.joinable())
+      m_thread.join();
+    if (m_bufferReady != nullptr)
+      ::SetEvent(m_bufferReady);
     if (m_view != nullptr)
       ::UnmapViewOfFile(m_view);
     for (HANDLE handle : {m_mapping, m_dataReady, m_bufferReady})
@@ -44,44 +56,74 @@ public:
     }
   }
   bool ready() const { return m_view != nullptr && m_bufferReady != nullptr && m_dataReady != nullptr; }
-  void arm() { ::SetEvent(m_bufferReady); }
-  // The next string, or nothing when none came.
-  bool take(DWORD& pid, std::string& text)
+
+  // The strings of this process seen so far, after waiting up to `milliseconds` for the first.
+  std::vector<std::string> ownStrings(int milliseconds)
   {
-    if (::WaitForSingleObject(m_dataReady, 5000) != WAIT_OBJECT_0)
-      return false;
-    const char* bytes = static_cast<const char*>(m_view);
-    std::memcpy(&pid, bytes, sizeof(pid));
-    text = bytes + sizeof(DWORD);
-    return true;
+    for (int waited = 0; waited < milliseconds; waited += 10)
+    {
+      {
+        std::lock_guard lock(m_mutex);
+        if (!m_strings.empty())
+          return m_strings;
+      }
+      ::Sleep(10);
+    }
+    std::lock_guard lock(m_mutex);
+    return m_strings;
   }
 
 private:
+  void service()
+  {
+    ::SetEvent(m_bufferReady);
+    while (!m_stop)
+    {
+      if (::WaitForSingleObject(m_dataReady, 20) != WAIT_OBJECT_0)
+        continue;
+      const char* bytes = static_cast<const char*>(m_view);
+      DWORD pid = 0;
+      std::memcpy(&pid, bytes, sizeof(pid));
+      std::string text(bytes + sizeof(DWORD), ::strnlen(bytes + sizeof(DWORD), 4096 - sizeof(DWORD)));
+      ::SetEvent(m_bufferReady);
+      if (pid == ::GetCurrentProcessId())
+      {
+        std::lock_guard lock(m_mutex);
+        m_strings.push_back(std::move(text));
+      }
+    }
+  }
+
   HANDLE m_bufferReady = nullptr;
   HANDLE m_dataReady = nullptr;
   HANDLE m_mapping = nullptr;
   void* m_view = nullptr;
+  std::atomic<bool> m_stop{false};
+  std::thread m_thread;
+  std::mutex m_mutex;
+  std::vector<std::string> m_strings;
 };
 
 TEST(DebuggerOutput, WrittenWithoutADebugger)
 {
   ASSERT_FALSE(::IsDebuggerPresent());
-  DebugStringListener listener;
-  ASSERT_TRUE(listener.ready());
-  listener.arm();
-  ZR_MSG(DebugMessagePriority::Error, "ResMgr", "seen by the listener\n");
-
-  DWORD pid = 0;
-  std::string text;
-  ASSERT_TRUE(listener.take(pid, text));
-  EXPECT_EQ(pid, ::GetCurrentProcessId());
-  // "[<thread>]<seconds> ERROR: [ResMgr] seen by the listener\n", the debugger pattern.
+  std::vector<std::string> strings;
+  {
+    DebugStringListener listener;
+    ASSERT_TRUE(listener.ready());
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "seen by the listener\n");
+    strings = listener.ownStrings(5000);
+  }
+  ASSERT_EQ(strings.size(), 1u);
+  const std::string& text = strings[0];
+  // "[<thread>]<seconds> ERROR: [ResMgr] seen by the listener\n" and the logger's line end: the
+  // debugger pattern.
   ASSERT_EQ(text.front(), '[');
   const size_t close = text.find(']');
   ASSERT_NE(close, std::string::npos);
   const size_t blank = text.find(' ', close);
   ASSERT_NE(blank, std::string::npos);
-  EXPECT_EQ(text.substr(blank), " ERROR: [ResMgr] seen by the listener\n");
+  EXPECT_EQ(text.substr(blank), " ERROR: [ResMgr] seen by the listener\n\n");
 }
 
 } // namespace
