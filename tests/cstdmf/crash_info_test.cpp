@@ -35,9 +35,10 @@ TEST(CrashInfo, SystemAndMemoryLines)
   EXPECT_EQ(text.find("Number of processors: 0\n"), std::string::npos) << text;
 
   const std::string report = cstdmf::crashReportText("ASSERTION FAILED: x\n", {"src/a.cpp", 12, "fn"});
-  EXPECT_NE(report.find("Location: src/a.cpp(12): fn\nMessage:\nASSERTION FAILED: x\nSystem:\n" + text),
-            std::string::npos)
-    << report;
+  // The memory figures move between two calls; the lines stay.
+  const size_t lines = report.find("Location: src/a.cpp(12): fn\nMessage:\nASSERTION FAILED: x\nSystem:\n");
+  ASSERT_NE(lines, std::string::npos) << report;
+  EXPECT_TRUE(std::regex_search(report.substr(lines), shape)) << report;
 }
 
 struct CrashDirectory
@@ -98,7 +99,7 @@ TEST(CrashInfoDeathTest, UnwritableReportIsSaidOnStandardError)
   cstdmf::DebugConfig::init();
   cstdmf::DebugConfig::instance().crashInfoDirectory = (dir.path / "missing").generic_string();
   EXPECT_EXIT(ZR_CRITICAL_ERROR("boom"), testing::ExitedWithCode(kFatalExitStatus),
-              "^Failed to save crash info: .*missing/test_cstdmf_crash_\\d+\\.txt: .+\n$");
+              "^Failed to save crash info: .*missing/test_cstdmf_crash_.*\\.txt: .+\n$");
   cstdmf::DebugConfig::instance().crashInfoDirectory.clear();
   EXPECT_TRUE(dir.files().empty());
 }
