@@ -47,8 +47,9 @@ public:
   bool shouldAccept(DebugMessagePriority priority, std::string_view category) const;
 
   // Watchers see every accepted message emitted on the thread that added them, the most
-  // recently added first, before the logger's sinks. Not owned; a watcher must be removed before
-  // it dies (ScopedMessageWatcher does both). Removing one that was not added does nothing.
+  // recently added first, before the logger's sinks. Not owned; a watcher must be removed, on the
+  // thread that added it, before it dies (ScopedMessageWatcher does both). Removing one that was
+  // not added does nothing.
   void addWatchers(std::initializer_list<ScopedMessageWatcher*> watchers);
   void removeWatchers(std::initializer_list<ScopedMessageWatcher*> watchers);
 
