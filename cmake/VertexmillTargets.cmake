@@ -9,9 +9,11 @@ if(MSVC)
     target_compile_options(vertexmill_options INTERFACE /WX)
   endif()
 else()
-  target_compile_options(vertexmill_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wno-missing-field-initializers)
+  # C and C++ only: the resource compiler of the Windows build takes none of these.
+  target_compile_options(vertexmill_options INTERFACE
+    $<$<COMPILE_LANGUAGE:C,CXX>:-Wall -Wextra -Wpedantic -Wshadow -Wno-missing-field-initializers>)
   if(VERTEXMILL_WERROR)
-    target_compile_options(vertexmill_options INTERFACE -Werror)
+    target_compile_options(vertexmill_options INTERFACE $<$<COMPILE_LANGUAGE:C,CXX>:-Werror>)
   endif()
 endif()
 

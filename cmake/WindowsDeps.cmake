@@ -2,7 +2,7 @@
 # instead of from find_package (Debian has no MinGW packages for most of them):
 #   fmt, nlohmann-json          header-only, from the host's /usr/include
 #   spdlog                      compiled from the host's /usr/include/spdlog headers
-#   meshoptimizer               compiled from Debian's source package of the host's release
+#   meshoptimizer, tinyxml2     compiled from Debian's source packages of the host's release
 #   GoogleTest                  compiled from /usr/src/googletest (libgtest-dev)
 #   zlib                        libz-mingw-w64-dev, found in the MinGW sysroot
 # It defines the same imported targets as the find_package calls of the normal build.
@@ -84,6 +84,39 @@ endif()
 add_library(vertexmill_meshoptimizer STATIC ${meshopt_sources})
 target_include_directories(vertexmill_meshoptimizer SYSTEM PUBLIC ${meshopt_dir}/src)
 add_library(meshoptimizer::meshoptimizer ALIAS vertexmill_meshoptimizer)
+
+# tinyxml2: the release of the host's libtinyxml2-dev, from Debian's source package in the same
+# way; VERTEXMILL_TINYXML2_SOURCE_DIR may name an unpacked tree instead.
+set(VERTEXMILL_TINYXML2_SOURCE_DIR "" CACHE PATH "Unpacked tinyxml2 source tree (empty: apt-get source)")
+set(tinyxml2_dir ${VERTEXMILL_TINYXML2_SOURCE_DIR})
+if(NOT tinyxml2_dir)
+  file(GLOB tinyxml2_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/tinyxml2/tinyxml2-*)
+  if(NOT tinyxml2_dir)
+    execute_process(COMMAND dpkg-query -W -f=\${source:Version} libtinyxml2-dev
+      OUTPUT_VARIABLE tinyxml2_version RESULT_VARIABLE tinyxml2_query ERROR_QUIET)
+    set(tinyxml2_package tinyxml2)
+    if(tinyxml2_query EQUAL 0 AND tinyxml2_version)
+      set(tinyxml2_package tinyxml2=${tinyxml2_version})
+    endif()
+    message(STATUS "Unpacking Debian's source package ${tinyxml2_package}")
+    file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/tinyxml2)
+    execute_process(COMMAND apt-get source -qq ${tinyxml2_package}
+      WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/tinyxml2
+      RESULT_VARIABLE tinyxml2_fetch OUTPUT_QUIET ERROR_VARIABLE tinyxml2_errors)
+    file(GLOB tinyxml2_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/tinyxml2/tinyxml2-*)
+    if(NOT tinyxml2_fetch EQUAL 0 OR NOT tinyxml2_dir)
+      message(FATAL_ERROR "apt-get source ${tinyxml2_package} failed: it needs deb-src entries and dpkg-dev "
+                          "(scripts/install-deps.sh --windows adds both)\n${tinyxml2_errors}")
+    endif()
+  endif()
+endif()
+list(GET tinyxml2_dir 0 tinyxml2_dir)
+if(NOT EXISTS ${tinyxml2_dir}/tinyxml2.cpp OR NOT EXISTS ${tinyxml2_dir}/tinyxml2.h)
+  message(FATAL_ERROR "no tinyxml2 sources in ${tinyxml2_dir}")
+endif()
+add_library(vertexmill_tinyxml2 STATIC ${tinyxml2_dir}/tinyxml2.cpp)
+target_include_directories(vertexmill_tinyxml2 SYSTEM PUBLIC ${tinyxml2_dir})
+add_library(tinyxml2::tinyxml2 ALIAS vertexmill_tinyxml2)
 
 # GoogleTest from the sources libgtest-dev ships; the two amalgamation files are the whole library.
 if(VERTEXMILL_BUILD_TESTS)

@@ -6,12 +6,13 @@ set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config
           libspdlog-dev libfmt-dev libmeshoptimizer-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev gltfpack
-          dpkg-dev libssl-dev libcurl4-openssl-dev nginx-core) # dpkg-dev: dpkg-shlibdeps for the package
+          dpkg-dev libssl-dev libcurl4-openssl-dev nginx-core libtinyxml2-dev) # dpkg-dev: dpkg-shlibdeps for the package
 windows=0
 if [[ "${1:-}" == "--windows" ]]; then
   windows=1
   # The posix-threads compiler variants only (std::thread, std::mutex); wine for the wrapper
-  # script, wine64 for the 64-bit loader; dpkg-dev unpacks meshoptimizer's source package.
+  # script, wine64 for the 64-bit loader; dpkg-dev unpacks the source packages of meshoptimizer and
+  # tinyxml2.
   packages+=(gcc-mingw-w64-x86-64-posix g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64 dpkg-dev)
 fi
 

@@ -1,5 +1,6 @@
 #include "cstdmf/critical_error.hpp"
 
+#include "cstdmf/crash_info.hpp"
 #include "cstdmf/platform.hpp"
 
 #include <spdlog/logger.h>
@@ -32,7 +33,7 @@ int criticalErrorCount()
   return s_criticalErrorCount.load();
 }
 
-void DefaultCriticalErrorHandler::handle(const char* text, const SourceLocation&)
+void DefaultCriticalErrorHandler::handle(const char* text, const SourceLocation& where)
 {
   if (s_fileLogging)
   {
@@ -43,6 +44,9 @@ void DefaultCriticalErrorHandler::handle(const char* text, const SourceLocation&
     }
     std::fprintf(stderr, "\n%s%s\n", "CRITICAL: ", text);
   }
+  std::string error;
+  if (!saveCrashInfo(text, where, error))
+    std::fprintf(stderr, "Failed to save crash info: %s\n", error.c_str());
   std::fflush(stdout);
   std::fflush(stderr);
   platform::exitProcess(-1);

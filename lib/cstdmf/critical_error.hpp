@@ -18,7 +18,9 @@ public:
 };
 
 // Used when no handler is installed: writes the text to "debug.log" and standard error when file
-// logging is enabled, then ends the process with exit code -1.
+// logging is enabled, saves crash information with the system and memory lines (crash_info.hpp;
+// "Failed to save crash info: %s\n" on standard error when that fails), then ends the process with
+// exit code -1. A handler of the program's own may call it to get the same record.
 class DefaultCriticalErrorHandler final : public CriticalErrorHandler
 {
 public:

@@ -1,6 +1,7 @@
 #include "cstdmf/debug.hpp"
 
 #include "cstdmf/critical_error.hpp"
+#include "cstdmf/debug_filter.hpp"
 #include "cstdmf/log_sinks.hpp"
 
 #include <spdlog/logger.h>
@@ -18,10 +19,11 @@ constexpr std::array<std::string_view, kPriorityCount> s_priorityNames = {
 };
 
 thread_local const char* s_currentCategory = "";
-thread_local ScopedMessageWatcher* s_watcher = nullptr;
 
 spdlog::logger* makeAppLogger()
 {
+  // The filter's settings exist from the first message on.
+  DebugConfig::init();
   auto* logger = new spdlog::logger("APP");
   logger->set_level(static_cast<spdlog::level::level_enum>(DebugMessagePriority::Info));
   // A debugger-output sink first, as on every platform; where there is no debugger channel it
@@ -46,6 +48,13 @@ std::string_view priorityName(DebugMessagePriority priority)
   return priorityName(static_cast<int>(priority));
 }
 
+void developmentAssertionFailed(const char* conditionText, const SourceLocation& where)
+{
+  char text[0x8000];
+  std::snprintf(text, sizeof(text), "MF_ASSERT_DEV FAILED: %s\n", conditionText);
+  criticalError(text, where);
+}
+
 spdlog::logger& appLogger()
 {
   // Created once under the language's one-time initialisation guard; never destroyed, so
@@ -56,17 +65,17 @@ spdlog::logger& appLogger()
 
 bool shouldLog(DebugMessagePriority priority)
 {
-  return appLogger().should_log(static_cast<spdlog::level::level_enum>(priority));
+  return DebugFilter::instance().shouldAccept(priority, {});
 }
 
-ScopedMessageWatcher::ScopedMessageWatcher() : m_previous(s_watcher)
+ScopedMessageWatcher::ScopedMessageWatcher()
 {
-  s_watcher = this;
+  DebugFilter::instance().addWatchers({this});
 }
 
 ScopedMessageWatcher::~ScopedMessageWatcher()
 {
-  s_watcher = m_previous;
+  DebugFilter::instance().removeWatchers({this});
 }
 
 const char* currentCategory()
@@ -76,12 +85,12 @@ const char* currentCategory()
 
 void emit(DebugMessagePriority priority, const char* category, const SourceLocation& where, std::string_view text)
 {
+  const DebugFilter& filter = DebugFilter::instance();
+  if (!filter.shouldAccept(priority, category ? category : ""))
+    return;
+  filter.notifyWatchers(priority, category ? category : "", text);
   spdlog::logger& logger = appLogger();
   const auto level = static_cast<spdlog::level::level_enum>(priority);
-  if (!logger.should_log(level))
-    return;
-  for (ScopedMessageWatcher* watcher = s_watcher; watcher; watcher = watcher->previous())
-    watcher->onMessage(priority, category ? category : "", text);
   const char* previous = s_currentCategory;
   s_currentCategory = category ? category : "";
   logger.log(spdlog::source_loc{where.file, where.line, where.function}, level, text);

@@ -81,9 +81,9 @@ void emitFmt(DebugMessagePriority priority, const char* category, const SourceLo
   emit(priority, category, where, fmt::format(format, std::forward<Args>(args)...));
 }
 
-// Sees every message emitted on the thread that installed it, after the logger's level check
-// (so INFO and above by default), whatever the sinks do with it. Watchers nest; each is removed
-// when it goes out of scope. Costs nothing while none is installed.
+// Sees every message emitted on the thread that installed it that the message filter accepts
+// (so INFO and above by default), whatever the sinks do with it: a watcher of DebugFilter, added
+// on construction and removed when it goes out of scope. Watchers nest, the innermost first.
 class ScopedMessageWatcher
 {
 public:
@@ -93,11 +93,11 @@ public:
   ScopedMessageWatcher& operator=(const ScopedMessageWatcher&) = delete;
 
   virtual void onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text) = 0;
-  ScopedMessageWatcher* previous() const { return m_previous; }
-
-private:
-  ScopedMessageWatcher* m_previous;
 };
+
+// Formats "MF_ASSERT_DEV FAILED: %s\n" with the condition text and takes the critical-error path:
+// development assertions are fatal in this program too.
+[[noreturn]] void developmentAssertionFailed(const char* conditionText, const SourceLocation& where);
 
 // Formats "ASSERTION FAILED: %s\n" with the condition text and takes the critical-error path.
 [[noreturn]] void assertionFailed(const char* conditionText, const SourceLocation& where);
@@ -129,6 +129,14 @@ private:
   {                                                                                                                    \
     if (!(condition))                                                                                                  \
       ::cstdmf::assertionFailed(#condition, ZR_SOURCE_LOCATION);                                                       \
+  } while (false)
+
+// Development assertion: checked and fatal like ZR_ASSERT, reported as "MF_ASSERT_DEV FAILED: ".
+#define ZR_ASSERT_DEV(condition)                                                                                       \
+  do                                                                                                                   \
+  {                                                                                                                    \
+    if (!(condition))                                                                                                  \
+      ::cstdmf::developmentAssertionFailed(#condition, ZR_SOURCE_LOCATION);                                            \
   } while (false)
 
 // As ZR_ASSERT, reporting the given text instead of the condition's own spelling.

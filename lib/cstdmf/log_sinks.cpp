@@ -1,5 +1,6 @@
 #include "cstdmf/log_sinks.hpp"
 
+#include "cstdmf/debug_filter.hpp"
 #include "cstdmf/platform.hpp"
 #include "cstdmf/single_level_stdout_logger.hpp"
 
@@ -83,8 +84,7 @@ void SingleLevelStdoutLogger::log(const spdlog::details::log_msg& msg)
 
 void DebuggerOutputSink::sink_it_(const spdlog::details::log_msg& msg)
 {
-  if (!platform::isDebuggerPresent())
-    return;
+  // Written whether or not a debugger is attached: capture tools listen without attaching.
   spdlog::memory_buf_t formatted;
   formatter_->format(msg, formatted);
   formatted.push_back('\0');
@@ -116,6 +116,7 @@ void resetLogging()
   if (sinks.size() > 1)
     sinks.erase(sinks.begin() + 1, sinks.end());
   logger.set_level(static_cast<spdlog::level::level_enum>(DebugMessagePriority::Info));
+  DebugFilter::instance().setupDefault();
 }
 
 } // namespace cstdmf

@@ -60,7 +60,8 @@ std::unique_ptr<spdlog::formatter> makeFormatter(const std::string& pattern);
 // The category of the message being logged on this thread ("" outside a log call).
 const char* currentCategory();
 
-// Writes every record through platform::debugOutput, serialised by its own mutex.
+// Writes every record through platform::debugOutput, serialised by its own mutex, whether or not
+// a debugger is attached.
 class DebuggerOutputSink final : public spdlog::sinks::base_sink<std::mutex>
 {
 protected:
@@ -72,7 +73,8 @@ protected:
 // standard error as "%l: %v", 2 as 1 plus INFO lines on standard output as "%v".
 void setupConsoleLogging(int mode);
 
-// Removes every sink from the application logger and restores its default level (tests).
+// Removes every sink from the application logger and restores its default level and the message
+// filter's default set-up (tests).
 void resetLogging();
 
 } // namespace cstdmf

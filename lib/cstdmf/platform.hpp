@@ -2,6 +2,7 @@
 // The only place that talks to the operating system directly. Everything else includes this
 // header, never an OS header.
 
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -49,6 +50,35 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode);
 
 // Process id of the current process.
 unsigned long processId();
+
+// What a crash report says about the machine and the process. Sizes in bytes; 0 where unknown.
+struct SystemInfo
+{
+  std::string osName;    // "Windows", "Linux", ...
+  std::string osVersion; // "10.0.19045", "6.1.0-13-amd64", ...
+  unsigned processorCount = 0;
+  uint64_t physicalTotal = 0;
+  uint64_t physicalAvailable = 0;
+  uint64_t virtualTotal = 0; // the process's address space
+  uint64_t virtualAvailable = 0;
+};
+// Gathers it without allocating more than a few strings; usable on the critical-error path.
+SystemInfo systemInfo();
+
+// The system's directory for temporary files (UTF-8, '/' separators, no trailing separator);
+// empty if unknown.
+std::string tempDirectory();
+
+// String values of an executable's version resource, read from its first translation.
+struct VersionStrings
+{
+  bool translationsFound = false;               // false: no version resource, or no translation in it
+  std::vector<std::optional<std::string>> values; // one per name asked for; empty when missing
+};
+// Reads the named values ("CompanyName", ...) from the version resource of the executable at
+// `utf8Path`. Where executables carry no version resource (anywhere but Windows), reports no
+// translations.
+VersionStrings executableVersionStrings(const std::string& utf8Path, const std::vector<std::string>& names);
 
 // Where a child process reads and writes: paths of files (UTF-8) that its standard output and
 // error replace (created or truncated), and its working directory (empty: this process's).

@@ -6,7 +6,10 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -160,6 +163,57 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
       ::close(fd);
   }
   return status;
+}
+
+SystemInfo systemInfo()
+{
+  SystemInfo info;
+  struct utsname names{};
+  if (::uname(&names) == 0)
+  {
+    info.osName = names.sysname;
+    info.osVersion = names.release;
+  }
+  const long processors = ::sysconf(_SC_NPROCESSORS_ONLN);
+  info.processorCount = processors > 0 ? static_cast<unsigned>(processors) : 0;
+  const long pageSize = ::sysconf(_SC_PAGESIZE);
+  const long pages = ::sysconf(_SC_PHYS_PAGES);
+  const long freePages = ::sysconf(_SC_AVPHYS_PAGES);
+  if (pageSize > 0 && pages > 0)
+  {
+    info.physicalTotal = static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize);
+    info.physicalAvailable = freePages > 0 ? static_cast<uint64_t>(freePages) * static_cast<uint64_t>(pageSize) : 0;
+  }
+  // The address space: the process's limit when it has one, else what x86-64 and AArch64 give a
+  // user process (128 TiB). In use: the process's virtual size.
+  struct rlimit limit{};
+  info.virtualTotal = ::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
+                        ? static_cast<uint64_t>(limit.rlim_cur)
+                        : uint64_t{1} << 47;
+  uint64_t usedPages = 0;
+  std::ifstream statm("/proc/self/statm");
+  if (pageSize > 0 && statm >> usedPages)
+  {
+    const uint64_t used = usedPages * static_cast<uint64_t>(pageSize);
+    info.virtualAvailable = used < info.virtualTotal ? info.virtualTotal - used : 0;
+  }
+  else
+  {
+    info.virtualAvailable = info.virtualTotal;
+  }
+  return info;
+}
+
+std::string tempDirectory()
+{
+  return environmentOr("TMPDIR", "/tmp");
+}
+
+VersionStrings executableVersionStrings(const std::string&, const std::vector<std::string>& names)
+{
+  VersionStrings strings;
+  strings.values.resize(names.size());
+  return strings;
 }
 
 } // namespace platform

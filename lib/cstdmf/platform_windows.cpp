@@ -294,4 +294,91 @@ Utf8Arguments::Utf8Arguments(int argc, const wchar_t* const* wideArgv)
   m_pointers.push_back(nullptr);
 }
 
+SystemInfo systemInfo()
+{
+  SystemInfo info;
+  info.osName = "Windows";
+  // GetVersionEx answers with the version the program was made for; the kernel tells the truth.
+  using RtlGetVersionFunction = LONG(WINAPI*)(OSVERSIONINFOW*);
+  if (HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll"))
+  {
+    const auto getVersion =
+      reinterpret_cast<RtlGetVersionFunction>(reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlGetVersion")));
+    OSVERSIONINFOW version{};
+    version.dwOSVersionInfoSize = sizeof(version);
+    if (getVersion != nullptr && getVersion(&version) == 0)
+      info.osVersion = std::to_string(version.dwMajorVersion) + "." + std::to_string(version.dwMinorVersion) + "." +
+                       std::to_string(version.dwBuildNumber);
+  }
+  SYSTEM_INFO system{};
+  ::GetNativeSystemInfo(&system);
+  info.processorCount = system.dwNumberOfProcessors;
+  MEMORYSTATUSEX memory{};
+  memory.dwLength = sizeof(memory);
+  if (::GlobalMemoryStatusEx(&memory))
+  {
+    info.physicalTotal = memory.ullTotalPhys;
+    info.physicalAvailable = memory.ullAvailPhys;
+    info.virtualTotal = memory.ullTotalVirtual;
+    info.virtualAvailable = memory.ullAvailVirtual;
+  }
+  return info;
+}
+
+std::string tempDirectory()
+{
+  wchar_t buffer[MAX_PATH + 2];
+  const DWORD length = ::GetTempPathW(MAX_PATH + 2, buffer);
+  if (length == 0 || length > MAX_PATH + 1)
+    return {};
+  std::string path = genericUtf8(std::wstring_view(buffer, length));
+  while (path.size() > 1 && path.back() == '/' && path[path.size() - 2] != ':')
+    path.pop_back();
+  return path;
+}
+
+VersionStrings executableVersionStrings(const std::string& utf8Path, const std::vector<std::string>& names)
+{
+  VersionStrings strings;
+  strings.values.resize(names.size());
+  const std::wstring path = widen(utf8Path);
+  DWORD ignored = 0;
+  const DWORD size = ::GetFileVersionInfoSizeW(path.c_str(), &ignored);
+  if (size == 0)
+    return strings;
+  std::vector<unsigned char> block(size);
+  if (!::GetFileVersionInfoW(path.c_str(), 0, size, block.data()))
+    return strings;
+
+  struct Translation
+  {
+    WORD language;
+    WORD codePage;
+  };
+  void* translations = nullptr;
+  UINT translationsSize = 0;
+  if (!::VerQueryValueW(block.data(), L"\\VarFileInfo\\Translation", &translations, &translationsSize) ||
+      translationsSize < sizeof(Translation))
+    return strings;
+  strings.translationsFound = true;
+  const Translation first = *static_cast<const Translation*>(translations);
+
+  wchar_t prefix[64];
+  std::swprintf(prefix, 64, L"\\StringFileInfo\\%04x%04x\\", first.language, first.codePage);
+  for (size_t i = 0; i < names.size(); ++i)
+  {
+    const std::wstring query = prefix + widen(names[i]);
+    void* value = nullptr;
+    UINT valueLength = 0;
+    if (!::VerQueryValueW(block.data(), query.c_str(), &value, &valueLength) || value == nullptr)
+      continue;
+    // The length counts characters, the terminating zero included when there is one.
+    std::wstring_view text(static_cast<const wchar_t*>(value), valueLength);
+    while (!text.empty() && text.back() == L'\0')
+      text.remove_suffix(1);
+    strings.values[i] = narrow(text);
+  }
+  return strings;
+}
+
 } // namespace platform

@@ -1,12 +1,9 @@
 #include "fw/arg_parser.hpp"
 
 #include "cstdmf/debug.hpp"
-#include "fw/string_utils.hpp"
 
 #include <algorithm>
 #include <cstdio>
-#include <cwchar>
-#include <memory>
 
 namespace FW
 {
@@ -14,13 +11,8 @@ namespace
 {
 constexpr int kNotFound = -1;
 
-// Event targets besides an option index.
-constexpr int kUnassignedPositional = -1;
+// Target of a positional token that goes to the handler for further positionals.
 constexpr int kExtraPositional = -2;
-constexpr int kIgnored = -3;
-
-// Command lines up to this many bytes of UTF-8 are converted without touching the heap.
-constexpr size_t kStackArgumentBytes = 32768;
 
 bool isAsciiLetter(char c)
 {
@@ -162,42 +154,89 @@ bool ArgParser::parse(int argc, const char* const* argv)
   return parseTokens(tokens);
 }
 
-bool ArgParser::parse(int argc, const wchar_t* const* argv)
+ArgParser::Match ArgParser::matchSwitch(const std::vector<std::string_view>& tokens, size_t at) const
 {
-  if (argc <= 0)
-    return true;
-  ZR_ASSERT(argv != nullptr);
+  const std::string_view token = tokens[at];
+  Match match;
+  bool hasInlineValue = false;
+  std::string_view inlineValue;
+  if (token[1] == '-')
+  {
+    std::string_view name = token.substr(2);
+    const size_t equals = name.find('=');
+    if (equals != std::string_view::npos)
+    {
+      hasInlineValue = true;
+      inlineValue = name.substr(equals + 1);
+      name = name.substr(0, equals);
+    }
+    match.index = findLong(name);
+  }
+  else
+  {
+    match.index = findShort(token[1]);
+    // "-j4": an alias glued to its value; a flag alias must stand alone.
+    if (match.index != kNotFound && token.size() > 2)
+    {
+      if (m_entries[static_cast<size_t>(match.index)].option.kind == Kind::Value)
+      {
+        hasInlineValue = true;
+        inlineValue = token.substr(2);
+      }
+      else
+      {
+        match.index = kNotFound;
+      }
+    }
+  }
 
-  // All arguments go into one area with room for the worst case of every one of them.
-  std::vector<size_t> lengths(static_cast<size_t>(argc));
-  size_t total = 0;
-  for (int i = 0; i < argc; ++i)
+  if (match.index == kNotFound)
   {
-    const size_t length = argv[i] ? std::wcslen(argv[i]) : 0;
-    lengths[static_cast<size_t>(i)] = length;
-    total += length * StringUtils::kMaxUtf8BytesPerWideChar + 1;
+    match.result = (m_flags & kIgnoreUnknownSwitches) != 0 ? MatchResult::Ignored : MatchResult::Unknown;
+    return match;
   }
-  char stackArea[kStackArgumentBytes];
-  std::unique_ptr<char[]> heapArea;
-  char* area = stackArea;
-  if (total > kStackArgumentBytes)
+  const Entry& entry = m_entries[static_cast<size_t>(match.index)];
+  if (entry.option.kind == Kind::Flag)
   {
-    heapArea = std::make_unique<char[]>(total);
-    area = heapArea.get();
+    match.result = hasInlineValue ? MatchResult::UnexpectedValue : MatchResult::Matched;
   }
+  else if (hasInlineValue)
+  {
+    match.value = inlineValue;
+  }
+  else if (at + 1 < tokens.size())
+  {
+    match.value = tokens[at + 1];
+    match.tokensUsed = 2;
+  }
+  else
+  {
+    match.result = MatchResult::MissingValue;
+  }
+  return match;
+}
 
-  std::vector<std::string_view> tokens;
-  tokens.reserve(static_cast<size_t>(argc));
-  size_t offset = 0;
-  for (int i = 0; i < argc; ++i)
+std::vector<bool> ArgParser::optionsGivenAsSwitches(const std::vector<std::string_view>& tokens) const
+{
+  // Looks ahead as far as the parse itself would get: to the end, to the first switch it would
+  // refuse, or to a help switch that ends it.
+  std::vector<bool> given(m_entries.size(), false);
+  for (size_t i = 1; i < tokens.size(); ++i)
   {
-    const size_t length = lengths[static_cast<size_t>(i)];
-    const size_t capacity = length * StringUtils::kMaxUtf8BytesPerWideChar + 1;
-    const size_t written = StringUtils::wtoutf8(argv[i] ? argv[i] : L"", length, area + offset, capacity);
-    tokens.emplace_back(area + offset, written);
-    offset += capacity;
+    if (!isSwitch(tokens[i]))
+      continue;
+    const Match match = matchSwitch(tokens, i);
+    if (match.result == MatchResult::Ignored)
+      continue;
+    if (match.result != MatchResult::Matched)
+      break;
+    const Entry& entry = m_entries[static_cast<size_t>(match.index)];
+    if (entry.builtinHelp && (m_flags & kStopAfterHelp) != 0)
+      break;
+    given[static_cast<size_t>(match.index)] = true;
+    i += match.tokensUsed - 1;
   }
-  return parseTokens(tokens);
+  return given;
 }
 
 bool ArgParser::parseTokens(const std::vector<std::string_view>& tokens)
@@ -205,159 +244,105 @@ bool ArgParser::parseTokens(const std::vector<std::string_view>& tokens)
   m_helpShown = false;
   m_programName = tokens.empty() ? std::string() : std::string(fileNameOf(tokens[0]));
 
-  struct Event
+  // Positional tokens go first to the positional names whose options are not given as switches
+  // anywhere on the command line, in registration order; once those are used up, the n-th
+  // positional token is the value of the n-th positional name, like a repeated switch.
+  const std::vector<bool> givenAsSwitch = optionsGivenAsSwitches(tokens);
+  std::vector<int> declared;
+  std::vector<int> freeNames;
+  for (size_t i = 0; i < m_entries.size(); ++i)
   {
-    int target;
-    std::string_view value;
-  };
-  std::vector<Event> events;
-  std::vector<bool> givenAsSwitch(m_entries.size(), false);
+    if (m_entries[i].option.positionalName.empty())
+      continue;
+    declared.push_back(static_cast<int>(i));
+    if (!givenAsSwitch[i])
+      freeNames.push_back(static_cast<int>(i));
+  }
 
-  // Match every switch and take the values of value options.
+  std::vector<bool> given(m_entries.size(), false);
+  const auto deliver = [&](int target, std::string_view value) {
+    const Callback* callback = &m_extraPositionals;
+    if (target >= 0)
+    {
+      given[static_cast<size_t>(target)] = true;
+      callback = &m_entries[static_cast<size_t>(target)].option.callback;
+    }
+    if (*callback && !(*callback)(value))
+    {
+      // The project's own options say what they expect; the described ones keep their short text.
+      const Option* option = target >= 0 ? &m_entries[static_cast<size_t>(target)].option : nullptr;
+      if (option && !option->expected.empty())
+        fail("ERROR: invalid value '" + std::string(value) + "' for --" + option->longName + ": expected " +
+             option->expected + "\n");
+      else
+        fail("ERROR: invalid value " + std::string(value));
+      return false;
+    }
+    return true;
+  };
+
+  // Every token is dealt with completely, callback included, before the next is looked at, so
+  // the first fault on the command line is the one reported.
+  size_t positionalCount = 0;
   for (size_t i = 1; i < tokens.size(); ++i)
   {
     const std::string_view token = tokens[i];
     if (!isSwitch(token))
     {
-      events.push_back({kUnassignedPositional, token});
-      continue;
-    }
-
-    int index = kNotFound;
-    bool hasInlineValue = false;
-    std::string_view inlineValue;
-    if (token[1] == '-')
-    {
-      std::string_view name = token.substr(2);
-      const size_t equals = name.find('=');
-      if (equals != std::string_view::npos)
-      {
-        hasInlineValue = true;
-        inlineValue = name.substr(equals + 1);
-        name = name.substr(0, equals);
-      }
-      index = findLong(name);
-    }
-    else
-    {
-      index = findShort(token[1]);
-      // "-j4": an alias glued to its value; a flag alias must stand alone.
-      if (index != kNotFound && token.size() > 2)
-      {
-        if (m_entries[static_cast<size_t>(index)].option.kind == Kind::Value)
-        {
-          hasInlineValue = true;
-          inlineValue = token.substr(2);
-        }
-        else
-        {
-          index = kNotFound;
-        }
-      }
-    }
-
-    if (index == kNotFound)
-    {
-      if ((m_flags & kIgnoreUnknownSwitches) != 0)
+      ++positionalCount;
+      int target = kNotFound;
+      if (positionalCount <= freeNames.size())
+        target = freeNames[positionalCount - 1];
+      else if (positionalCount <= declared.size())
+        target = declared[positionalCount - 1];
+      else if (m_extraPositionals)
+        target = kExtraPositional;
+      else if ((m_flags & kIgnoreExtraPositionals) != 0)
         continue;
-      fail("ERROR: unexpected argument " + std::string(token) + ".\n");
-      return false;
-    }
-
-    const Entry& entry = m_entries[static_cast<size_t>(index)];
-    if (entry.option.kind == Kind::Flag)
-    {
-      if (hasInlineValue)
+      else
       {
-        fail("ERROR: unexpected value after argument " + std::string(token) + ".\n");
+        fail("ERROR: unexpected argument " + std::string(token) + "\n");
         return false;
       }
-      if (entry.builtinHelp && (m_flags & kStopAfterHelp) != 0)
-      {
-        showHelp();
-        return true;
-      }
-      events.push_back({index, {}});
+      if (!deliver(target, token))
+        return false;
+      continue;
     }
-    else if (hasInlineValue)
+
+    const Match match = matchSwitch(tokens, i);
+    switch (match.result)
     {
-      events.push_back({index, inlineValue});
-    }
-    else if (i + 1 < tokens.size())
-    {
-      events.push_back({index, tokens[++i]});
-    }
-    else
-    {
+    case MatchResult::Ignored:
+      continue;
+    case MatchResult::Unknown:
+      fail("ERROR: unexpected argument " + std::string(token) + ".\n");
+      return false;
+    case MatchResult::UnexpectedValue:
+      fail("ERROR: unexpected value after argument " + std::string(token) + ".\n");
+      return false;
+    case MatchResult::MissingValue:
       fail("ERROR: missing value after argument " + std::string(token) + ".\n");
       return false;
+    case MatchResult::Matched:
+      break;
     }
-    givenAsSwitch[static_cast<size_t>(index)] = true;
-  }
-
-  // Positional tokens fill the positional names that were not given as switches.
-  std::vector<int> slots;
-  for (size_t i = 0; i < m_entries.size(); ++i)
-  {
-    if (!m_entries[i].option.positionalName.empty() && !givenAsSwitch[i])
-      slots.push_back(static_cast<int>(i));
-  }
-  size_t filled = 0;
-  for (Event& event : events)
-  {
-    if (event.target != kUnassignedPositional)
+    i += match.tokensUsed - 1;
+    const Entry& entry = m_entries[static_cast<size_t>(match.index)];
+    if (entry.builtinHelp)
+    {
+      given[static_cast<size_t>(match.index)] = true;
+      showHelp();
+      if ((m_flags & kStopAfterHelp) != 0)
+        return true;
       continue;
-    if (filled < slots.size())
-    {
-      event.target = slots[filled++];
     }
-    else if (m_extraPositionals)
-    {
-      event.target = kExtraPositional;
-    }
-    else if ((m_flags & kIgnoreExtraPositionals) != 0)
-    {
-      event.target = kIgnored;
-    }
-    else
-    {
-      fail("ERROR: unexpected argument " + std::string(event.value) + "\n");
+    if (!deliver(match.index, match.value))
       return false;
-    }
   }
 
-  std::vector<bool> given = givenAsSwitch;
-  for (const Event& event : events)
+  for (size_t i = positionalCount; i < freeNames.size(); ++i)
   {
-    if (event.target == kIgnored)
-      continue;
-    const Callback* callback = &m_extraPositionals;
-    if (event.target >= 0)
-    {
-      const Entry& entry = m_entries[static_cast<size_t>(event.target)];
-      given[static_cast<size_t>(event.target)] = true;
-      if (entry.builtinHelp)
-      {
-        showHelp();
-        continue;
-      }
-      callback = &entry.option.callback;
-    }
-    if (*callback && !(*callback)(event.value))
-    {
-      const Option* option = event.target >= 0 ? &m_entries[static_cast<size_t>(event.target)].option : nullptr;
-      if (option && !option->expected.empty())
-        fail("ERROR: invalid value '" + std::string(event.value) + "' for --" + option->longName + ": expected " +
-             option->expected + "\n");
-      else
-        fail("ERROR: invalid value " + std::string(event.value));
-      return false;
-    }
-  }
-
-  for (size_t i = filled; i < slots.size(); ++i)
-  {
-    if ((m_entries[static_cast<size_t>(slots[i])].option.flags & kOptionalPositional) == 0)
+    if ((m_entries[static_cast<size_t>(freeNames[i])].option.flags & kOptionalPositional) == 0)
     {
       fail("ERROR: missing required positional arguments.\n");
       return false;

@@ -5,13 +5,18 @@
 // A token is a switch when it is a '-' followed by a letter or "--" followed by a letter; every
 // other token is positional. Long names follow "--" ("--dst-path"), one-letter aliases follow a
 // single '-' ("-q"). A value option takes the next argument as its value, whatever it looks like;
-// "--name=value" and, for a one-letter alias, "-nvalue" give the value in the same token. A value
-// option with a positional name may instead be given by position: the positional tokens fill, in
-// registration order, the positional names whose options were not given as switches.
+// "--name=value" and, for a one-letter alias, "-nvalue" give the value in the same token.
 //
-// Errors are written to the error writer as one line beginning with "ERROR: " and make parse()
-// return false. Callbacks run after the whole command line has been matched, in command-line
-// order.
+// A value option with a positional name may instead be given by position. Positional tokens fill,
+// in registration order, the positional names whose options are not given as switches anywhere on
+// the command line; when those are used up, the n-th positional token is the value of the n-th
+// positional name, exactly as if that option were given again at that place (the later value wins).
+// Only a positional token beyond the number of positional names is refused.
+//
+// Tokens are handled one by one in command-line order, each completely (its callback included)
+// before the next, so the first fault on the command line is the one reported: the message is one
+// line beginning with "ERROR: " on the error writer, and parse() returns false. Missing required
+// positionals and options are checked at the end.
 
 #include <cstdint>
 #include <functional>
@@ -31,8 +36,8 @@ public:
   // Registers "help" (alias "h", "Display this message."), which writes the usage text, the
   // description and the option table to the output writer.
   static constexpr uint32_t kBuiltinHelp = 1u << 1;
-  // A help switch ends the parse at once with success: nothing after it is looked at, no
-  // callback runs and helpShown() is true.
+  // A help switch ends the parse at once with success: nothing after it is looked at (the
+  // callbacks of the switches before it have run) and helpShown() is true.
   static constexpr uint32_t kStopAfterHelp = 1u << 2;
   // Switches that match no option are ignored instead of refused.
   static constexpr uint32_t kIgnoreUnknownSwitches = 1u << 3;
@@ -74,8 +79,8 @@ public:
   {
   public:
     Builder& add(Option option);
-    // Positional tokens left over after all positional names are filled go to `callback`
-    // instead of being refused; `name` is shown in the usage line.
+    // Positional tokens beyond the number of positional names go to `callback` instead of being
+    // refused; `name` is shown in the usage line.
     Builder& extraPositionals(std::string name, Callback callback);
 
   private:
@@ -97,8 +102,6 @@ public:
   // parsed and the result is true. Returns false after writing an "ERROR: " line when the command
   // line is refused or a callback refuses its value.
   [[nodiscard]] bool parse(int argc, const char* const* argv);
-  // The same for wide-character arguments, which are first converted to UTF-8.
-  [[nodiscard]] bool parse(int argc, const wchar_t* const* argv);
 
   // True when the last parse met a help switch.
   bool helpShown() const { return m_helpShown; }
@@ -116,6 +119,26 @@ private:
     bool builtinHelp = false;
   };
 
+  enum class MatchResult
+  {
+    Matched,
+    Ignored,         // unknown, and unknown switches are ignored
+    Unknown,         // matches no option
+    UnexpectedValue, // a flag given a value
+    MissingValue,    // a value option at the end of the command line
+  };
+  struct Match
+  {
+    MatchResult result = MatchResult::Matched;
+    int index = -1;           // the option, when one matched
+    std::string_view value;   // value options only
+    size_t tokensUsed = 1;    // 2 when the value is the next token
+  };
+
+  // Matches the switch at tokens[at] and finds its value.
+  Match matchSwitch(const std::vector<std::string_view>& tokens, size_t at) const;
+  // Which options the command line gives as switches, as far as a parse would get.
+  std::vector<bool> optionsGivenAsSwitches(const std::vector<std::string_view>& tokens) const;
   [[nodiscard]] bool parseTokens(const std::vector<std::string_view>& tokens);
   void addOption(Option option, bool builtinHelp);
   int findLong(std::string_view name) const;

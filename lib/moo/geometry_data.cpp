@@ -245,7 +245,7 @@ bool GeometryData::load(ConstBinaryPtr block, std::string_view name)
     }
     m_vertexBuffers.push_back(std::move(buffer));
   }
-  ZR_ASSERT(proto.mergedVerticesCount == m_vertexBuffers.size());
+  ZR_ASSERT_TEXT(proto.mergedVerticesCount == m_vertexBuffers.size(), kVertexBufferCountCheck);
 
   uint64_t indicesAt = 0;
   if (!parser.resolveArray("mergedIndices", 0, offsetof(Root, mergedIndices), proto.mergedIndicesCount,
@@ -280,7 +280,7 @@ bool GeometryData::load(ConstBinaryPtr block, std::string_view name)
     }
     m_indexBuffers.push_back(buffer);
   }
-  ZR_ASSERT(proto.mergedIndicesCount == m_indexBuffers.size());
+  ZR_ASSERT_TEXT(proto.mergedIndicesCount == m_indexBuffers.size(), kIndexBufferCountCheck);
 
   // Collision and armor records have the same shape.
   const auto readModels = [&](const char* arrayName, size_t arrayField, uint32_t count, size_t dataField,

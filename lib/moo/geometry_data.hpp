@@ -26,6 +26,11 @@ namespace Moo
 class GeometryData
 {
 public:
+  // The checks made after one buffer has been made per merged-buffer record, reported with these
+  // texts when they fail.
+  static constexpr const char* kVertexBufferCountCheck = "proto.mergedVerticesCount == mergedVertices_.size()";
+  static constexpr const char* kIndexBufferCountCheck = "proto.mergedIndicesCount == mergedIndices_.size()";
+
   struct VertexBuffer
   {
     std::string formatName;

@@ -1,11 +1,18 @@
 #include "resmgr/bin_section.hpp"
 
 #include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
 #include "cstdmf/span_reader.hpp"
+#include "resmgr/file_io.hpp"
+#include "resmgr/file_system.hpp"
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <limits>
+#include <span>
 #include <type_traits>
 
 namespace
@@ -268,12 +275,31 @@ bool BinSection::save(const std::string& saveAsFileName)
     return false;
   }
   DataSection* parent = parentSection();
+  if (parent == nullptr && !m_filePath.empty())
+    return writeFile();
   if (parent == nullptr)
   {
     ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSection: Can't save a section without a parent.\n");
     return false;
   }
   return parent->saveChild(*this, true);
+}
+
+bool BinSection::writeFile()
+{
+  const BinaryPtr block = asBinary();
+  if (!block)
+    return false; // asBinary has said why
+  // Whole or not at all: a failed save leaves the old file as it was.
+  const fileio::WriteResult written = fileio::writeWholeFile(
+    m_filePath, std::span<const std::byte>(reinterpret_cast<const std::byte*>(block->data()), block->len()));
+  if (!written)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSection::save cannot write '%s': %s.\n", m_filePath.c_str(),
+           written.reason.c_str());
+    return false;
+  }
+  return true;
 }
 
 DataSectionPtr BinSection::convertToZip(const std::string& saveAs)
@@ -377,4 +403,36 @@ BinaryPtr writeBinSectionContainer(const std::vector<std::pair<std::string, Bina
     (void)child->setBinary(payload);
   }
   return root->asBinary();
+}
+
+SmartPointer<BinSection> BinSectionCreator::create(DataSection* parent, const std::string& name)
+{
+  SmartPointer<BinSection> section(new BinSection(name, nullptr));
+  section->setParent(parent);
+  return section;
+}
+
+SmartPointer<BinSection> BinSectionCreator::load(DataSection* parent, const std::string& name, BinaryPtr bytes)
+{
+  if (!bytes)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSectionCreator::load '%s' has no bytes.\n", name.c_str());
+    return nullptr;
+  }
+  SmartPointer<BinSection> section(new BinSection(name, std::move(bytes)));
+  section->setParent(parent);
+  return section;
+}
+
+SmartPointer<BinSection> BinSectionCreator::load(const std::string& path)
+{
+  BinaryPtr bytes = NativeFileSystem().readFile(path);
+  if (!bytes)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinSectionCreator::load cannot read '%s'.\n", path.c_str());
+    return nullptr;
+  }
+  SmartPointer<BinSection> section = load(nullptr, path, std::move(bytes));
+  section->setFilePath(path);
+  return section;
 }

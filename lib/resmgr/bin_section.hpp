@@ -66,17 +66,24 @@ public:
   void setParent(DataSection* parent) override { m_parent.store(parent); }
   DataSection* parentSection() const override { return m_parent.load(); }
 
-  // Saves through the parent (the parent is asked to save this child). Without a parent, or
-  // under another name (this library keeps no section tree to find the new holder in), logs and
-  // returns false.
+  // Saves through the parent (the parent is asked to save this child); a section read from a file
+  // and held by no other section writes that file, whole or not at all. Without either, or under
+  // another name (this library keeps no section tree to find the new holder in), logs and returns
+  // false.
   [[nodiscard]] bool save(const std::string& saveAsFileName = std::string()) override;
   // Asks the parent; without one logs and returns null.
   DataSectionPtr convertToZip(const std::string& saveAs = std::string()) override;
   // A child's bytes are part of this section's bytes, so this section saves itself.
   [[nodiscard]] bool saveChild(DataSection& child, bool isBinary) override;
 
+  // The file this section was read from (UTF-8), or empty.
+  const std::string& filePath() const { return m_filePath; }
+  void setFilePath(std::string path) { m_filePath = std::move(path); }
+
 private:
   using Children = std::vector<SmartPointer<BinSection>>;
+
+  [[nodiscard]] bool writeFile();
 
   static cstdmf::SimpleMutex& lock();
   // The caller holds lock().
@@ -93,6 +100,21 @@ private:
   Children m_children;
   bool m_introspected;
   std::atomic<DataSection*> m_parent{nullptr};
+  std::string m_filePath;
+};
+
+// Makes container sections for the resource manager.
+class BinSectionCreator
+{
+public:
+  // A new, empty container section named `name`, held by `parent` (may be null).
+  static SmartPointer<BinSection> create(DataSection* parent, const std::string& name);
+  // A container section named `name` over `bytes` (no copy), held by `parent` (may be null).
+  // Null, after logging, when `bytes` is null.
+  static SmartPointer<BinSection> load(DataSection* parent, const std::string& name, BinaryPtr bytes);
+  // The file at `path` (UTF-8) read whole into a container section named `path`, which saves
+  // back into that file. Null, after logging, when the file cannot be read.
+  static SmartPointer<BinSection> load(const std::string& path);
 };
 
 // Builds a container from (name, payload) pairs in order; null, after logging, when a payload is

@@ -5,10 +5,13 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
+#include <istream>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <utility>
 
 namespace
@@ -16,6 +19,8 @@ namespace
 // What an empty block points at, so data() is never null (memcpy of zero bytes from null is
 // still undefined).
 char s_noBytes[1] = {};
+
+std::atomic<bool> s_failNextAllocation{false};
 
 bool rangeInside(const void* data, size_t length, const BinaryBlock& owner)
 {
@@ -47,16 +52,56 @@ BinaryBlock::BinaryBlock(const void* data, size_t length, const char* allocation
     return;
   // calloc leaves fresh pages untouched, so a large zero-filled block costs no more than it is
   // used.
-  char* bytes = static_cast<char*>(data ? std::malloc(length) : std::calloc(length, 1));
+  char* bytes = s_failNextAllocation.exchange(false) ? nullptr
+                                                    : static_cast<char*>(data ? std::malloc(length) : std::calloc(length, 1));
   if (bytes == nullptr)
   {
-    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %zu bytes\n", length);
+    // The count is printed as the int it has always been printed as, whatever its size.
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %d bytes\n", static_cast<int>(length));
     return;
   }
   if (data != nullptr)
     std::memcpy(bytes, data, length);
   m_data = bytes;
   m_length = length;
+}
+
+BinaryBlock::BinaryBlock(std::istream& stream, size_t length, const char* allocationTag)
+  : m_data(s_noBytes), m_length(0), m_allocationTag(allocationTag)
+{
+  if (length == 0)
+    return;
+  char* bytes = s_failNextAllocation.exchange(false) ? nullptr : static_cast<char*>(std::malloc(length));
+  if (bytes == nullptr)
+  {
+    // "%Iu" is the Windows runtime's size_t specifier; other C libraries read it as a flagged
+    // %u of an unsigned int, so the count is put in here rather than by printf.
+    std::string text = "BinaryBlock: Failed to alloc %Iu bytes (creating from stream)\n";
+    text.replace(text.find("%Iu"), 3, std::to_string(length));
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "%s", text.c_str());
+    return;
+  }
+  size_t done = 0;
+  while (done < length && stream)
+  {
+    const auto chunk = static_cast<std::streamsize>(std::min<size_t>(length - done, size_t(1) << 30));
+    stream.read(bytes + done, chunk);
+    done += static_cast<size_t>(stream.gcount());
+  }
+  if (done != length)
+  {
+    std::free(bytes);
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: the stream ended after %zu of %zu bytes\n", done,
+           length);
+    return;
+  }
+  m_data = bytes;
+  m_length = length;
+}
+
+void BinaryBlock::failNextAllocationForTesting()
+{
+  s_failNextAllocation = true;
 }
 
 BinaryBlock::BinaryBlock(AdoptBytes, char* bytes, size_t length, const char* allocationTag)
@@ -88,8 +133,8 @@ SmartPointer<BinaryBlock> BinaryBlock::compress(int level) const
   char* scratch = static_cast<char*>(std::malloc(bound));
   if (scratch == nullptr)
   {
-    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %zu bytes (compress 1)\n",
-           static_cast<size_t>(bound));
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %lu bytes (compress 1)\n",
+           static_cast<unsigned long>(bound));
     return nullptr;
   }
   uLongf compressedLength = bound;
@@ -105,8 +150,8 @@ SmartPointer<BinaryBlock> BinaryBlock::compress(int level) const
   if (bytes == nullptr)
   {
     std::free(scratch);
-    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %zu bytes (compress 2)\n",
-           static_cast<size_t>(compressedLength));
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %u bytes (compress 2)\n",
+           static_cast<unsigned>(compressedLength));
     return nullptr;
   }
   return new BinaryBlock(AdoptBytes{}, bytes, compressedLength, m_allocationTag);
@@ -178,7 +223,8 @@ SmartPointer<BinaryBlock> BinaryBlock::decompress(size_t maxLength) const
   if (outOfMemory)
   {
     std::free(buffer);
-    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %zu bytes (decompress)\n", capacity);
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "BinaryBlock: Failed to alloc %lu bytes (decompress)\n",
+           static_cast<unsigned long>(capacity));
     return nullptr;
   }
   if (failure == nullptr && trailing != 0)

@@ -4,6 +4,7 @@
 #include "cstdmf/smartpointer.hpp"
 
 #include <cstddef>
+#include <iosfwd>
 
 // A byte buffer that either owns its bytes or borrows a range of an owner block, which it keeps
 // alive. Once shared, a block never changes; sharing is by reference count only.
@@ -21,7 +22,15 @@ public:
   // `allocationTag` names the purpose of the bytes; it must outlive the block (a literal).
   BinaryBlock(const void* data, size_t length, const char* allocationTag,
               ConstSmartPointer<BinaryBlock> owner = nullptr);
+  // Reads `length` bytes from `stream` into a new owning block. When the allocation fails
+  // ("BinaryBlock: Failed to alloc %Iu bytes (creating from stream)\n") or the stream ends early
+  // (logged too) the block is left empty, so a caller checks len().
+  BinaryBlock(std::istream& stream, size_t length, const char* allocationTag);
   ~BinaryBlock() override;
+
+  // Makes the next allocation of a block's own bytes fail, once, so that tests can see what a
+  // block does when memory runs out.
+  static void failNextAllocationForTesting();
 
   BinaryBlock(const BinaryBlock&) = delete;
   BinaryBlock& operator=(const BinaryBlock&) = delete;

@@ -5,6 +5,11 @@
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 #include "resmgr/bin_section.hpp"
+#include "resmgr/data_section_cache.hpp"
+
+#include <tinyxml2.h>
+
+#include <filesystem>
 
 #include <string_view>
 #include <system_error>
@@ -37,7 +42,10 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b)
 class RootSection final : public DataSection
 {
 public:
-  explicit RootSection(FileSystemPtr fileSystem) : m_fileSystem(std::move(fileSystem)) {}
+  RootSection(FileSystemPtr fileSystem, const ZRResource& resources)
+    : m_fileSystem(std::move(fileSystem)), m_resources(resources)
+  {
+  }
 
   const std::string& sectionName() const override { return m_name; }
   int countChildren() override { return 0; }
@@ -48,8 +56,9 @@ public:
     BinaryPtr bytes = m_fileSystem->readFile(path);
     if (!bytes)
       return nullptr;
-    DataSectionPtr section(new BinSection(path, bytes));
-    section->setParent(this);
+    // Held by no section: it saves into the file it was read from.
+    SmartPointer<BinSection> section = BinSectionCreator::load(nullptr, path, std::move(bytes));
+    section->setFilePath(m_resources.resolveToAbsolutePath(path));
     return section;
   }
   DataSectionPtr newSection(std::string_view name) override
@@ -80,7 +89,30 @@ public:
 private:
   const std::string m_name;
   FileSystemPtr m_fileSystem;
+  const ZRResource& m_resources;
 };
+
+std::string withForwardSlashes(std::string_view path)
+{
+  std::string text(path);
+  for (char& c : text)
+  {
+    if (c == '\\')
+      c = '/';
+  }
+  return text;
+}
+
+std::string joined(const std::string& directory, std::string_view name)
+{
+  if (directory.empty())
+    return std::string(name);
+  std::string path = withForwardSlashes(directory);
+  if (path.back() != '/')
+    path += '/';
+  path += withForwardSlashes(name);
+  return path;
+}
 
 } // namespace
 
@@ -92,6 +124,8 @@ ZRResource& ZRResource::createOnce()
     s_instance = new ZRResource();
   return *s_instance;
 }
+
+constexpr size_t kDataSectionCacheKilobytes = 102400;
 
 bool ZRResource::init(const std::vector<std::string>& paths)
 {
@@ -114,6 +148,13 @@ bool ZRResource::init(int argc, char* argv[])
   root.parseCommandLine(argc, argv);
   if (root.m_paths.empty())
   {
+    // A paths file beside the executable stands in for "--res".
+    const std::string pathsFile = root.m_appDirectory + "paths.xml";
+    if (root.getFileType(pathsFile) == FileSystem::FileType::File)
+      (void)root.loadPathsXml(pathsFile);
+  }
+  if (root.m_paths.empty())
+  {
     const auto word = [&](int i) { return argc > i && argv[i] != nullptr ? std::string(argv[i]) : "empty"; };
     const std::string text =
       "No resource paths are loaded from command line or paths.xml\n[0]:" + word(0) + "\n[1]:" + word(1);
@@ -130,6 +171,8 @@ bool ZRResource::init(const std::string& path, bool addIt)
 
 void ZRResource::fini()
 {
+  // Cached sections were opened through this root; they go with it.
+  DataSectionCache::instance().clear();
   delete s_instance;
   s_instance = nullptr;
 }
@@ -166,15 +209,40 @@ void ZRResource::initFileSystemInterface()
 
 void ZRResource::initRootDataSection()
 {
-  m_rootSection = new RootSection(m_fileSystem);
+  DataSectionCache::instance().setSize(kDataSectionCacheKilobytes);
+  DataSectionCache::instance().clear();
+  m_rootSection = new RootSection(m_fileSystem, *this);
 }
 
 void ZRResource::initVersionData()
 {
   if (m_appVersionData)
     cstdmf::assertionFailed("!appVersionData_", ZR_SOURCE_LOCATION);
-  // The build stamps the product's own name and version; there is no company to name.
-  m_appVersionData = VersionData{std::string(), VERTEXMILL_PRODUCT_NAME, VERTEXMILL_VERSION};
+  m_appVersionData = readVersionData(platform::executablePath());
+}
+
+ZRResource::VersionData ZRResource::readVersionData(const std::string& executablePath)
+{
+#ifdef _WIN32
+  static const std::vector<std::string> kNames = {"CompanyName", "ProductName", "ProductVersion"};
+  const platform::VersionStrings strings = platform::executableVersionStrings(executablePath, kNames);
+  if (!strings.translationsFound)
+  {
+    ZR_MSG(DebugMessagePriority::Warning, "ResMgr", "ZRResource: VerQueryValue failed for translations\n");
+    return {};
+  }
+  for (size_t i = 0; i < kNames.size(); ++i)
+  {
+    if (!strings.values[i])
+      ZR_MSG_FMT(DebugMessagePriority::Warning, "ResMgr", "ZRResource: VerQueryValue failed for '{}'\n", kNames[i]);
+  }
+  return VersionData{strings.values[0].value_or(""), strings.values[1].value_or(""), strings.values[2].value_or("")};
+#else
+  // Executables here carry no version resource: the build stamps the product's own name and
+  // version in, and there is no company to name.
+  (void)executablePath;
+  return VersionData{std::string(), VERTEXMILL_PRODUCT_NAME, VERTEXMILL_VERSION};
+#endif
 }
 
 int ZRResource::addPath(const std::string& path)
@@ -199,13 +267,15 @@ int ZRResource::addPath(const std::string& path)
 bool ZRResource::addMultiplePaths(const std::string& paths)
 {
   size_t begin = 0;
+  if (paths.empty())
+    return true;
   while (begin <= paths.size())
   {
     size_t end = paths.find(';', begin);
     if (end == std::string::npos)
       end = paths.size();
-    // Empty pieces (a trailing ";", or ";;") name no path.
-    if (end > begin && addPath(paths.substr(begin, end - begin)) < 0)
+    // An empty piece (";;", or a ";" at either end) names no directory and fails like any other.
+    if (addPath(paths.substr(begin, end - begin)) < 0)
       return false;
     begin = end + 1;
   }
@@ -245,5 +315,100 @@ std::string ZRResource::getDefaultPath() const
 
 DataSectionPtr ZRResource::openSection(const std::string& resourcePath) const
 {
-  return m_rootSection->findChild(resourcePath);
+  DataSectionCache& cache = DataSectionCache::instance();
+  if (DataSectionPtr cached = cache.find(resourcePath))
+    return cached;
+  DataSectionPtr section = m_rootSection->findChild(resourcePath);
+  cache.add(resourcePath, section);
+  return section;
+}
+
+bool ZRResource::loadPathsXml(const std::string& file)
+{
+  ZR_MSG(DebugMessagePriority::Info, "ResMgr", "Loading paths xml '%s'...\n", file.c_str());
+  BinaryPtr bytes = NativeFileSystem().readFile(file);
+  if (!bytes)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "Invalid paths xml '%s': file not found\n", file.c_str());
+    return false;
+  }
+  tinyxml2::XMLDocument document;
+  if (document.Parse(bytes->data(), bytes->len()) != tinyxml2::XML_SUCCESS || document.RootElement() == nullptr)
+  {
+    ZR_MSG(DebugMessagePriority::Error, "ResMgr", "Invalid paths xml '%s': not an xml file\n", file.c_str());
+    return false;
+  }
+  const std::string baseDirectory = withForwardSlashes(file).substr(0, withForwardSlashes(file).find_last_of('/') + 1);
+  bool allAdded = true;
+  if (const tinyxml2::XMLElement* list = document.RootElement()->FirstChildElement("Paths"))
+  {
+    for (const tinyxml2::XMLElement* entry = list->FirstChildElement("Path"); entry != nullptr;
+         entry = entry->NextSiblingElement("Path"))
+    {
+      std::string path = entry->GetText() != nullptr ? entry->GetText() : "";
+      while (!path.empty() && (path.front() == ' ' || path.front() == '\t' || path.front() == '\n' || path.front() == '\r'))
+        path.erase(0, 1);
+      while (!path.empty() && (path.back() == ' ' || path.back() == '\t' || path.back() == '\n' || path.back() == '\r'))
+        path.pop_back();
+      if (!path.empty() && isPathRelative(path))
+        path = joined(baseDirectory, path);
+      allAdded = addPath(path) >= 0 && allAdded;
+    }
+  }
+  return allAdded;
+}
+
+bool ZRResource::isPathRelative(std::string_view path)
+{
+  if (!path.empty() && (path.front() == '/' || path.front() == '\\'))
+    return false;
+  const bool drive = path.size() >= 2 && path[1] == ':' &&
+                     ((path[0] >= 'a' && path[0] <= 'z') || (path[0] >= 'A' && path[0] <= 'Z'));
+  return !drive;
+}
+
+std::string ZRResource::resolveFilename(std::string_view resourceName) const
+{
+  if (!isPathRelative(resourceName))
+    return withForwardSlashes(resourceName);
+  for (const std::string& directory : m_paths)
+  {
+    const std::string candidate = joined(directory, resourceName);
+    if (NativeFileSystem().getFileType(candidate) != FileSystem::FileType::NotFound)
+      return candidate;
+  }
+  return m_paths.empty() ? withForwardSlashes(resourceName) : joined(m_paths.front(), resourceName);
+}
+
+std::string ZRResource::dissolveFilename(std::string_view fileName) const
+{
+  const std::string name = withForwardSlashes(fileName);
+  for (const std::string& directory : m_paths)
+  {
+    std::string prefix = withForwardSlashes(directory);
+    if (prefix.empty())
+      continue;
+    if (prefix.back() != '/')
+      prefix += '/';
+    if (name.size() > prefix.size() && name.compare(0, prefix.size(), prefix) == 0)
+      return name.substr(prefix.size());
+  }
+  return name;
+}
+
+std::string ZRResource::resolveToAbsolutePath(std::string_view resourceName) const
+{
+  const std::filesystem::path resolved = cstdmf::u8path(resolveFilename(resourceName));
+  std::error_code error;
+  std::filesystem::path absolute = std::filesystem::absolute(resolved, error);
+  if (error)
+    absolute = resolved;
+  return cstdmf::toGenericUtf8(absolute.lexically_normal());
+}
+
+FileSystem::FileType ZRResource::getFileType(const std::string& resourceName) const
+{
+  if (!isPathRelative(resourceName))
+    return NativeFileSystem().getFileType(resourceName);
+  return m_fileSystem->getFileType(resourceName);
 }

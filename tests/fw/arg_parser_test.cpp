@@ -113,6 +113,20 @@ TEST(ArgParser, PositionalFallback)
   ASSERT_TRUE(none.parse({"--tree"}));
   EXPECT_EQ(none.values.count("src-path") + none.values.count("dst-path"), 0u);
 
+  // With both names given as switches, positional tokens are the values of the positional names
+  // by number, at their place on the command line: the later value wins.
+  Harness repeated;
+  ASSERT_TRUE(repeated.parse({"--src-path", "s", "--dst-path", "d", "p1", "p2"}));
+  EXPECT_EQ(repeated.values, (Harness::Values{{"src-path", "p1"}, {"dst-path", "p2"}}));
+  Harness earlier;
+  ASSERT_TRUE(earlier.parse({"p1", "--src-path", "s", "--dst-path", "d"}));
+  EXPECT_EQ(earlier.values, (Harness::Values{{"src-path", "s"}, {"dst-path", "d"}}));
+  // One given by name: the first positional fills the other, the second is the second name's.
+  Harness oneNamed;
+  ASSERT_TRUE(oneNamed.parse({"p1", "--src-path", "s", "p2"}));
+  EXPECT_EQ(oneNamed.values, (Harness::Values{{"src-path", "s"}, {"dst-path", "p2"}}));
+  EXPECT_EQ(oneNamed.order, (Harness::Order{"dst-path", "src-path", "dst-path"}));
+
   Harness zero;
   EXPECT_TRUE(zero.parser->parse(0, static_cast<const char* const*>(nullptr)));
 }
@@ -130,7 +144,7 @@ TEST(ArgParser, ErrorMessages)
     {{"-qv"}, "ERROR: unexpected argument -qv.\n"},
     {{"--Tree"}, "ERROR: unexpected argument --Tree.\n"},
     {{"a", "b", "c"}, "ERROR: unexpected argument c\n"},
-    {{"--src-path", "a", "b", "c"}, "ERROR: unexpected argument c\n"},
+    {{"--src-path", "a", "b", "c", "d"}, "ERROR: unexpected argument d\n"},
     {{"--dst-path"}, "ERROR: missing value after argument --dst-path.\n"},
     {{"a", "-l"}, "ERROR: missing value after argument -l.\n"},
     {{"--tree=yes"}, "ERROR: unexpected value after argument --tree=yes.\n"},
@@ -213,10 +227,10 @@ TEST(ArgParser, IgnoredAndExtraArguments)
 TEST(ArgParser, Help)
 {
   Harness h;
-  // The help switch stops the parse: nothing after it is looked at, and no callback runs.
-  ASSERT_TRUE(h.parse({"-q", "--help", "--bogus"}));
+  // The help switch stops the parse: nothing after it is looked at.
+  ASSERT_TRUE(h.parse({"-q", "--help", "--bogus", "a", "b", "c"}));
   EXPECT_TRUE(h.parser->helpShown());
-  EXPECT_TRUE(h.order.empty());
+  EXPECT_EQ(h.order, Harness::Order{"quiet"});
   EXPECT_EQ(h.err, "");
   EXPECT_EQ(h.out, "Usage: prog [options] [src-path] [dst-path]\n"
                    "\n"
@@ -246,24 +260,49 @@ TEST(ArgParser, Help)
   EXPECT_EQ(noHelp.err, "ERROR: unexpected argument --help.\n");
 }
 
-TEST(ArgParser, WideArgumentsAreConvertedToUtf8)
+// Each token is dealt with before the next one is looked at, so whichever fault comes first on
+// the command line is reported, whatever its kind; callbacks of earlier tokens have run.
+TEST(ArgParser, FirstFaultOnTheCommandLineWins)
 {
-  Harness h;
-  const wchar_t* argv[] = {L"prog", L"--src-path", L"mod\u00E8le\u20AC.primitives", L"\U0001F600"};
-  ASSERT_TRUE(h.parser->parse(4, argv));
-  EXPECT_EQ(h.values, (Harness::Values{{"src-path", "mod\xC3\xA8le\xE2\x82\xAC.primitives"},
-                                       {"dst-path", "\xF0\x9F\x98\x80"}}));
+  struct Case
+  {
+    std::initializer_list<const char*> args;
+    const char* error;
+    size_t callbacks;
+  };
+  const Case cases[] = {
+    // A third positional before an unknown switch, a missing value or a refused value.
+    {{"a", "b", "c", "--bogus"}, "ERROR: unexpected argument c\n", 2},
+    {{"a", "b", "c", "-l"}, "ERROR: unexpected argument c\n", 2},
+    {{"a", "-q", "b", "c", "--level", "bad"}, "ERROR: unexpected argument c\n", 3},
+    {{"a", "b", "c", "--tree=1"}, "ERROR: unexpected argument c\n", 2},
+    // ... and each of those before a third positional.
+    {{"--bogus", "a", "b", "c"}, "ERROR: unexpected argument --bogus.\n", 0},
+    {{"a", "--tree=1", "b", "c"}, "ERROR: unexpected value after argument --tree=1.\n", 1},
+    {{"a", "--level", "bad", "b", "c"}, "ERROR: invalid value bad", 2},
+    {{"a", "b", "-x", "--level"}, "ERROR: unexpected argument -x.\n", 2},
+    // A refused value before a later unknown switch, and the other way round.
+    {{"-l", "bad", "--bogus"}, "ERROR: invalid value bad", 1},
+    {{"-z", "-l", "bad"}, "ERROR: unexpected argument -z.\n", 0},
+    // A positional refused by its callback before a later fault.
+    {{"bad", "--bogus"}, "ERROR: invalid value bad", 1},
+    // The value option at the very end comes last.
+    {{"-q", "a", "b", "--level"}, "ERROR: missing value after argument --level.\n", 3},
+  };
+  for (const Case& c : cases)
+  {
+    Harness h;
+    EXPECT_FALSE(h.parse(c.args)) << c.error;
+    EXPECT_EQ(h.err, c.error);
+    EXPECT_EQ(h.order.size(), c.callbacks) << c.error;
+  }
 
-  // Command lines too long for the stack area are converted on the heap.
-  Harness big;
-  const std::wstring longValue(20000, L'\u00E9');
-  const wchar_t* longArgv[] = {L"prog", longValue.c_str(), L"short"};
-  ASSERT_TRUE(big.parser->parse(3, longArgv));
-  EXPECT_EQ(big.values["src-path"].size(), 40000u);
-  EXPECT_EQ(big.values["dst-path"], "short");
-
-  Harness bad;
-  const wchar_t* badArgv[] = {L"prog", L"--bogus\u00E9"};
-  EXPECT_FALSE(bad.parser->parse(2, badArgv));
-  EXPECT_EQ(bad.err, "ERROR: unexpected argument --bogus\xC3\xA9.\n");
+  // The end-of-line checks come after every token: a token fault wins over a missing positional
+  // or required option, and a missing positional over a missing required option.
+  Harness tokenFirst(kToolFlags, ArgParser::kRequired, 0);
+  EXPECT_FALSE(tokenFirst.parse({"--bogus"}));
+  EXPECT_EQ(tokenFirst.err, "ERROR: unexpected argument --bogus.\n");
+  Harness positionalFirst(kToolFlags, ArgParser::kRequired, 0);
+  EXPECT_FALSE(positionalFirst.parse({"a"}));
+  EXPECT_EQ(positionalFirst.err, "ERROR: missing required positional arguments.\n");
 }

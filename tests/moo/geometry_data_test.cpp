@@ -115,6 +115,13 @@ void expectSameAsModel(const GeometryData& data, const SampleModel& model)
   }
 }
 
+// The texts that a failed buffer-count check reports name the reader's fields as its users know them.
+TEST(GeometryData, BufferCountCheckTexts)
+{
+  EXPECT_STREQ(Moo::GeometryData::kVertexBufferCountCheck, "proto.mergedVerticesCount == mergedVertices_.size()");
+  EXPECT_STREQ(Moo::GeometryData::kIndexBufferCountCheck, "proto.mergedIndicesCount == mergedIndices_.size()");
+}
+
 TEST(GeometryData, ReadsBackWhatWasPacked)
 {
   for (const bool rich : {false, true})

@@ -1,10 +1,13 @@
 #include "resmgr/bin_section.hpp"
 
+#include "cstdmf/platform.hpp"
 #include "test_helpers.hpp"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -259,6 +262,58 @@ TEST(BinSection, SavingAndZippingAskTheParent)
                         "ERROR: [ResMgr] BinSection: Parent section for 'elsewhere/file' not found.\n\n"
                         "ERROR: [ResMgr] BinSection: Can't convert to zip without a parent.\n\n"
                         "ERROR: [ResMgr] DataSection::convertChildToZip: 'file' cannot convert its child 'a'.\n\n");
+}
+
+// A section loaded from a file saves into that file, also when one of its children is saved; the
+// creator's other forms hand out sections held by the given parent.
+TEST(BinSection, CreatorAndSavingIntoTheFileReadFrom)
+{
+  const std::filesystem::path dir =
+    std::filesystem::temp_directory_path() / ("bin_section_save_" + std::to_string(platform::processId()));
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "model.primitives").generic_string();
+  const BinaryPtr original = write(kSample);
+  {
+    std::ofstream out(path, std::ios::binary);
+    out.write(original->data(), static_cast<std::streamsize>(original->len()));
+  }
+
+  SmartPointer<BinSection> file = BinSectionCreator::load(path);
+  ASSERT_TRUE(file);
+  EXPECT_EQ(file->sectionName(), path);
+  EXPECT_EQ(file->filePath(), path);
+  EXPECT_EQ(file->countChildren(), 4);
+  DataSectionPtr added = file->newSection("added");
+  ASSERT_TRUE(added->setBinary(blockOf("new bytes")));
+  EXPECT_TRUE(added->save()); // asks the file section, which writes itself
+  file->delChild("a");
+  EXPECT_TRUE(file->save());
+
+  SmartPointer<BinSection> reread = BinSectionCreator::load(path);
+  ASSERT_TRUE(reread);
+  const Parsed parsed = parse(reread->asBinary());
+  EXPECT_TRUE(parsed.ok);
+  EXPECT_EQ(parsed.entries, (Entries{kSample[0], kSample[1], kSample[3], {"added", "new bytes"}}));
+  // Nothing but the file itself is left in the directory.
+  size_t files = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir))
+    ++files;
+  EXPECT_EQ(files, 1u);
+
+  resmgr_test::CapturedLog log;
+  SmartPointer<BinSection> created = BinSectionCreator::create(file.get(), "fresh");
+  EXPECT_EQ(created->parentSection(), file.get());
+  EXPECT_EQ(created->countChildren(), 0);
+  SmartPointer<BinSection> loaded = BinSectionCreator::load(file.get(), "over", write(kSample));
+  ASSERT_TRUE(loaded);
+  EXPECT_EQ(loaded->parentSection(), file.get());
+  EXPECT_EQ(loaded->countChildren(), 4);
+  EXPECT_FALSE(BinSectionCreator::load(nullptr, "none", nullptr));
+  EXPECT_FALSE(BinSectionCreator::load((dir / "missing.primitives").generic_string()));
+  EXPECT_EQ(log.text(), "ERROR: [ResMgr] BinSectionCreator::load 'none' has no bytes.\n\n"
+                        "ERROR: [ResMgr] BinSectionCreator::load cannot read '" +
+                          (dir / "missing.primitives").generic_string() + "'.\n\n");
+  std::filesystem::remove_all(dir);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <sstream>
 #include <string>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -72,9 +73,37 @@ TEST(BinaryBlock, FailedAllocationLeavesAnEmptyBlock)
   resmgr_test::CapturedLog log;
   BinaryPtr huge(new BinaryBlock(nullptr, SIZE_MAX / 2, "Test"));
   EXPECT_EQ(huge->len(), 0u);
-  EXPECT_NE(log.text().find("ERROR: [ResMgr] BinaryBlock: Failed to alloc " + std::to_string(SIZE_MAX / 2) +
-                            " bytes\n"),
-            std::string::npos);
+  EXPECT_TRUE(log.text().find("ERROR: [ResMgr] BinaryBlock: Failed to alloc ") != std::string::npos) << log.text();
+
+  // The exact lines, with the counts as their formats print them.
+  resmgr_test::CapturedLog exact;
+  BinaryBlock::failNextAllocationForTesting();
+  BinaryPtr copy(new BinaryBlock("abcd", 4, "Test"));
+  EXPECT_EQ(copy->len(), 0u);
+  std::istringstream stream(std::string(70000, 's'));
+  BinaryBlock::failNextAllocationForTesting();
+  BinaryPtr fromStream(new BinaryBlock(stream, 70000, "Test"));
+  EXPECT_EQ(fromStream->len(), 0u);
+  EXPECT_EQ(exact.text(), "ERROR: [ResMgr] BinaryBlock: Failed to alloc 4 bytes\n\n"
+                          "ERROR: [ResMgr] BinaryBlock: Failed to alloc 70000 bytes (creating from stream)\n\n");
+}
+
+TEST(BinaryBlock, MadeFromAStream)
+{
+  std::istringstream stream("0123456789");
+  stream.ignore(2);
+  BinaryPtr block(new BinaryBlock(stream, 5, "BinaryBlock/DataSection"));
+  EXPECT_EQ(textOf(block), "23456");
+  EXPECT_STREQ(block->allocationTag(), "BinaryBlock/DataSection");
+  EXPECT_FALSE(block->owner());
+
+  // A stream that ends early gives an empty block and says so.
+  resmgr_test::CapturedLog log;
+  BinaryPtr truncated(new BinaryBlock(stream, 10, "Test"));
+  EXPECT_EQ(truncated->len(), 0u);
+  EXPECT_EQ(log.text(), "ERROR: [ResMgr] BinaryBlock: the stream ended after 3 of 10 bytes\n\n");
+  BinaryPtr empty(new BinaryBlock(stream, 0, "Test"));
+  EXPECT_EQ(empty->len(), 0u);
 }
 
 TEST(BinaryBlock, CompressRoundTripAndBrokenStreams)

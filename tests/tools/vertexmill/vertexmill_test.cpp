@@ -77,7 +77,7 @@ TEST_F(VertexmillTool, BadCommandLinesExitWithOne)
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
     {{"--bogus", "a", "b"}, "ERROR: unexpected argument --bogus.\n"},
     {{"a", "--dst-path"}, "ERROR: missing value after argument --dst-path.\n"},
-    {{"-q", "--src-path", "a", "b", "c"}, "ERROR: unexpected argument c\n"},
+    {{"-q", "a", "b", "c", "--bogus"}, "ERROR: unexpected argument c\n"},
     // Empty paths are refused by the tool itself, straight to standard error, even when quiet.
     {{}, kEmptyArguments},
     {{"--tree", str("")}, kEmptyArguments},
