@@ -5,6 +5,7 @@
 //   platform_probe exit N           exits with N through the C runtime
 //   platform_probe fatal            platform::exitProcess(-1)
 //   platform_probe streams          "a\n" on standard output and "b\n" on standard error
+//   platform_probe hang             never returns (for time limits)
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 
@@ -49,6 +50,12 @@ int probe(int argc, char** argv)
     std::fputs("a\n", stdout);
     std::fputs("b\n", stderr);
     return 0;
+  }
+  if (command == "hang")
+  {
+    for (volatile unsigned long spin = 0;; spin = spin + 1)
+    {
+    }
   }
   std::fputs("unknown probe\n", stderr);
   return 100;
