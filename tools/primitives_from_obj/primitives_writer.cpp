@@ -40,7 +40,8 @@ enum class Fill
   TangentPacked,
   BinormalFloat3,
   BinormalPacked,
-  TexcoordFloat2, // the first texture coordinate, also used for the second
+  TexcoordFloat2,  // the first texture coordinate
+  Texcoord2Float2, // the second texture coordinate, or the first again where the set has none
   ZeroFloat1,
   BoneIndices,
   BoneWeights,
@@ -85,7 +86,7 @@ bool planElement(const Moo::VertexElement& element, std::vector<ElementFill>& pl
     break;
   case S::TEXCOORD:
     if (type == T::FLOAT2)
-      fill = Fill::TexcoordFloat2;
+      fill = element.semanticIndex_ == 0 ? Fill::TexcoordFloat2 : Fill::Texcoord2Float2;
     else if (type == T::FLOAT1)
       fill = Fill::ZeroFloat1;
     break;
@@ -193,6 +194,9 @@ BinaryPtr encodeVertexSection(const RenderSet& set, const Moo::PrimitiveVertexFo
   const bool wantsFrames = needsTangentFrames(format);
   ZR_ASSERT(!wantsFrames || (set.tangents.size() == set.vertexCount() && set.binormals.size() == set.vertexCount()));
   ZR_ASSERT(set.normals.size() == set.vertexCount() && set.texcoords.size() == set.vertexCount());
+  ZR_ASSERT(set.texcoords2.empty() || set.texcoords2.size() == set.vertexCount());
+  ZR_ASSERT(set.boneIndices.size() == set.boneWeights.size());
+  ZR_ASSERT(set.boneIndices.empty() || set.boneIndices.size() == set.vertexCount());
 
   const uint64_t stride = ari::VertexDeclaration::computeStreamDataSize(format.m_format, 0);
   const uint64_t count = set.vertexCount();
@@ -249,13 +253,27 @@ BinaryPtr encodeVertexSection(const RenderSet& set, const Moo::PrimitiveVertexFo
         putFloats(dest, uv, 2);
         break;
       }
+      case Fill::Texcoord2Float2:
+      {
+        const Vec2 source = set.texcoords2.empty() ? set.texcoords[v] : set.texcoords2[v];
+        const float uv[2] = {source.x, source.y};
+        putFloats(dest, uv, 2);
+        break;
+      }
       case Fill::ZeroFloat1:
         break; // the block is zero-filled, and 0.0f is all zero bits
       case Fill::BoneIndices:
-        break; // bone 0 three times: zero bytes
+        if (!set.boneIndices.empty()) // else bone 0 three times: zero bytes
+          std::memcpy(dest, set.boneIndices[v].data(), 3);
+        break;
       case Fill::BoneWeights:
-        dest[0] = static_cast<char>(255); // the whole weight on the first bone
-        dest[1] = 0;
+        if (set.boneWeights.empty())
+        {
+          dest[0] = static_cast<char>(255); // the whole weight on the first bone
+          dest[1] = 0;
+        }
+        else
+          std::memcpy(dest, set.boneWeights[v].data(), 2);
         break;
       case Fill::White:
         std::memset(dest, 0xFF, 4);
@@ -338,7 +356,7 @@ bool writeFileReplacing(const std::string& path, const void* data, size_t size, 
   std::FILE* file = platform::openFile(temporary, "wb");
   if (file == nullptr)
   {
-    error = fmt::format("{}: cannot create file: {}", temporary, std::strerror(errno));
+    error = fmt::format("cannot write '{}': {}", path, std::strerror(errno));
     return false;
   }
   bool ok = size == 0 || std::fwrite(data, 1, size, file) == size;
@@ -356,14 +374,14 @@ bool writeFileReplacing(const std::string& path, const void* data, size_t size, 
   std::error_code ec;
   if (!ok)
   {
-    error = fmt::format("{}: cannot write file: {}", temporary, std::strerror(savedErrno));
+    error = fmt::format("cannot write '{}': {}", path, std::strerror(savedErrno));
     std::filesystem::remove(cstdmf::u8path(temporary), ec);
     return false;
   }
   std::filesystem::rename(cstdmf::u8path(temporary), cstdmf::u8path(path), ec);
   if (ec)
   {
-    error = fmt::format("{}: cannot replace file: {}", path, ec.message());
+    error = fmt::format("cannot replace '{}': {}", path, ec.message());
     std::error_code ignored;
     std::filesystem::remove(cstdmf::u8path(temporary), ignored);
     return false;

@@ -60,32 +60,40 @@ TEST(CommandLine, ExitStatuses)
   RunResult r = runTool(dir, "--help");
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("usage: primitives_from_obj"), std::string::npos);
+  r = runTool(dir, "--version");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("primitives_from_obj ", 0), 0u) << r.out;
 
   const std::string badCommandLines[] = {
     "", quoted(dir.path("good.obj")), "--bogus a b", quoted(dir.path("good.obj")) + " " + quoted(out) + " --format XYZNUV",
-    "--procedural cone " + quoted(out), "--format",
+    "--procedural cone " + quoted(out), "--format", "--time-limit abc " + quoted(dir.path("good.obj")) + " " + quoted(out),
   };
   for (const std::string& bad : badCommandLines)
   {
     SCOPED_TRACE(bad);
     r = runTool(dir, bad);
     EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_FALSE(r.err.empty());
+    EXPECT_EQ(r.err.rfind("ERROR: ", 0), 0u) << r.err;
   }
   EXPECT_FALSE(std::filesystem::exists(out));
 
-  // Malformed input leaves an existing output untouched.
+  // Malformed input (status 3) and a missing input (status 2) leave an existing output untouched.
   std::ofstream(out) << "previous";
   r = runTool(dir, quoted(dir.path("bad.obj")) + " " + quoted(out));
-  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.err.find("bad.obj:3: position index 3 is out of range"), std::string::npos) << r.err;
   r = runTool(dir, quoted(dir.path("missing.obj")) + " " + quoted(out));
   EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("ERROR: cannot read '" + dir.path("missing.obj") + "': "), std::string::npos) << r.err;
   EXPECT_EQ(slurp(out), "previous");
 
-  r = runTool(dir, quoted(dir.path("good.obj")) + " " + quoted(dir.path("no/dir/out.primitives")));
-  EXPECT_EQ(r.status, 3);
-  EXPECT_NE(r.err.find("cannot create file"), std::string::npos) << r.err;
+  // The output's directory is checked before the input is read (the input here does not even
+  // exist), and the message names the output, not a temporary file.
+  const std::string noDir = dir.path("no/dir/out.primitives");
+  r = runTool(dir, quoted(dir.path("missing.obj")) + " " + quoted(noDir));
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("ERROR: cannot write '" + noDir + "': "), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find(".tmp"), std::string::npos) << r.err;
 
   r = runTool(dir, quoted(dir.path("good.obj")) + " " + quoted(out) + " --format=xyznuviiiww");
   EXPECT_EQ(r.status, 0) << r.err;
