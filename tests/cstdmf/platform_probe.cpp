@@ -9,11 +9,13 @@
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace
 {
@@ -53,9 +55,8 @@ int probe(int argc, char** argv)
   }
   if (command == "hang")
   {
-    for (volatile unsigned long spin = 0;; spin = spin + 1)
-    {
-    }
+    for (;;)
+      std::this_thread::sleep_for(std::chrono::seconds(1));
   }
   std::fputs("unknown probe\n", stderr);
   return 100;

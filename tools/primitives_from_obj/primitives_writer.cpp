@@ -3,6 +3,7 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "moo/vertex_conversion.hpp"
 #include "moo/vertex_format.hpp"
 #include "moo/vertex_section.hpp"
 #include "resmgr/bin_section.hpp"
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <system_error>
 #include <utility>
 
@@ -27,7 +29,6 @@ namespace objimport
 namespace
 {
 
-constexpr size_t kFormatNameFieldSize = 64;
 constexpr const char* kAllocationTag = "BinaryBlock/PrimitivesFromObj";
 
 // What one element of the source layout is filled with.
@@ -128,12 +129,6 @@ void putPacked(char* dest, Vec3 unit)
   std::memcpy(dest, &word, sizeof(word));
 }
 
-void writeFormatName(char* dest, std::string_view name)
-{
-  ZR_ASSERT(name.size() < kFormatNameFieldSize);
-  std::memcpy(dest, name.data(), name.size()); // the block is zero-filled: the name stays terminated
-}
-
 int32_t packSigned(float value, float scale, int32_t limit)
 {
   if (!std::isfinite(value))
@@ -144,12 +139,6 @@ int32_t packSigned(float value, float scale, int32_t limit)
   if (scaled <= static_cast<float>(-limit))
     return -limit;
   return static_cast<int32_t>(scaled);
-}
-
-int32_t signExtend(uint32_t field, int bits)
-{
-  const uint32_t signBit = 1u << (bits - 1);
-  return static_cast<int32_t>((field ^ signBit) - signBit);
 }
 
 } // namespace
@@ -164,9 +153,12 @@ uint32_t packNormal111110(Vec3 v)
 
 Vec3 unpackNormal111110(uint32_t word)
 {
-  return {static_cast<float>(signExtend(word & 0x7FFu, 11)) * (1.0f / 1023.0f),
-          static_cast<float>(signExtend((word >> 11) & 0x7FFu, 11)) * (1.0f / 1023.0f),
-          static_cast<float>(signExtend(word >> 22, 10)) * (1.0f / 511.0f)};
+  // The converter's own decoding, so that this check sees what the converter will.
+  Moo::Vector3 decoded;
+  const bool converted = Moo::convertSingleElement(VertexSemantic::NORMAL, &decoded, VertexDataType::FLOAT3, &word,
+                                                   VertexDataType::PACKED_NORMAL);
+  ZR_ASSERT(converted);
+  return {decoded.x, decoded.y, decoded.z};
 }
 
 bool needsTangentFrames(const Moo::PrimitiveVertexFormat& format)
@@ -214,9 +206,8 @@ BinaryPtr encodeVertexSection(const RenderSet& set, const Moo::PrimitiveVertexFo
     return nullptr;
   }
   char* bytes = block->cdata();
-  writeFormatName(bytes, format.formatName);
-  const auto count32 = static_cast<uint32_t>(count);
-  std::memcpy(bytes + kFormatNameFieldSize, &count32, sizeof(count32));
+  Moo::writeVertexSectionHeader(std::as_writable_bytes(std::span(bytes, block->len())), format.formatName,
+                                static_cast<uint32_t>(count));
 
   char* vertex = bytes + Moo::kVertexSectionHeaderSize;
   for (size_t v = 0; v < count; ++v, vertex += stride)
@@ -302,10 +293,8 @@ BinaryPtr encodeIndexSection(const RenderSet& set, std::string& error)
     return nullptr;
   }
   char* bytes = block->cdata();
-  writeFormatName(bytes, Moo::getIndexFormatName(format));
-  const auto count32 = static_cast<uint32_t>(count);
-  std::memcpy(bytes + kFormatNameFieldSize, &count32, sizeof(count32));
-  // Bytes 68-71 stay zero.
+  Moo::writeIndexSectionHeader(std::as_writable_bytes(std::span(bytes, block->len())), format,
+                               static_cast<uint32_t>(count));
   char* out = bytes + Moo::kIndexSectionHeaderSize;
   if (format == IndexFormat::LIST32)
   {
