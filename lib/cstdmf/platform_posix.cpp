@@ -125,7 +125,7 @@ pid_t waitForChild(pid_t child, int& waitStatus, unsigned limitMilliseconds, boo
   }
   timespec start{};
   ::clock_gettime(CLOCK_MONOTONIC, &start);
-  long pauseNanoseconds = 1000000; // 1 ms, growing to 50 ms: short runs stay short
+  long pauseNanoseconds = 500000; // 0.5 ms, growing to 8 ms: short runs stay short
   for (;;)
   {
     waited = ::waitpid(child, &waitStatus, WNOHANG);
@@ -145,7 +145,7 @@ pid_t waitForChild(pid_t child, int& waitStatus, unsigned limitMilliseconds, boo
     }
     const timespec pause{0, pauseNanoseconds};
     ::nanosleep(&pause, nullptr);
-    if (pauseNanoseconds < 50000000)
+    if (pauseNanoseconds < 8000000)
       pauseNanoseconds *= 2;
   }
 }

@@ -284,6 +284,7 @@ int run(int argc, char** argv)
 
   BinaryPtr container;
   std::string formatName;
+  std::string readAs; // for scene files: the library's reader, and whether the scene is skinned
   size_t setCount = 0, vertices = 0, triangles = 0;
   if (args.procedural || objimport::isObjPath(args.input))
   {
@@ -318,6 +319,7 @@ int run(int argc, char** argv)
       return kExitFailed;
     }
     formatName = summary.formatName;
+    readAs = fmt::format(" ({}{})", summary.formatRead, summary.skinned ? ", skinned" : "");
     setCount = summary.sets;
     vertices = summary.vertices;
     triangles = summary.triangles;
@@ -325,8 +327,8 @@ int run(int argc, char** argv)
   if (!objimport::writeFileReplacing(args.output, container->data(), container->len(), error))
     return fail(kExitFailed, error);
 
-  fmt::print("{}: {} set{}, {} vertices, {} triangles, format {}, {} bytes\n", args.output, setCount,
-             setCount == 1 ? "" : "s", vertices, triangles, formatName, container->len());
+  fmt::print("{}: {} set{}, {} vertices, {} triangles, format {}, {} bytes{}\n", args.output, setCount,
+             setCount == 1 ? "" : "s", vertices, triangles, formatName, container->len(), readAs);
   return kExitOk;
 }
 

@@ -116,8 +116,10 @@ private:
     set.normals.resize(count);
     set.texcoords.resize(count);
 
-    // Skinned meshes stay in bind space; rigid ones move to the root's space.
+    // Skinned meshes stay in bind space; rigid ones move to the root's space. Without a transform
+    // the values are copied as they are (a multiplication by one would turn -0 into +0).
     const aiMatrix4x4 transform = skinned ? aiMatrix4x4() : global;
+    const bool moved = !(transform == aiMatrix4x4()); // exactly: the library's IsIdentity allows 1e-2
     aiMatrix3x3 normalTransform(transform);
     const bool mirrored = normalTransform.Determinant() < 0.0f;
     if (std::fabs(normalTransform.Determinant()) > 0.0f)
@@ -125,14 +127,14 @@ private:
 
     for (size_t v = 0; v < count; ++v)
     {
-      const aiVector3D p = transform * mesh.mVertices[v];
+      const aiVector3D p = moved ? transform * mesh.mVertices[v] : mesh.mVertices[v];
       if (!finite(mesh.mVertices[v]) || !finite(p))
         return fail(error, fmt::format("mesh '{}' has a position that is not a finite number (vertex {})", name, v));
       set.positions[v] = {p.x, p.y, p.z};
       Vec3 n = kDefaultNormal;
       if (mesh.mNormals != nullptr)
       {
-        const aiVector3D t = normalTransform * mesh.mNormals[v];
+        const aiVector3D t = moved ? normalTransform * mesh.mNormals[v] : mesh.mNormals[v];
         n = finite(t) ? normalizedOr({t.x, t.y, t.z}, kDefaultNormal) : kDefaultNormal;
       }
       set.normals[v] = n;
@@ -264,7 +266,10 @@ bool readScene(const std::string& path, bool flipV, SceneImport& out, std::strin
     error = fmt::format("{}: cannot import: {}", path, reason != nullptr && *reason ? reason : "no scene");
     return false;
   }
-  const int reader = importer.GetImporterIndex(lowerExtension(path).c_str());
+  // The reader that took the file (files are recognised by content too), else the extension's.
+  int reader = importer.GetPropertyInteger("importerIndex", -1);
+  if (reader < 0)
+    reader = importer.GetImporterIndex(lowerExtension(path).c_str());
   const aiImporterDesc* description = reader >= 0 ? importer.GetImporterInfo(static_cast<size_t>(reader)) : nullptr;
   out.formatRead = description != nullptr && description->mName != nullptr ? description->mName : "unknown";
   SceneConverter converter(path, flipV, out);
