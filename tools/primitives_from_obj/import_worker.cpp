@@ -51,7 +51,8 @@ public:
   }
   ~WorkerFiles()
   {
-    for (const std::string& path : {m_result, m_out, m_err})
+    // The result's own temporary too: a worker killed while writing leaves it behind.
+    for (const std::string& path : {m_result, m_result + ".tmp", m_out, m_err})
     {
       std::error_code ignored;
       std::filesystem::remove(cstdmf::u8path(path), ignored);
