@@ -164,3 +164,31 @@ TEST(ImportWorker, CrashesHangsAndRefusalsAreReportedNotShared)
 }
 
 } // namespace
+
+namespace
+{
+
+// Triangles whose winding agrees with their vertices' normals, out of all.
+double frontFacingShare(const RenderSet& set)
+{
+  size_t agree = 0;
+  for (size_t i = 0; i + 2 < set.indices.size(); i += 3)
+  {
+    const uint32_t a = set.indices[i], b = set.indices[i + 1], c = set.indices[i + 2];
+    const Vec3 face = cross(set.positions[b] - set.positions[a], set.positions[c] - set.positions[a]);
+    agree += dot(face, set.normals[a] + set.normals[b] + set.normals[c]) > 0.0f;
+  }
+  return set.indices.empty() ? 1.0 : static_cast<double>(agree) / static_cast<double>(set.indices.size() / 3);
+}
+
+TEST(SceneReader, MirroringTransformsKeepFacesFrontFacing)
+{
+  SceneImport scene;
+  std::string error;
+  ASSERT_TRUE(readScene(kModels + "FBX/cubes_with_mirroring_and_pivot.fbx", false, scene, error)) << error;
+  ASSERT_FALSE(scene.sets.empty());
+  for (const RenderSet& set : scene.sets)
+    EXPECT_GT(frontFacingShare(set), 0.99) << set.name;
+}
+
+} // namespace
