@@ -103,6 +103,18 @@ TEST(CommandLine, ExitStatuses)
   EXPECT_EQ(std::filesystem::file_size(out), 4u + (68 + 4 * 29) + (72 + 6 * 2) + (24 + 16) + (24 + 12) + 4);
   EXPECT_FALSE(std::filesystem::exists(out + ".tmp"));
 
+  // The same file as UTF-16 text with a byte-order mark.
+  {
+    const std::string text = "o Hull\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n";
+    std::ofstream utf16(dir.path("utf16.obj"), std::ios::binary);
+    utf16 << '\xFF' << '\xFE';
+    for (char c : text)
+      utf16 << c << '\0';
+  }
+  r = runTool(dir, quoted(dir.path("utf16.obj")) + " " + quoted(out));
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("1 set, 4 vertices, 2 triangles"), std::string::npos) << r.out;
+
   r = runTool(dir, "--procedural cube " + quoted(out));
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("2 sets, 24 vertices, 12 triangles, format xyznuvtb"), std::string::npos) << r.out;
