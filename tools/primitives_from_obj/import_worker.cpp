@@ -167,14 +167,16 @@ BinaryPtr importInChild(const std::string& program, const WorkerRequest& request
   const std::string messages = trimmed(readText(files.err()));
   if (*status != 0)
   {
-    if (!messages.empty())
-      error = messages;
-    else if (*status > 128)
-      error = fmt::format("ERROR: {}: the import library crashed on this file (signal {})", request.input, *status - 128);
-    else
-      error = fmt::format("ERROR: {}: the import stopped with status {}", request.input, *status);
-    if (!messages.empty() && *status > 128)
-      error += fmt::format("\nERROR: {}: the import library crashed on this file (signal {})", request.input, *status - 128);
+    // The worker's own messages name the input; what ended it otherwise is said here.
+    error = messages;
+    if (*status > 128 || messages.find(request.input) == std::string::npos)
+    {
+      if (!error.empty())
+        error += '\n';
+      error += *status > 128 ? fmt::format("ERROR: {}: the import library crashed on this file (signal {})",
+                                           request.input, *status - 128)
+                             : fmt::format("ERROR: {}: the import stopped with status {}", request.input, *status);
+    }
     return nullptr;
   }
 

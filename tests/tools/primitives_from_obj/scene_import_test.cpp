@@ -160,6 +160,9 @@ TEST(ImportWorker, CrashesHangsAndRefusalsAreReportedNotShared)
   EXPECT_NE(error.find("hang: the import did not finish within 1 seconds"), std::string::npos) << error;
   EXPECT_FALSE(importInChild(fake, {"refuse", "", false, 30}, summary, error));
   EXPECT_EQ(error, "ERROR: refuse: the library says no");
+  // Output that does not name the file gets a line that does.
+  EXPECT_FALSE(importInChild(fake, {"other", "", false, 30}, summary, error));
+  EXPECT_EQ(error, "something else went wrong\nERROR: other: the import stopped with status 23");
   expectNoWorkerFilesLeft();
 }
 
