@@ -232,6 +232,17 @@ TEST_F(AssimpModels, EndlessImportIsStoppedAtItsTimeLimit)
   EXPECT_FALSE(fs::exists(output.string() + ".tmp"));
 }
 
+// The skinned example is reproduced byte for byte, run after run.
+TEST_F(AssimpModels, SkinnedExampleIsReproducedExactly)
+{
+  const fs::path output = m_dir / "src" / "jumper.primitives";
+  for (int run = 0; run < 2; ++run)
+  {
+    ASSERT_EQ(runTool(PRIMITIVES_IMPORT, {(kModels / "X/BCN_Epileptic.X").string(), output.string()}, m_dir).status, 0);
+    EXPECT_EQ(slurp(output), slurp(fs::path(VERTEXMILL_SOURCE_DIR) / "examples/creatures/jumper.primitives"));
+  }
+}
+
 TEST_F(AssimpModels, EveryReadableModelImportsConvertsValidatesAndExports)
 {
   FormatRegistry registry;
