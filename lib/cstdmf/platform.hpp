@@ -82,21 +82,24 @@ VersionStrings executableVersionStrings(const std::string& utf8Path, const std::
 
 // Where a child process reads and writes: paths of files (UTF-8) that its standard output and
 // error replace (created or truncated), and its working directory (empty: this process's).
-// Standard input is empty.
+// Standard input is empty. A time limit above 0 ends a child that is still running after that
+// many milliseconds (killed, not asked).
 struct ChildIo
 {
   std::string stdoutPath;
   std::string stderrPath;
   std::string workingDirectory;
+  unsigned timeLimitMilliseconds = 0;
 };
 
 // Runs `program` (a path, not searched for) with `arguments` (UTF-8, passed exactly as given, each
 // one argument of the child) and waits for it. Returns its exit status as a parent sees it: on
 // POSIX systems the low 8 bits of the exit code, or 128 + the signal number when a signal ended
 // it; on Windows the whole 32-bit exit code (-1 stays -1). Empty when the program could not be
-// started or a redirection file not opened.
+// started or a redirection file not opened, and when the child was ended at its time limit (then
+// `*timedOut` is set, when given).
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
-                              const ChildIo& io);
+                              const ChildIo& io, bool* timedOut = nullptr);
 
 // Makes standard output and error pass bytes through unchanged, so that a line ends in "\n" on
 // every platform: Windows opens them in text mode, which writes "\n" as "\r\n" for the C library

@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace platform
@@ -109,9 +110,56 @@ void useBinaryStandardStreams()
 {
 }
 
-std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
-                              const ChildIo& io)
+namespace
 {
+
+// Waits for `child`; with a limit, polls and kills it once the limit has passed. Returns the pid
+// waited for (or -1) and sets `killed` when the limit ended it.
+pid_t waitForChild(pid_t child, int& waitStatus, unsigned limitMilliseconds, bool& killed)
+{
+  killed = false;
+  pid_t waited = -1;
+  if (limitMilliseconds == 0)
+  {
+    do
+      waited = ::waitpid(child, &waitStatus, 0);
+    while (waited < 0 && errno == EINTR);
+    return waited;
+  }
+  timespec start{};
+  ::clock_gettime(CLOCK_MONOTONIC, &start);
+  long pauseNanoseconds = 500000; // 0.5 ms, growing to 8 ms: short runs stay short
+  for (;;)
+  {
+    waited = ::waitpid(child, &waitStatus, WNOHANG);
+    if (waited != 0 && !(waited < 0 && errno == EINTR))
+      return waited;
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long elapsed = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000LL;
+    if (elapsed >= static_cast<long long>(limitMilliseconds))
+    {
+      ::kill(child, SIGKILL);
+      killed = true;
+      do
+        waited = ::waitpid(child, &waitStatus, 0);
+      while (waited < 0 && errno == EINTR);
+      return waited;
+    }
+    const timespec pause{0, pauseNanoseconds};
+    ::nanosleep(&pause, nullptr);
+    if (pauseNanoseconds < 8000000)
+      pauseNanoseconds *= 2;
+  }
+}
+
+} // namespace
+
+std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
+                              const ChildIo& io, bool* timedOut)
+{
+  if (timedOut != nullptr)
+    *timedOut = false;
   // Everything the child needs is made before fork: after it only async-signal-safe calls.
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(program.c_str()));
@@ -148,13 +196,12 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
     while (got < 0 && errno == EINTR);
     int waitStatus = 0;
     pid_t waited = -1;
+    bool killed = false;
     if (child > 0)
-    {
-      do
-        waited = ::waitpid(child, &waitStatus, 0);
-      while (waited < 0 && errno == EINTR);
-    }
-    if (waited == child && got == 0)
+      waited = waitForChild(child, waitStatus, io.timeLimitMilliseconds, killed);
+    if (killed && timedOut != nullptr)
+      *timedOut = true;
+    if (waited == child && got == 0 && !killed)
       status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
   }
   for (const int fd : {out, err, in, failure[0], failure[1]})

@@ -247,8 +247,10 @@ void useBinaryStandardStreams()
 }
 
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
-                              const ChildIo& io)
+                              const ChildIo& io, bool* timedOut)
 {
+  if (timedOut != nullptr)
+    *timedOut = false;
   const std::wstring application = widen(program);
   std::wstring commandLine;
   appendQuoted(commandLine, application);
@@ -279,7 +281,17 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
   const Handle threadHandle(process.hThread);
 
   DWORD code = 0;
-  if (::WaitForSingleObject(process.hProcess, INFINITE) != WAIT_OBJECT_0 || !::GetExitCodeProcess(process.hProcess, &code))
+  const DWORD limit = io.timeLimitMilliseconds > 0 ? static_cast<DWORD>(io.timeLimitMilliseconds) : INFINITE;
+  const DWORD waited = ::WaitForSingleObject(process.hProcess, limit);
+  if (waited == WAIT_TIMEOUT)
+  {
+    ::TerminateProcess(process.hProcess, 1);
+    ::WaitForSingleObject(process.hProcess, INFINITE);
+    if (timedOut != nullptr)
+      *timedOut = true;
+    return std::nullopt;
+  }
+  if (waited != WAIT_OBJECT_0 || !::GetExitCodeProcess(process.hProcess, &code))
     return std::nullopt;
   return static_cast<int>(code);
 }

@@ -1,7 +1,10 @@
 #include "moo/index_format.hpp"
 
 #include "cstdmf/debug.hpp"
-#include "cstdmf/span_reader.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
 
 namespace ari
 {
@@ -23,13 +26,6 @@ uint32_t getIndexSize(IndexFormat format)
 
 namespace Moo
 {
-
-namespace
-{
-
-constexpr size_t kFormatNameFieldSize = 64;
-
-} // namespace
 
 std::optional<IndexFormat> getIndexFormatFromName(std::string_view name)
 {
@@ -63,12 +59,11 @@ bool readIndexSectionHeader(std::span<const std::byte> section, std::string_view
     return false;
   }
 
-  cstdmf::SpanReader reader(section);
-  const std::string_view formatName = reader.readFixedString(kFormatNameFieldSize);
-  const uint32_t indexCount = reader.read<uint32_t>();
-  reader.skip(4);
-  if (!reader.ok()) // unreachable after the size check; kept so a change of layout cannot read past the end
-    return false;
+  IndexSectionHeaderRecord record;
+  std::memcpy(&record, section.data(), sizeof(record));
+  const std::string_view formatName(record.formatName, static_cast<size_t>(std::find(record.formatName, std::end(record.formatName), '\0') - record.formatName));
+  const uint32_t indexCount = record.indexCount;
+  const std::span<const std::byte> payload = section.subspan(sizeof(record));
 
   const std::optional<IndexFormat> format = getIndexFormatFromName(formatName);
   if (!format)
@@ -80,7 +75,7 @@ bool readIndexSectionHeader(std::span<const std::byte> section, std::string_view
 
   // At most (2^32 - 1) × 4: no overflow in 64 bits.
   const uint64_t needed = static_cast<uint64_t>(indexCount) * ari::getIndexSize(*format);
-  const size_t available = reader.remaining();
+  const size_t available = payload.size();
   if (needed > available)
   {
     ZR_MSG_FMT(DebugMessagePriority::Error, "Moo",
@@ -101,8 +96,18 @@ bool readIndexSectionHeader(std::span<const std::byte> section, std::string_view
   out.format = *format;
   out.formatName.assign(formatName);
   out.indexCount = indexCount;
-  out.indices = reader.readBytes(static_cast<size_t>(needed));
+  out.indices = payload.first(static_cast<size_t>(needed));
   return true;
+}
+
+void writeIndexSectionHeader(std::span<std::byte> section, IndexFormat format, uint32_t indexCount)
+{
+  ZR_ASSERT(section.size() >= sizeof(IndexSectionHeaderRecord));
+  const std::string_view name = getIndexFormatName(format);
+  IndexSectionHeaderRecord record{};
+  std::memcpy(record.formatName, name.data(), name.size());
+  record.indexCount = indexCount;
+  std::memcpy(section.data(), &record, sizeof(record));
 }
 
 } // namespace Moo

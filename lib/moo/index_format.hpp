@@ -6,6 +6,8 @@
 //   68  uint32    not interpreted
 //   72            indices, little-endian, tightly packed
 
+#include "moo/section_records.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -30,7 +32,7 @@ uint32_t getIndexSize(IndexFormat format);
 namespace Moo
 {
 
-constexpr size_t kIndexSectionHeaderSize = 72;
+constexpr size_t kIndexSectionHeaderSize = sizeof(IndexSectionHeaderRecord);
 
 // The format named exactly (case-sensitive) "list" or "list32"; no value for any other name.
 std::optional<IndexFormat> getIndexFormatFromName(std::string_view name);
@@ -53,5 +55,9 @@ struct IndexSectionHeader
 // ignored.
 [[nodiscard]] bool readIndexSectionHeader(std::span<const std::byte> section, std::string_view sectionName,
                                           IndexSectionHeader& out);
+
+// Writes the header of an index section at the start of `section` (at least
+// kIndexSectionHeaderSize bytes, asserted): the format's name NUL-padded, the count and 4 zero bytes.
+void writeIndexSectionHeader(std::span<std::byte> section, IndexFormat format, uint32_t indexCount);
 
 } // namespace Moo

@@ -1,8 +1,9 @@
 #include "moo/vertex_section.hpp"
 
 #include "cstdmf/debug.hpp"
-#include "cstdmf/span_reader.hpp"
 
+#include <algorithm>
+#include <iterator>
 #include <cstring>
 
 namespace Moo
@@ -11,7 +12,6 @@ namespace Moo
 namespace
 {
 
-constexpr size_t kFormatNameFieldSize = 64;
 constexpr char kProcessedMagic[4] = {'B', 'P', 'V', 'T'};
 
 } // namespace
@@ -30,18 +30,23 @@ bool readVertexSectionHeader(std::span<const std::byte> section, std::string_vie
     return false;
   }
 
-  cstdmf::SpanReader reader(section);
-  reader.seek(headerSize - kVertexSectionHeaderSize);
-  const std::string_view formatName = reader.readFixedString(kFormatNameFieldSize);
-  const uint32_t vertexCount = reader.read<uint32_t>();
-  if (!reader.ok()) // unreachable after the size check; kept so a change of layout cannot read past the end
-    return false;
-
-  out.formatName.assign(formatName);
-  out.vertexCount = vertexCount;
+  VertexSectionHeaderRecord record;
+  std::memcpy(&record, section.data() + (headerSize - kVertexSectionHeaderSize), sizeof(record));
+  out.formatName.assign(record.formatName, static_cast<size_t>(std::find(record.formatName, std::end(record.formatName), '\0') - record.formatName));
+  out.vertexCount = record.vertexCount;
   out.processed = processed;
   out.payload = section.subspan(headerSize);
   return true;
+}
+
+void writeVertexSectionHeader(std::span<std::byte> section, std::string_view formatName, uint32_t vertexCount)
+{
+  ZR_ASSERT(section.size() >= sizeof(VertexSectionHeaderRecord));
+  ZR_ASSERT(formatName.size() < kSectionFormatNameSize);
+  VertexSectionHeaderRecord record{};
+  std::memcpy(record.formatName, formatName.data(), std::min(formatName.size(), kSectionFormatNameSize - 1));
+  record.vertexCount = vertexCount;
+  std::memcpy(section.data(), &record, sizeof(record));
 }
 
 bool checkVertexPayload(VertexSectionHeader& header, uint32_t sourceStride, std::string_view sectionName)

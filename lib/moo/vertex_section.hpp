@@ -9,6 +9,8 @@
 // Reading takes two steps so that the caller can look the format up in between:
 // readVertexSectionHeader, then (knowing the source stride) checkVertexPayload.
 
+#include "moo/section_records.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -18,7 +20,7 @@
 namespace Moo
 {
 
-constexpr size_t kVertexSectionHeaderSize = 68;
+constexpr size_t kVertexSectionHeaderSize = sizeof(VertexSectionHeaderRecord);
 constexpr size_t kProcessedVertexSectionHeaderSize = 2 * kVertexSectionHeaderSize;
 
 struct VertexSectionHeader
@@ -42,5 +44,10 @@ struct VertexSectionHeader
 // the bytes available) when they do not fit; header is then unchanged.
 [[nodiscard]] bool checkVertexPayload(VertexSectionHeader& header, uint32_t sourceStride,
                                       std::string_view sectionName);
+
+// Writes the header of a vertex section at the start of `section` (at least
+// kVertexSectionHeaderSize bytes, asserted): the name (shorter than its field, asserted) NUL-padded
+// and the count. The reader of what it writes is readVertexSectionHeader.
+void writeVertexSectionHeader(std::span<std::byte> section, std::string_view formatName, uint32_t vertexCount);
 
 } // namespace Moo

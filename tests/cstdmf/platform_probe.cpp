@@ -5,14 +5,17 @@
 //   platform_probe exit N           exits with N through the C runtime
 //   platform_probe fatal            platform::exitProcess(-1)
 //   platform_probe streams          "a\n" on standard output and "b\n" on standard error
+//   platform_probe hang             never returns (for time limits)
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace
 {
@@ -49,6 +52,11 @@ int probe(int argc, char** argv)
     std::fputs("a\n", stdout);
     std::fputs("b\n", stderr);
     return 0;
+  }
+  if (command == "hang")
+  {
+    for (;;)
+      std::this_thread::sleep_for(std::chrono::seconds(1));
   }
   std::fputs("unknown probe\n", stderr);
   return 100;

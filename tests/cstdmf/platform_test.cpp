@@ -110,6 +110,18 @@ TEST_F(Platform, ExitStatusesAsTheParentSeesThem)
   EXPECT_EQ(*fatal.status, kFatalExitStatus);
 }
 
+TEST_F(Platform, TimeLimitEndsAHangingChildButNotAQuickOne)
+{
+  const std::string program = cstdmf::toUtf8(fs::absolute(PLATFORM_PROBE_PATH));
+  platform::ChildIo io{cstdmf::toUtf8(m_root / "out.txt"), cstdmf::toUtf8(m_root / "err.txt"), {}, 300};
+  bool timedOut = false;
+  EXPECT_FALSE(platform::runProcess(program, {"hang"}, io, &timedOut).has_value());
+  EXPECT_TRUE(timedOut);
+  io.timeLimitMilliseconds = 60000;
+  EXPECT_EQ(platform::runProcess(program, {"exit", "3"}, io, &timedOut), std::optional<int>(3));
+  EXPECT_FALSE(timedOut);
+}
+
 TEST_F(Platform, ProgramsThatCannotStart)
 {
   const auto run = [&](const std::string& program, const fs::path& out) {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -211,6 +212,41 @@ TEST(IndexSection, EveryTruncationIsRefused)
     Moo::IndexSectionHeader h;
     EXPECT_TRUE(Moo::readIndexSectionHeader(full.span(), "t.indices", h));
   }
+}
+
+} // namespace
+
+namespace
+{
+
+// What the writers put down is what the readers take up, byte for byte where the layout is fixed.
+TEST(SectionHeaders, WritersAndReadersAgree)
+{
+  std::vector<std::byte> vertexSection(Moo::kVertexSectionHeaderSize + 2 * 29, std::byte{0x5A});
+  const std::string longest(Moo::kSectionFormatNameSize - 1, 'x');
+  Moo::writeVertexSectionHeader(vertexSection, longest, 7);
+  EXPECT_EQ(vertexSection[63], std::byte{0}); // the longest name still ends inside its field
+  EXPECT_EQ(vertexSection[64], std::byte{7});
+  EXPECT_EQ(vertexSection[68], std::byte{0x5A}); // nothing past the header is touched
+  Moo::writeVertexSectionHeader(vertexSection, "xyznuviiiww", 2);
+  for (size_t i = 11; i < 64; ++i)
+    ASSERT_EQ(vertexSection[i], std::byte{0}) << i; // NUL-padded over the longer name
+  Moo::VertexSectionHeader vertexHeader;
+  ASSERT_TRUE(Moo::readVertexSectionHeader(vertexSection, "v", vertexHeader));
+  EXPECT_EQ(vertexHeader.formatName, "xyznuviiiww");
+  EXPECT_EQ(vertexHeader.vertexCount, 2u);
+  EXPECT_TRUE(Moo::checkVertexPayload(vertexHeader, 29, "v"));
+
+  std::vector<std::byte> indexSection(Moo::kIndexSectionHeaderSize + 3 * 4, std::byte{0x5A});
+  Moo::writeIndexSectionHeader(indexSection, IndexFormat::LIST32, 3);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(indexSection.data())), "list32");
+  for (size_t i = 68; i < 72; ++i)
+    EXPECT_EQ(indexSection[i], std::byte{0}) << i;
+  Moo::IndexSectionHeader indexHeader;
+  ASSERT_TRUE(Moo::readIndexSectionHeader(indexSection, "i", indexHeader));
+  EXPECT_EQ(indexHeader.format, IndexFormat::LIST32);
+  EXPECT_EQ(indexHeader.indexCount, 3u);
+  EXPECT_EQ(indexHeader.indices.data(), indexSection.data() + 72);
 }
 
 } // namespace

@@ -1,34 +1,56 @@
-// primitives_from_obj: converts a Wavefront OBJ mesh (optionally gzip-compressed) into a
-// .primitives file, or writes a built-in shape.
+// primitives_import: converts a mesh file into a .primitives file, or writes a built-in shape.
+// Wavefront OBJ files (optionally gzip-compressed) are read by the project's own reader; every
+// other format the import library knows (glTF, FBX, Collada, PLY, STL, 3DS, X, ...) is read by
+// that library in a child process (see import_worker.hpp). The same program is also built under
+// its former name, primitives_from_obj, for the scripts that call it so.
 //
-// Exit status: 0 success, 1 bad command line, 2 unreadable or malformed input, 3 output not written.
+// Exit status: 0 success, 1 bad command line, 2 a path cannot be used (nothing was done),
+// 3 the import failed or the output could not be written.
 
+#include "primitives_from_obj/import_worker.hpp"
 #include "primitives_from_obj/mesh_builder.hpp"
 #include "primitives_from_obj/obj_reader.hpp"
 #include "primitives_from_obj/primitives_writer.hpp"
 #include "primitives_from_obj/procedural_shapes.hpp"
+#include "primitives_from_obj/scene_reader.hpp"
 
 #include "cstdmf/log_sinks.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
 #include "moo/primitive_vertex_format.hpp"
 
 #include <fmt/format.h>
 
+#include <cerrno>
+#include <charconv>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <new>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
+
+#ifndef IMPORT_TOOL_NAME
+#define IMPORT_TOOL_NAME "primitives_import"
+#endif
+#ifndef VERTEXMILL_VERSION
+#define VERTEXMILL_VERSION "0.0.0"
+#endif
 
 namespace
 {
 
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
-constexpr int kExitBadInput = 2;
-constexpr int kExitWriteFailed = 3;
+constexpr int kExitBadPath = 2;
+constexpr int kExitFailed = 3;
 
-constexpr std::string_view kDefaultFormat = "xyznuvtb";
+constexpr std::string_view kTool = IMPORT_TOOL_NAME;
+constexpr std::string_view kObjFormat = "xyznuvtb";
+constexpr unsigned kDefaultTimeLimit = 120;
 
 // The thirteen source formats, for messages. The registry is the authority; this list is only
 // shown to people.
@@ -39,32 +61,42 @@ constexpr std::string_view kFormatNames = "xyznuv xyznuv2 xyznuvtb xyznuv2tb xyz
 void printUsage(std::FILE* stream)
 {
   fmt::print(stream,
-             "usage: primitives_from_obj INPUT.obj[.gz] OUTPUT.primitives [--format NAME] [--flip-v]\n"
-             "       primitives_from_obj --procedural SHAPE OUTPUT.primitives [--format NAME]\n"
+             "usage: {0} INPUT OUTPUT.primitives [--format NAME] [--flip-v] [--time-limit SECONDS]\n"
+             "       {0} --procedural SHAPE OUTPUT.primitives [--format NAME]\n"
              "\n"
-             "Converts a Wavefront OBJ mesh into a .primitives file: one render set per object,\n"
-             "group or material, vertices de-duplicated per corner, normals generated where the\n"
-             "file has none, tangent frames built for formats that carry them.\n"
+             "Converts a mesh file into a .primitives file. Wavefront OBJ (.obj, .obj.gz): one render set\n"
+             "per object, group or material. glTF, FBX, Collada, PLY, STL, 3DS, X and the other formats of\n"
+             "the import library: one render set per mesh as a node places it, named <node>_<mesh>; rigid\n"
+             "meshes moved by their node transforms, skinned meshes kept in bind space with their three\n"
+             "strongest bone influences. Normals are generated where the file has none, tangent frames\n"
+             "built for formats that carry them; 32-bit indices only for sets over 65536 vertices.\n"
              "\n"
-             "  --format NAME       source vertex format (default {}): xyznuv xyznuv2\n"
-             "                      xyznuvtb xyznuv2tb xyznuviiiww xyznuviiiwwtb xyznuv2iiiwwtb\n"
-             "                      xyznuvtbi xyznuv2tbi xyznuvtboi xyznuv2tboi xyznuvr xyznuviiiwwr\n"
-             "  --flip-v            store 1 - v as texture coordinate v\n"
-             "  --procedural SHAPE  write a built-in shape (cube, sphere, torus) instead of reading\n"
-             "  --help              show this text\n"
+             "  --format NAME        source vertex format: xyznuv xyznuv2 xyznuvtb xyznuv2tb xyznuviiiww\n"
+             "                       xyznuviiiwwtb xyznuv2iiiwwtb xyznuvtbi xyznuv2tbi xyznuvtboi\n"
+             "                       xyznuv2tboi xyznuvr xyznuviiiwwr (default: by content, xyznuvtb;\n"
+             "                       xyznuv2tb with two texture coordinates; xyznuviiiwwtb or\n"
+             "                       xyznuv2iiiwwtb when skinned)\n"
+             "  --flip-v             store 1 - v as texture coordinate v\n"
+             "  --time-limit SECONDS stop reading a non-OBJ file after this long (default {1}; 0: none)\n"
+             "  --procedural SHAPE   write a built-in shape (cube, sphere, torus) instead of reading\n"
+             "  -h, --help           show this text\n"
+             "  -V, --version        show the tool's name and version\n"
              "\n"
-             "Exit status: 0 success, 1 bad arguments, 2 unreadable or malformed input, 3 write failure.\n",
-             kDefaultFormat);
+             "Exit status: 0 success, 1 bad arguments, 2 a path cannot be used (nothing done),\n"
+             "3 the import failed or the output could not be written.\n",
+             kTool, kDefaultTimeLimit);
 }
 
 struct Arguments
 {
   std::string input;
   std::string output;
-  std::string format{kDefaultFormat};
+  std::string format; // empty: by content
   std::optional<std::string> procedural;
+  unsigned timeLimit = kDefaultTimeLimit;
   bool flipV = false;
   bool help = false;
+  bool version = false;
 };
 
 // Fills `args`; returns false with `error` set on a bad command line.
@@ -89,6 +121,8 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
     };
     if (arg == "--help" || arg == "-h")
       args.help = true;
+    else if (arg == "--version" || arg == "-V")
+      args.version = true;
     else if (arg == "--flip-v")
       args.flipV = true;
     else if (is("--format"))
@@ -98,6 +132,20 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
         error = "--format needs a format name";
         return false;
       }
+    }
+    else if (is("--time-limit"))
+    {
+      std::string text;
+      unsigned seconds = 0;
+      const bool given = value("--time-limit", text);
+      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+      if (!given || ec != std::errc() || end != text.data() + text.size() || seconds > 86400)
+      {
+        error = fmt::format("invalid value '{}' for --time-limit: expected a whole number of seconds from 0 to 86400",
+                            text);
+        return false;
+      }
+      args.timeLimit = seconds;
     }
     else if (is("--procedural"))
     {
@@ -122,7 +170,7 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
     else
       positional.emplace_back(arg);
   }
-  if (args.help)
+  if (args.help || args.version)
     return true;
   const size_t expected = args.procedural ? 1 : 2;
   if (positional.size() != expected)
@@ -151,17 +199,68 @@ struct FormatRegistry
 
 int fail(int status, std::string_view message)
 {
-  fmt::print(stderr, "primitives_from_obj: {}\n", message);
+  fmt::print(stderr, "ERROR: {}\n", message);
   return status;
+}
+
+// Whether the output can be written, checked before any reading: its directory exists and a
+// file can be created in it (the check's file is the one the write will use, and is removed).
+bool outputIsWritable(const std::string& output, std::string& error)
+{
+  std::error_code ec;
+  const std::filesystem::path path = cstdmf::u8path(output);
+  if (std::filesystem::is_directory(path, ec))
+  {
+    error = fmt::format("cannot write '{}': Is a directory", output);
+    return false;
+  }
+  const std::string probe = output + ".tmp";
+  std::FILE* file = platform::openFile(probe, "wb");
+  if (file == nullptr)
+  {
+    error = fmt::format("cannot write '{}': {}", output, std::strerror(errno));
+    return false;
+  }
+  std::fclose(file);
+  std::filesystem::remove(cstdmf::u8path(probe), ec);
+  return true;
+}
+
+bool inputIsReadable(const std::string& input, std::string& error)
+{
+  std::error_code ec;
+  if (std::filesystem::is_directory(cstdmf::u8path(input), ec))
+  {
+    error = fmt::format("cannot read '{}': Is a directory", input);
+    return false;
+  }
+  std::FILE* file = platform::openFile(input, "rb");
+  if (file == nullptr)
+  {
+    error = fmt::format("cannot read '{}': {}", input, std::strerror(errno));
+    return false;
+  }
+  std::fclose(file);
+  return true;
 }
 
 int run(int argc, char** argv)
 {
+  if (argc > 1 && std::string_view(argv[1]) == objimport::kWorkerOption)
+  {
+    // The worker ends at once: the library's state is not worth tearing down (and some of its
+    // readers leave memory behind that a leak checker would report as a failure of the run).
+    const int status = objimport::runImportWorker(argc, argv);
+    std::fflush(stdout);
+    std::fflush(stderr);
+    platform::exitProcess(status);
+  }
+
   Arguments args;
   std::string error;
   if (!parseArguments(argc, argv, args, error))
   {
-    fmt::print(stderr, "primitives_from_obj: {}\n", error);
+    fmt::print(stderr, "ERROR: {}\n", error);
     printUsage(stderr);
     return kExitUsage;
   }
@@ -170,42 +269,73 @@ int run(int argc, char** argv)
     printUsage(stdout);
     return kExitOk;
   }
+  if (args.version)
+  {
+    fmt::print("{} {}\n", kTool, VERTEXMILL_VERSION);
+    return kExitOk;
+  }
 
   // Assertions and library warnings reach the console as in the main tool.
   cstdmf::setupConsoleLogging(1);
   FormatRegistry registry;
-  const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByFormatName(args.format);
-  if (format == nullptr)
+  if (!args.format.empty() && Moo::PrimitiveVertexFormat::findByFormatName(args.format) == nullptr)
     return fail(kExitUsage, fmt::format("unknown vertex format '{}'; known formats: {}", args.format, kFormatNames));
 
   objimport::ObjMesh mesh;
-  if (args.procedural)
+  if (args.procedural && !objimport::makeProceduralMesh(*args.procedural, mesh))
+    return fail(kExitUsage, fmt::format("unknown shape '{}' (cube, sphere or torus)", *args.procedural));
+  if (!outputIsWritable(args.output, error))
+    return fail(kExitBadPath, error);
+  if (!args.procedural && !inputIsReadable(args.input, error))
+    return fail(kExitBadPath, error);
+
+  BinaryPtr container;
+  std::string formatName;
+  std::string readAs; // for scene files: the library's reader, and whether the scene is skinned
+  size_t setCount = 0, vertices = 0, triangles = 0;
+  if (args.procedural || objimport::isObjPath(args.input))
   {
-    if (!objimport::makeProceduralMesh(*args.procedural, mesh))
-      return fail(kExitUsage, fmt::format("unknown shape '{}' (cube, sphere or torus)", *args.procedural));
+    if (!args.procedural && !objimport::loadObj(args.input, mesh, error))
+      return fail(kExitFailed, error);
+    formatName = args.format.empty() ? std::string(kObjFormat) : args.format;
+    const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByFormatName(formatName);
+    objimport::BuildOptions options;
+    options.tangentFrames = objimport::needsTangentFrames(*format);
+    options.flipV = args.flipV;
+    const std::vector<objimport::RenderSet> sets = objimport::buildRenderSets(mesh, options);
+    container = objimport::encodePrimitives(sets, *format, error);
+    if (!container)
+      return fail(kExitFailed, fmt::format("{}: {}", args.procedural ? *args.procedural : args.input, error));
+    setCount = sets.size();
+    for (const objimport::RenderSet& set : sets)
+    {
+      vertices += set.vertexCount();
+      triangles += set.indices.size() / 3;
+    }
   }
-  else if (!objimport::loadObj(args.input, mesh, error))
-    return fail(kExitBadInput, error);
-
-  objimport::BuildOptions options;
-  options.tangentFrames = objimport::needsTangentFrames(*format);
-  options.flipV = args.flipV;
-  const std::vector<objimport::RenderSet> sets = objimport::buildRenderSets(mesh, options);
-
-  BinaryPtr container = objimport::encodePrimitives(sets, *format, error);
-  if (!container)
-    return fail(kExitBadInput, fmt::format("{}: {}", args.procedural ? *args.procedural : args.input, error));
+  else
+  {
+    const std::string self = platform::executablePath();
+    if (self.empty())
+      return fail(kExitFailed, fmt::format("{}: cannot find this program's own path to start the import", args.input));
+    objimport::WorkerSummary summary;
+    container = objimport::importInChild(self, {args.input, args.format, args.flipV, args.timeLimit}, summary, error);
+    if (!container)
+    {
+      fmt::print(stderr, "{}\n", error);
+      return kExitFailed;
+    }
+    formatName = summary.formatName;
+    readAs = fmt::format(" ({}{})", summary.formatRead, summary.skinned ? ", skinned" : "");
+    setCount = summary.sets;
+    vertices = summary.vertices;
+    triangles = summary.triangles;
+  }
   if (!objimport::writeFileReplacing(args.output, container->data(), container->len(), error))
-    return fail(kExitWriteFailed, error);
+    return fail(kExitFailed, error);
 
-  size_t vertices = 0, triangles = 0;
-  for (const objimport::RenderSet& set : sets)
-  {
-    vertices += set.vertexCount();
-    triangles += set.indices.size() / 3;
-  }
-  fmt::print("{}: {} set{}, {} vertices, {} triangles, format {}, {} bytes\n", args.output, sets.size(),
-             sets.size() == 1 ? "" : "s", vertices, triangles, format->formatName, container->len());
+  fmt::print("{}: {} set{}, {} vertices, {} triangles, format {}, {} bytes{}\n", args.output, setCount,
+             setCount == 1 ? "" : "s", vertices, triangles, formatName, container->len(), readAs);
   return kExitOk;
 }
 
@@ -221,6 +351,6 @@ int main(int argc, char** argv)
   }
   catch (const std::bad_alloc&)
   {
-    return fail(kExitBadInput, "out of memory");
+    return fail(kExitFailed, "out of memory");
   }
 }

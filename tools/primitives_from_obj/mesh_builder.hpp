@@ -5,6 +5,7 @@
 
 #include "primitives_from_obj/obj_mesh.hpp"
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -22,6 +23,14 @@ struct RenderSet
   std::vector<Vec3> tangents;
   std::vector<Vec3> binormals;
   std::vector<uint32_t> indices; // triangle list
+  // A second texture coordinate per vertex; empty when the source has none (a format with two
+  // then repeats the first).
+  std::vector<Vec2> texcoords2;
+  // Skinning, per vertex, in the layout of the skinned source formats: three bone indices (into
+  // the set's own bone list) and the weights of the first two, in 255ths; the third weight is
+  // what the two leave of 255. Empty for a rigid set (then bone 0 carries the whole weight).
+  std::vector<std::array<uint8_t, 3>> boneIndices;
+  std::vector<std::array<uint8_t, 2>> boneWeights;
 
   size_t vertexCount() const { return positions.size(); }
 };

@@ -491,10 +491,87 @@ bool readFileBytes(const std::string& path, std::vector<char>& bytes, std::strin
   return true;
 }
 
+namespace
+{
+
+void appendUtf8(std::vector<char>& out, uint32_t code)
+{
+  const auto put = [&](uint32_t byte) { out.push_back(static_cast<char>(byte)); };
+  if (code < 0x80)
+    put(code);
+  else if (code < 0x800)
+  {
+    put(0xC0 | (code >> 6));
+    put(0x80 | (code & 0x3F));
+  }
+  else if (code < 0x10000)
+  {
+    put(0xE0 | (code >> 12));
+    put(0x80 | ((code >> 6) & 0x3F));
+    put(0x80 | (code & 0x3F));
+  }
+  else
+  {
+    put(0xF0 | (code >> 18));
+    put(0x80 | ((code >> 12) & 0x3F));
+    put(0x80 | ((code >> 6) & 0x3F));
+    put(0x80 | (code & 0x3F));
+  }
+}
+
+} // namespace
+
+bool decodeObjText(std::vector<char>& bytes, std::string_view fileName, std::string& error)
+{
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
+  const size_t size = bytes.size();
+  if (size >= 3 && byte(0) == 0xEF && byte(1) == 0xBB && byte(2) == 0xBF)
+  {
+    bytes.erase(bytes.begin(), bytes.begin() + 3);
+    return true;
+  }
+  bool littleEndian = false;
+  size_t start = 0;
+  if (size >= 2 && byte(0) == 0xFF && byte(1) == 0xFE)
+    littleEndian = true, start = 2;
+  else if (size >= 2 && byte(0) == 0xFE && byte(1) == 0xFF)
+    start = 2;
+  else if (size >= 2 && byte(0) != 0 && byte(1) == 0) // ASCII text in UTF-16 without a mark
+    littleEndian = true;
+  else if (!(size >= 2 && byte(0) == 0 && byte(1) != 0))
+    return true; // UTF-8 or ASCII: read as it is
+  if ((size - start) % 2 != 0)
+  {
+    error = fmt::format("{}: UTF-16 text with an odd number of bytes", fileName);
+    return false;
+  }
+  std::vector<char> text;
+  text.reserve((size - start) / 2);
+  for (size_t i = start; i < size; i += 2)
+  {
+    const auto unitAt = [&](size_t at) {
+      return littleEndian ? uint32_t(byte(at)) | uint32_t(byte(at + 1)) << 8 : uint32_t(byte(at)) << 8 | byte(at + 1);
+    };
+    uint32_t code = unitAt(i);
+    if (code >= 0xD800 && code < 0xDC00 && i + 3 < size)
+    {
+      const uint32_t low = unitAt(i + 2);
+      if (low >= 0xDC00 && low < 0xE000)
+      {
+        code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+        i += 2;
+      }
+    }
+    appendUtf8(text, code);
+  }
+  bytes = std::move(text);
+  return true;
+}
+
 bool loadObj(const std::string& path, ObjMesh& mesh, std::string& error)
 {
   std::vector<char> bytes;
-  if (!readFileBytes(path, bytes, error))
+  if (!readFileBytes(path, bytes, error) || !decodeObjText(bytes, path, error))
     return false;
   return parseObj(std::string_view(bytes.data(), bytes.size()), path, mesh, error);
 }

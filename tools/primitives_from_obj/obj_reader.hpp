@@ -34,7 +34,13 @@ std::string sanitizeSetName(std::string_view name);
 // cannot be opened or read, or when the compressed stream is corrupt or truncated.
 [[nodiscard]] bool readFileBytes(const std::string& path, std::vector<char>& bytes, std::string& error);
 
-// readFileBytes, then parseObj with `path` as the file name.
+// Turns the bytes of an OBJ file into UTF-8 text in place: a UTF-8 byte-order mark is dropped;
+// UTF-16 (little- or big-endian, with a byte-order mark, or without one when the text starts with
+// an ASCII character) is converted. Anything else is left as it is. Returns false with `error`
+// naming the file for UTF-16 with an odd number of bytes.
+[[nodiscard]] bool decodeObjText(std::vector<char>& bytes, std::string_view fileName, std::string& error);
+
+// readFileBytes, decodeObjText, then parseObj with `path` as the file name.
 [[nodiscard]] bool loadObj(const std::string& path, ObjMesh& mesh, std::string& error);
 
 } // namespace objimport

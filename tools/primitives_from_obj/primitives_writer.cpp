@@ -3,6 +3,7 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "moo/vertex_conversion.hpp"
 #include "moo/vertex_format.hpp"
 #include "moo/vertex_section.hpp"
 #include "resmgr/bin_section.hpp"
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <system_error>
 #include <utility>
 
@@ -27,7 +29,6 @@ namespace objimport
 namespace
 {
 
-constexpr size_t kFormatNameFieldSize = 64;
 constexpr const char* kAllocationTag = "BinaryBlock/PrimitivesFromObj";
 
 // What one element of the source layout is filled with.
@@ -40,7 +41,8 @@ enum class Fill
   TangentPacked,
   BinormalFloat3,
   BinormalPacked,
-  TexcoordFloat2, // the first texture coordinate, also used for the second
+  TexcoordFloat2,  // the first texture coordinate
+  Texcoord2Float2, // the second texture coordinate, or the first again where the set has none
   ZeroFloat1,
   BoneIndices,
   BoneWeights,
@@ -85,7 +87,7 @@ bool planElement(const Moo::VertexElement& element, std::vector<ElementFill>& pl
     break;
   case S::TEXCOORD:
     if (type == T::FLOAT2)
-      fill = Fill::TexcoordFloat2;
+      fill = element.semanticIndex_ == 0 ? Fill::TexcoordFloat2 : Fill::Texcoord2Float2;
     else if (type == T::FLOAT1)
       fill = Fill::ZeroFloat1;
     break;
@@ -127,12 +129,6 @@ void putPacked(char* dest, Vec3 unit)
   std::memcpy(dest, &word, sizeof(word));
 }
 
-void writeFormatName(char* dest, std::string_view name)
-{
-  ZR_ASSERT(name.size() < kFormatNameFieldSize);
-  std::memcpy(dest, name.data(), name.size()); // the block is zero-filled: the name stays terminated
-}
-
 int32_t packSigned(float value, float scale, int32_t limit)
 {
   if (!std::isfinite(value))
@@ -143,12 +139,6 @@ int32_t packSigned(float value, float scale, int32_t limit)
   if (scaled <= static_cast<float>(-limit))
     return -limit;
   return static_cast<int32_t>(scaled);
-}
-
-int32_t signExtend(uint32_t field, int bits)
-{
-  const uint32_t signBit = 1u << (bits - 1);
-  return static_cast<int32_t>((field ^ signBit) - signBit);
 }
 
 } // namespace
@@ -163,9 +153,12 @@ uint32_t packNormal111110(Vec3 v)
 
 Vec3 unpackNormal111110(uint32_t word)
 {
-  return {static_cast<float>(signExtend(word & 0x7FFu, 11)) * (1.0f / 1023.0f),
-          static_cast<float>(signExtend((word >> 11) & 0x7FFu, 11)) * (1.0f / 1023.0f),
-          static_cast<float>(signExtend(word >> 22, 10)) * (1.0f / 511.0f)};
+  // The converter's own decoding, so that this check sees what the converter will.
+  Moo::Vector3 decoded;
+  const bool converted = Moo::convertSingleElement(VertexSemantic::NORMAL, &decoded, VertexDataType::FLOAT3, &word,
+                                                   VertexDataType::PACKED_NORMAL);
+  ZR_ASSERT(converted);
+  return {decoded.x, decoded.y, decoded.z};
 }
 
 bool needsTangentFrames(const Moo::PrimitiveVertexFormat& format)
@@ -193,6 +186,9 @@ BinaryPtr encodeVertexSection(const RenderSet& set, const Moo::PrimitiveVertexFo
   const bool wantsFrames = needsTangentFrames(format);
   ZR_ASSERT(!wantsFrames || (set.tangents.size() == set.vertexCount() && set.binormals.size() == set.vertexCount()));
   ZR_ASSERT(set.normals.size() == set.vertexCount() && set.texcoords.size() == set.vertexCount());
+  ZR_ASSERT(set.texcoords2.empty() || set.texcoords2.size() == set.vertexCount());
+  ZR_ASSERT(set.boneIndices.size() == set.boneWeights.size());
+  ZR_ASSERT(set.boneIndices.empty() || set.boneIndices.size() == set.vertexCount());
 
   const uint64_t stride = ari::VertexDeclaration::computeStreamDataSize(format.m_format, 0);
   const uint64_t count = set.vertexCount();
@@ -210,9 +206,8 @@ BinaryPtr encodeVertexSection(const RenderSet& set, const Moo::PrimitiveVertexFo
     return nullptr;
   }
   char* bytes = block->cdata();
-  writeFormatName(bytes, format.formatName);
-  const auto count32 = static_cast<uint32_t>(count);
-  std::memcpy(bytes + kFormatNameFieldSize, &count32, sizeof(count32));
+  Moo::writeVertexSectionHeader(std::as_writable_bytes(std::span(bytes, block->len())), format.formatName,
+                                static_cast<uint32_t>(count));
 
   char* vertex = bytes + Moo::kVertexSectionHeaderSize;
   for (size_t v = 0; v < count; ++v, vertex += stride)
@@ -249,13 +244,27 @@ BinaryPtr encodeVertexSection(const RenderSet& set, const Moo::PrimitiveVertexFo
         putFloats(dest, uv, 2);
         break;
       }
+      case Fill::Texcoord2Float2:
+      {
+        const Vec2 source = set.texcoords2.empty() ? set.texcoords[v] : set.texcoords2[v];
+        const float uv[2] = {source.x, source.y};
+        putFloats(dest, uv, 2);
+        break;
+      }
       case Fill::ZeroFloat1:
         break; // the block is zero-filled, and 0.0f is all zero bits
       case Fill::BoneIndices:
-        break; // bone 0 three times: zero bytes
+        if (!set.boneIndices.empty()) // else bone 0 three times: zero bytes
+          std::memcpy(dest, set.boneIndices[v].data(), 3);
+        break;
       case Fill::BoneWeights:
-        dest[0] = static_cast<char>(255); // the whole weight on the first bone
-        dest[1] = 0;
+        if (set.boneWeights.empty())
+        {
+          dest[0] = static_cast<char>(255); // the whole weight on the first bone
+          dest[1] = 0;
+        }
+        else
+          std::memcpy(dest, set.boneWeights[v].data(), 2);
         break;
       case Fill::White:
         std::memset(dest, 0xFF, 4);
@@ -284,10 +293,8 @@ BinaryPtr encodeIndexSection(const RenderSet& set, std::string& error)
     return nullptr;
   }
   char* bytes = block->cdata();
-  writeFormatName(bytes, Moo::getIndexFormatName(format));
-  const auto count32 = static_cast<uint32_t>(count);
-  std::memcpy(bytes + kFormatNameFieldSize, &count32, sizeof(count32));
-  // Bytes 68-71 stay zero.
+  Moo::writeIndexSectionHeader(std::as_writable_bytes(std::span(bytes, block->len())), format,
+                               static_cast<uint32_t>(count));
   char* out = bytes + Moo::kIndexSectionHeaderSize;
   if (format == IndexFormat::LIST32)
   {
@@ -338,7 +345,7 @@ bool writeFileReplacing(const std::string& path, const void* data, size_t size, 
   std::FILE* file = platform::openFile(temporary, "wb");
   if (file == nullptr)
   {
-    error = fmt::format("{}: cannot create file: {}", temporary, std::strerror(errno));
+    error = fmt::format("cannot write '{}': {}", path, std::strerror(errno));
     return false;
   }
   bool ok = size == 0 || std::fwrite(data, 1, size, file) == size;
@@ -356,14 +363,14 @@ bool writeFileReplacing(const std::string& path, const void* data, size_t size, 
   std::error_code ec;
   if (!ok)
   {
-    error = fmt::format("{}: cannot write file: {}", temporary, std::strerror(savedErrno));
+    error = fmt::format("cannot write '{}': {}", path, std::strerror(savedErrno));
     std::filesystem::remove(cstdmf::u8path(temporary), ec);
     return false;
   }
   std::filesystem::rename(cstdmf::u8path(temporary), cstdmf::u8path(path), ec);
   if (ec)
   {
-    error = fmt::format("{}: cannot replace file: {}", path, ec.message());
+    error = fmt::format("cannot replace '{}': {}", path, ec.message());
     std::error_code ignored;
     std::filesystem::remove(cstdmf::u8path(temporary), ignored);
     return false;

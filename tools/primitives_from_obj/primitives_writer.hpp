@@ -29,7 +29,7 @@ inline constexpr size_t kMaxVerticesFor16BitIndices = 65536;
 // 0-10 and 11-21), z as a signed 10-bit value scaled by 511 (bits 22-31), each rounded to nearest
 // and clamped. Non-finite components pack as 0.
 uint32_t packNormal111110(Vec3 v);
-// The inverse: sign-extended fields times 1/1023, 1/1023 and 1/511.
+// The inverse, as the converter decodes it (its own conversion function).
 Vec3 unpackNormal111110(uint32_t word);
 
 // Whether the format has tangent and binormal elements (and so needs tangent frames built).
@@ -39,8 +39,9 @@ bool needsTangentFrames(const Moo::PrimitiveVertexFormat& format);
 IndexFormat chooseIndexFormat(size_t vertexCount);
 
 // The vertex section of `set` in the source layout of `format`. What the OBJ cannot supply is
-// filled with neutral values: a second texture coordinate repeats the first (a FLOAT1 one is 0),
-// bone indices are 0, 0, 0 with weights 255, 0, and colours are 0xFFFFFFFF. Normals, tangents and
+// filled with neutral values: a second texture coordinate repeats the first where the set has none
+// (a FLOAT1 one is 0), a rigid set's bone indices are 0, 0, 0 with weights 255, 0, and colours
+// are 0xFFFFFFFF. Normals, tangents and
 // binormals must be unit vectors (their packed form is asserted to decode within 0.01 of unit
 // length); tangents and binormals must be present when the format has them (asserted).
 // Returns null with `error` set when the format has an element this encoder cannot fill or when

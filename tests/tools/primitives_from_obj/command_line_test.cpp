@@ -60,32 +60,40 @@ TEST(CommandLine, ExitStatuses)
   RunResult r = runTool(dir, "--help");
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("usage: primitives_from_obj"), std::string::npos);
+  r = runTool(dir, "--version");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("primitives_from_obj ", 0), 0u) << r.out;
 
   const std::string badCommandLines[] = {
     "", quoted(dir.path("good.obj")), "--bogus a b", quoted(dir.path("good.obj")) + " " + quoted(out) + " --format XYZNUV",
-    "--procedural cone " + quoted(out), "--format",
+    "--procedural cone " + quoted(out), "--format", "--time-limit abc " + quoted(dir.path("good.obj")) + " " + quoted(out),
   };
   for (const std::string& bad : badCommandLines)
   {
     SCOPED_TRACE(bad);
     r = runTool(dir, bad);
     EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_FALSE(r.err.empty());
+    EXPECT_EQ(r.err.rfind("ERROR: ", 0), 0u) << r.err;
   }
   EXPECT_FALSE(std::filesystem::exists(out));
 
-  // Malformed input leaves an existing output untouched.
+  // Malformed input (status 3) and a missing input (status 2) leave an existing output untouched.
   std::ofstream(out) << "previous";
   r = runTool(dir, quoted(dir.path("bad.obj")) + " " + quoted(out));
-  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.err.find("bad.obj:3: position index 3 is out of range"), std::string::npos) << r.err;
   r = runTool(dir, quoted(dir.path("missing.obj")) + " " + quoted(out));
   EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("ERROR: cannot read '" + dir.path("missing.obj") + "': "), std::string::npos) << r.err;
   EXPECT_EQ(slurp(out), "previous");
 
-  r = runTool(dir, quoted(dir.path("good.obj")) + " " + quoted(dir.path("no/dir/out.primitives")));
-  EXPECT_EQ(r.status, 3);
-  EXPECT_NE(r.err.find("cannot create file"), std::string::npos) << r.err;
+  // The output's directory is checked before the input is read (the input here does not even
+  // exist), and the message names the output, not a temporary file.
+  const std::string noDir = dir.path("no/dir/out.primitives");
+  r = runTool(dir, quoted(dir.path("missing.obj")) + " " + quoted(noDir));
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("ERROR: cannot write '" + noDir + "': "), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find(".tmp"), std::string::npos) << r.err;
 
   r = runTool(dir, quoted(dir.path("good.obj")) + " " + quoted(out) + " --format=xyznuviiiww");
   EXPECT_EQ(r.status, 0) << r.err;
@@ -94,6 +102,18 @@ TEST(CommandLine, ExitStatuses)
   // "Hull.indices" (names padded to 4 bytes), the index length.
   EXPECT_EQ(std::filesystem::file_size(out), 4u + (68 + 4 * 29) + (72 + 6 * 2) + (24 + 16) + (24 + 12) + 4);
   EXPECT_FALSE(std::filesystem::exists(out + ".tmp"));
+
+  // The same file as UTF-16 text with a byte-order mark.
+  {
+    const std::string text = "o Hull\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n";
+    std::ofstream utf16(dir.path("utf16.obj"), std::ios::binary);
+    utf16 << '\xFF' << '\xFE';
+    for (char c : text)
+      utf16 << c << '\0';
+  }
+  r = runTool(dir, quoted(dir.path("utf16.obj")) + " " + quoted(out));
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("1 set, 4 vertices, 2 triangles"), std::string::npos) << r.out;
 
   r = runTool(dir, "--procedural cube " + quoted(out));
   EXPECT_EQ(r.status, 0) << r.err;

@@ -1,0 +1,204 @@
+#include "primitives_from_obj/import_worker.hpp"
+
+#include "primitives_from_obj/mesh_builder.hpp"
+#include "primitives_from_obj/obj_reader.hpp"
+#include "primitives_from_obj/primitives_writer.hpp"
+#include "primitives_from_obj/scene_reader.hpp"
+
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+#include "moo/primitive_vertex_format.hpp"
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+namespace objimport
+{
+
+namespace
+{
+
+constexpr int kWorkerFailed = 3;
+
+std::string trimmed(std::string text)
+{
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+    text.pop_back();
+  return text;
+}
+
+// The three temporary files of one child, in the system's temporary directory, removed on
+// destruction.
+class WorkerFiles
+{
+public:
+  WorkerFiles()
+  {
+    static std::atomic<unsigned> counter{0};
+    std::error_code ec;
+    const std::filesystem::path directory = std::filesystem::temp_directory_path(ec);
+    const std::string stem =
+      fmt::format("primitives_import_{}_{}", platform::processId(), counter.fetch_add(1, std::memory_order_relaxed));
+    m_result = cstdmf::toUtf8(directory / (stem + ".primitives"));
+    m_out = cstdmf::toUtf8(directory / (stem + ".out"));
+    m_err = cstdmf::toUtf8(directory / (stem + ".err"));
+  }
+  ~WorkerFiles()
+  {
+    // The result's own temporary too: a worker killed while writing leaves it behind.
+    for (const std::string& path : {m_result, m_result + ".tmp", m_out, m_err})
+    {
+      std::error_code ignored;
+      std::filesystem::remove(cstdmf::u8path(path), ignored);
+    }
+  }
+  WorkerFiles(const WorkerFiles&) = delete;
+  WorkerFiles& operator=(const WorkerFiles&) = delete;
+
+  const std::string& result() const { return m_result; }
+  const std::string& out() const { return m_out; }
+  const std::string& err() const { return m_err; }
+
+private:
+  std::string m_result, m_out, m_err;
+};
+
+std::string readText(const std::string& path)
+{
+  std::vector<char> bytes;
+  std::string ignored;
+  if (!readFileBytes(path, bytes, ignored))
+    return {};
+  return std::string(bytes.begin(), bytes.end());
+}
+
+struct FormatRegistry
+{
+  FormatRegistry() { Moo::PrimitiveVertexFormat::init(0); }
+  ~FormatRegistry() { Moo::PrimitiveVertexFormat::fini(); }
+  FormatRegistry(const FormatRegistry&) = delete;
+  FormatRegistry& operator=(const FormatRegistry&) = delete;
+};
+
+} // namespace
+
+int runImportWorker(int argc, char** argv)
+{
+  if (argc < 5)
+  {
+    std::fputs("ERROR: the import worker needs INPUT RESULT FORMAT\n", stderr);
+    return 1;
+  }
+  const std::string input = argv[2], result = argv[3], forced = argv[4];
+  const bool flipV = argc > 5 && std::string_view(argv[5]) == "--flip-v";
+
+  SceneImport scene;
+  std::string error;
+  if (!readScene(input, flipV, scene, error))
+  {
+    std::fprintf(stderr, "ERROR: %s\n", error.c_str());
+    return kWorkerFailed;
+  }
+  FormatRegistry registry;
+  const std::string formatName = forced == "auto" ? chooseFormatName(scene.skinned, scene.twoTexcoordSets) : forced;
+  const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByFormatName(formatName);
+  if (format == nullptr)
+  {
+    std::fprintf(stderr, "ERROR: unknown vertex format '%s'\n", formatName.c_str());
+    return kWorkerFailed;
+  }
+  WorkerSummary summary;
+  summary.formatName = formatName;
+  summary.formatRead = scene.formatRead;
+  summary.skinned = scene.skinned;
+  summary.sets = scene.sets.size();
+  for (RenderSet& set : scene.sets)
+  {
+    if (needsTangentFrames(*format))
+      computeTangentFrames(set);
+    summary.vertices += set.vertexCount();
+    summary.triangles += set.indices.size() / 3;
+  }
+  const BinaryPtr container = encodePrimitives(scene.sets, *format, error);
+  if (!container)
+  {
+    std::fprintf(stderr, "ERROR: %s: %s\n", input.c_str(), error.c_str());
+    return kWorkerFailed;
+  }
+  if (!writeFileReplacing(result, container->data(), container->len(), error))
+  {
+    std::fprintf(stderr, "ERROR: %s\n", error.c_str());
+    return kWorkerFailed;
+  }
+  // One line for the parent: counts, skinned, format written, then the format read (may have blanks).
+  std::printf("%zu %zu %zu %d %s %s\n", summary.sets, summary.vertices, summary.triangles, summary.skinned ? 1 : 0,
+              summary.formatName.c_str(), summary.formatRead.c_str());
+  return 0;
+}
+
+BinaryPtr importInChild(const std::string& program, const WorkerRequest& request, WorkerSummary& summary,
+                        std::string& error)
+{
+  const WorkerFiles files;
+  std::vector<std::string> arguments = {std::string(kWorkerOption), request.input, files.result(),
+                                        request.format.empty() ? std::string("auto") : request.format};
+  if (request.flipV)
+    arguments.emplace_back("--flip-v");
+  platform::ChildIo io{files.out(), files.err(), {}, request.timeLimitSeconds * 1000u};
+  bool timedOut = false;
+  const std::optional<int> status = platform::runProcess(program, arguments, io, &timedOut);
+  if (timedOut)
+  {
+    error = fmt::format("ERROR: {}: the import did not finish within {} seconds and was stopped (--time-limit)",
+                        request.input, request.timeLimitSeconds);
+    return nullptr;
+  }
+  if (!status)
+  {
+    error = fmt::format("ERROR: {}: cannot start the import process '{}'", request.input, program);
+    return nullptr;
+  }
+  const std::string messages = trimmed(readText(files.err()));
+  if (*status != 0)
+  {
+    // The worker's own messages name the input; what ended it otherwise is said here.
+    error = messages;
+    if (*status > 128 || messages.find(request.input) == std::string::npos)
+    {
+      if (!error.empty())
+        error += '\n';
+      error += *status > 128 ? fmt::format("ERROR: {}: the import library crashed on this file (signal {})",
+                                           request.input, *status - 128)
+                             : fmt::format("ERROR: {}: the import stopped with status {}", request.input, *status);
+    }
+    return nullptr;
+  }
+
+  std::istringstream line(readText(files.out()));
+  int skinned = 0;
+  line >> summary.sets >> summary.vertices >> summary.triangles >> skinned >> summary.formatName;
+  std::getline(line >> std::ws, summary.formatRead);
+  summary.formatRead = trimmed(summary.formatRead);
+  summary.skinned = skinned != 0;
+  std::vector<char> bytes;
+  if (!line || !readFileBytes(files.result(), bytes, error))
+  {
+    error = fmt::format("ERROR: {}: the import process gave no result", request.input);
+    return nullptr;
+  }
+  BinaryPtr block(new BinaryBlock(bytes.data(), bytes.size(), "BinaryBlock/PrimitivesImport"));
+  if (block->len() != bytes.size())
+  {
+    error = fmt::format("ERROR: {}: out of memory", request.input);
+    return nullptr;
+  }
+  return block;
+}
+
+} // namespace objimport
