@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <system_error>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 namespace
 {
@@ -87,7 +87,16 @@ bool buildObjText(const GeometryInspection& inspection, std::string& text, ObjEx
     const bool hasNormal = static_cast<bool>(normals);
     const bool hasTexCoord = static_cast<bool>(texCoords);
 
-    text += fmt::format("o renderset{}_{}\n", set.index, hexId(set.vertices.mappingId));
+    // The vertex section's name without its ".vertices" suffix when the source is known.
+    std::string objectName = inspection.sectionName(set.vertices.mappingId);
+    if (objectName.size() > 9 && objectName.ends_with(".vertices"))
+      objectName.resize(objectName.size() - 9);
+    for (char& c : objectName)
+      if (static_cast<unsigned char>(c) <= ' ')
+        c = '_';
+    if (objectName.empty())
+      objectName = fmt::format("renderset{}_{}", set.index, hexId(set.vertices.mappingId));
+    text += "o " + objectName + "\n";
     for (size_t i = 0; positions && i < set.vertices.itemsCount; ++i)
     {
       const Moo::Vector3 p = positions.get(i);
@@ -155,4 +164,4 @@ bool exportObj(const GeometryInspection& inspection, const std::string& outPath,
   return true;
 }
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect
