@@ -203,13 +203,13 @@ h3 { font-size: 15px; margin: 0 0 8px; word-break: break-all; }
 .card.bad b { color: var(--bad); }
 .failure { background: #fff; border: 1px solid #f1b8b4; border-left: 4px solid var(--bad); border-radius: 6px; padding: 8px 12px; margin: 8px 0; }
 .failure ul, .messages { margin: 4px 0 0; padding-left: 20px; font-family: ui-monospace, monospace; font-size: 12px; }
-.plots { display: flex; flex-wrap: wrap; gap: 16px; }
+.plots { display: flex; flex-wrap: wrap; gap: 16px; align-items: flex-start; }
 .plot { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 8px; }
 .plot svg { display: block; }
 .plot text { font-size: 11px; fill: var(--muted); }
 .controls { display: flex; gap: 16px; align-items: center; margin: 8px 0; }
 .controls input[type=search] { width: 320px; padding: 5px 8px; border: 1px solid var(--line); border-radius: 4px; }
-#scroller { height: 60vh; overflow: auto; background: #fff; border: 1px solid var(--line); border-radius: 6px; }
+#scroller { height: 50vh; min-height: 240px; overflow: auto; background: #fff; border: 1px solid var(--line); border-radius: 6px; }
 #models { border-collapse: collapse; width: 100%; font-size: 12.5px; }
 #models th { position: sticky; top: 0; background: #eef1f5; cursor: pointer; user-select: none; text-align: left; padding: 6px 8px; border-bottom: 1px solid var(--line); white-space: nowrap; }
 #models th.sorted::after { content: " \25B2"; }

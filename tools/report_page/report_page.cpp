@@ -367,18 +367,18 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   page += "</div>\n";
   if (failed != 0)
     page += fmt::format("<h2>Failures ({})</h2>\n", failed) + failures;
-  page += "<h2>Plots</h2>\n<div class=\"plots\">";
-  page += "<div class=\"plot\">" + sizePlot(rows) + "</div>";
-  page += "<div class=\"plot\">" + scatterPlot(rows, 9, "ACMR") + "</div>";
-  page += "<div class=\"plot\">" + scatterPlot(rows, 11, "overdraw") + "</div>";
-  page += "<div class=\"plot\">" + scatterPlot(rows, 13, "overfetch") + "</div>";
-  page += "</div>\n";
   page += "<h2>Models</h2>\n<div class=\"controls\"><input id=\"filter\" type=\"search\" placeholder=\"filter by path or status\">"
           "<label><input id=\"only-problems\" type=\"checkbox\"> failures and warnings only</label>"
           "<span id=\"shown\" class=\"muted\"></span><span class=\"muted\">click a column to sort, a row for its "
           "preview and render sets</span></div>\n";
   page += "<div id=\"scroller\"><table id=\"models\"><thead><tr><th></th></tr></thead><tbody></tbody></table></div>\n";
   page += "<div id=\"detail\" hidden></div>\n";
+  page += "<h2>Plots</h2>\n<div class=\"plots\">";
+  page += "<div class=\"plot\">" + sizePlot(rows) + "</div>";
+  page += "<div class=\"plot\">" + scatterPlot(rows, 9, "ACMR") + "</div>";
+  page += "<div class=\"plot\">" + scatterPlot(rows, 11, "overdraw") + "</div>";
+  page += "<div class=\"plot\">" + scatterPlot(rows, 13, "overfetch") + "</div>";
+  page += "</div>\n";
   page += "<script type=\"application/json\" id=\"report-data\">" + scriptJson(data) + "</script>\n";
   page += "<script type=\"text/plain\" id=\"previews\">" + previewLines + "\n</script>\n";
   page += "<script>" + std::string(kPageScript) + "</script>\n</body>\n</html>\n";

@@ -15,6 +15,7 @@
 #include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
+#include "report_html.hpp"
 #include "resmgr/zrresource.hpp"
 #include "tree_run.hpp"
 #include "tree_walk.hpp"
@@ -79,6 +80,7 @@ struct Args
   bool keepGoing = false;
   bool incremental = false;
   std::string reportPath; // UTF-8; empty: no report
+  std::string reportHtmlPath; // UTF-8; empty: no report page
   bool showVersion = false;
   bool helpShown = false;
 
@@ -183,6 +185,16 @@ bool Args::parse(int argc, const char* const* argv)
         .callback = [this](std::string_view value) {
           reportPath = std::string(value);
           return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "report-html",
+        .description = "write the report as one self-contained HTML page, with previews, to FILE",
+        .valueName = "FILE",
+        .callback = [this](std::string_view value) {
+          reportHtmlPath = std::string(value);
+          return !value.empty();
         },
       })
       .add({
@@ -397,7 +409,7 @@ int vertexmillMain(int argc, const char* const* argv)
   if (jobs == 0)
     jobs = std::max(1u, std::thread::hardware_concurrency());
   std::unique_ptr<Report> report;
-  if (!args.reportPath.empty())
+  if (!args.reportPath.empty() || !args.reportHtmlPath.empty())
     report = std::make_unique<Report>();
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
                      args.keepGoing, args.incremental, router.get(), report.get()};
@@ -415,8 +427,10 @@ int vertexmillMain(int argc, const char* const* argv)
   }
   // Written whatever the outcome, so a failed run's report says what failed. A report that
   // cannot be written is an error of its own but does not change what the models did.
-  if (report)
+  if (report && !args.reportPath.empty())
     (void)report->write(args.reportPath);
+  if (report && !args.reportHtmlPath.empty())
+    (void)writeReportPage(*report, args.reportHtmlPath);
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();
