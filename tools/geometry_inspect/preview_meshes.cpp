@@ -132,11 +132,11 @@ Preview::Image renderPreview(const GeometryInspection& inspection, const Preview
   const std::vector<Preview::Mesh> after = geometryMeshes(inspection);
   Preview::Bounds bounds;
   bounds.add(after);
-  Preview::Image image = Preview::render(after, bounds, request.mode, request.size);
+  Preview::Image image = Preview::render(after, bounds, request.mode, request.size, request.quality);
   if (request.source == nullptr)
     return image;
   const std::vector<Preview::Mesh> before = sourceMeshes(inspection, *request.source);
-  const Preview::Image panels[2] = {Preview::render(before, bounds, request.mode, request.size), std::move(image)};
+  const Preview::Image panels[2] = {Preview::render(before, bounds, request.mode, request.size, request.quality), std::move(image)};
   return Preview::sideBySide(panels);
 }
 
@@ -145,7 +145,7 @@ std::vector<uint8_t> previewPngOfFile(const std::string& path, uint32_t size)
   GeometryInspection inspection;
   if (!inspection.load(path))
     return {};
-  const Preview::Image image = renderPreview(inspection, {.mode = Preview::Mode::RenderSets, .size = size});
+  const Preview::Image image = renderPreview(inspection, {.mode = Preview::Mode::RenderSets, .size = size, .quality = Preview::Quality::Compact});
   std::vector<uint8_t> png;
   std::string error;
   if (!Preview::encodePng(image, png, error))

@@ -27,6 +27,7 @@ struct PreviewRequest
 {
   Preview::Mode mode = Preview::Mode::Shaded;
   uint32_t size = 384; // pixels per panel
+  Preview::Quality quality = Preview::Quality::Smooth;
   // When set, the source's panel (before optimisation) is placed left of the file's (after).
   const PrimitivesListing* source = nullptr;
 };

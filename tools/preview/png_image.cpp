@@ -4,6 +4,7 @@
 
 #include <csetjmp>
 #include <cstring>
+#include <unordered_map>
 
 namespace Preview
 {
@@ -70,6 +71,23 @@ bool encodePng(const Image& image, std::vector<uint8_t>& out, std::string& error
     error = "libpng cannot start";
     return false;
   }
+  // Few colours (flat previews): a palette and one byte per pixel.
+  std::vector<png_color> palette;
+  std::vector<uint8_t> indexed;
+  {
+    std::unordered_map<uint32_t, uint8_t> seen;
+    indexed.resize(size_t(image.width) * image.height);
+    for (size_t i = 0; i < indexed.size() && palette.size() <= 256; ++i)
+    {
+      const uint8_t* p = &image.rgb[i * 3];
+      const uint32_t key = (uint32_t(p[0]) << 16) | (uint32_t(p[1]) << 8) | p[2];
+      const auto [entry, added] = seen.emplace(key, uint8_t(palette.size() & 0xFF));
+      if (added)
+        palette.push_back({p[0], p[1], p[2]});
+      indexed[i] = entry->second;
+    }
+  }
+  const bool usePalette = palette.size() <= 256;
   std::vector<png_bytep> rows(image.height);
   if (setjmp(png_jmpbuf(png)))
   {
@@ -79,11 +97,20 @@ bool encodePng(const Image& image, std::vector<uint8_t>& out, std::string& error
     return false;
   }
   png_set_write_fn(png, &out, appendBytes, flushNothing);
-  png_set_IHDR(png, info, image.width, image.height, 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
-               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  png_set_IHDR(png, info, image.width, image.height, 8, usePalette ? PNG_COLOR_TYPE_PALETTE : PNG_COLOR_TYPE_RGB,
+               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   png_set_compression_level(png, 9);
-  for (uint32_t y = 0; y < image.height; ++y)
-    rows[y] = const_cast<png_bytep>(image.rgb.data() + size_t(y) * image.width * 3);
+  if (usePalette)
+  {
+    png_set_PLTE(png, info, palette.data(), int(palette.size()));
+    for (uint32_t y = 0; y < image.height; ++y)
+      rows[y] = indexed.data() + size_t(y) * image.width;
+  }
+  else
+  {
+    for (uint32_t y = 0; y < image.height; ++y)
+      rows[y] = const_cast<png_bytep>(image.rgb.data() + size_t(y) * image.width * 3);
+  }
   png_set_rows(png, info, rows.data());
   png_write_png(png, info, PNG_TRANSFORM_IDENTITY, nullptr);
   png_destroy_write_struct(&png, &info);

@@ -11,8 +11,9 @@
 namespace Preview
 {
 
-// The image as an 8-bit RGB PNG with no time or text chunks, so the bytes depend only on the
-// pixels (and the zlib in use). False with `error` set when libpng fails.
+// The image as an 8-bit PNG with no time or text chunks, so the bytes depend only on the pixels
+// (and the zlib in use): indexed when it has at most 256 colours (palette in order of first
+// appearance), RGB otherwise. False with `error` set when libpng fails.
 [[nodiscard]] bool encodePng(const Image& image, std::vector<uint8_t>& png, std::string& error);
 
 // Reads an 8-bit RGB PNG (other colour types and depths are converted to it). False with `error`

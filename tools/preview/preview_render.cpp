@@ -32,7 +32,8 @@ constexpr int kDiffuse = 192; // of 256
 
 constexpr int kSubpixelBits = 4;
 constexpr int64_t kSubpixel = int64_t(1) << kSubpixelBits;
-constexpr int kSupersample = 2; // 2×2 samples per output pixel, averaged
+constexpr int kSmoothSamples = 2; // 2×2 samples per output pixel, averaged
+constexpr int kCompactShades = 8; // light levels of a compact preview
 constexpr int64_t kDepthRange = int64_t(1) << 20;
 constexpr double kMargin = 0.06; // of the image on each side
 
@@ -93,7 +94,9 @@ int shade(const double normal[3])
 class Rasteriser
 {
 public:
-  Rasteriser(uint32_t size) : m_size(size), m_depth(size_t(size) * size, -1), m_colour(size_t(size) * size * 3)
+  // `shades`: the number of light levels kept, or 0 for all.
+  Rasteriser(uint32_t size, int shades)
+    : m_size(size), m_shades(shades), m_depth(size_t(size) * size, -1), m_colour(size_t(size) * size * 3)
   {
     for (size_t i = 0; i < m_depth.size(); ++i)
       std::copy(kBackground.begin(), kBackground.end(), m_colour.begin() + i * 3);
@@ -145,7 +148,12 @@ public:
         if (depth <= m_depth[pixel])
           continue;
         m_depth[pixel] = depth;
-        const int64_t light = (w0 * shades[0] + w1 * shades[1] + w2 * shades[2]) / area;
+        int64_t light = (w0 * shades[0] + w1 * shades[1] + w2 * shades[2]) / area;
+        if (m_shades > 0)
+        {
+          const int64_t step = (kAmbient + kDiffuse) / m_shades;
+          light = light / step * step + step / 2;
+        }
         for (int channel = 0; channel < 3; ++channel)
           m_colour[pixel * 3 + channel] = static_cast<uint8_t>(std::min<int64_t>(colour[channel] * light / 256, 255));
       }
@@ -167,6 +175,7 @@ private:
   }
 
   uint32_t m_size;
+  int m_shades;
   std::vector<int64_t> m_depth;
   std::vector<uint8_t> m_colour;
 };
@@ -222,11 +231,12 @@ std::vector<uint8_t> vertexCacheCosts(std::span<const uint32_t> indices)
   return costs;
 }
 
-Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint32_t size)
+Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint32_t size, Quality quality)
 {
   ZR_ASSERT(size >= 16 && size <= 4096);
+  const int kSupersample = quality == Quality::Smooth ? kSmoothSamples : 1;
   const uint32_t samples = size * kSupersample;
-  Rasteriser rasteriser(samples);
+  Rasteriser rasteriser(samples, quality == Quality::Compact ? kCompactShades : 0);
 
   if (!bounds.empty)
   {

@@ -53,10 +53,19 @@ struct Bounds
   void add(std::span<const Mesh> meshes);
 };
 
+// Compact previews (report pages with thousands of models) trade smoothness for size: no
+// anti-aliasing and a few shades, so the PNG holds few colours and compresses well.
+enum class Quality
+{
+  Smooth,
+  Compact,
+};
+
 // Renders the meshes into a size × size image, fitted to `bounds`. Triangles with an index past
 // their mesh's vertices or a non-finite corner are skipped, so any mesh can be passed. `size`
 // must be at least 16 and at most 4096 (asserted).
-[[nodiscard]] Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint32_t size);
+[[nodiscard]] Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint32_t size,
+                           Quality quality = Quality::Smooth);
 
 // Places the images side by side, left to right, with a thin separator; all must have the same
 // height (asserted).

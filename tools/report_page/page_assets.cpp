@@ -153,12 +153,14 @@ const char* const kPageScript = R"js(
   onlyProblems.addEventListener("change", applyFilter);
   window.addEventListener("resize", draw);
   applyFilter();
-  var loadMs = performance.now() - started;
-  document.getElementById("load-time").textContent = "page script " + loadMs.toFixed(0) + " ms";
+  // From the start of navigation (reading and parsing the file included) to a drawn table.
+  var loadMs = performance.now();
+  var scriptMs = loadMs - started;
+  document.getElementById("load-time").textContent = "loaded in " + loadMs.toFixed(0) + " ms";
 
   // A check the browser tests run: sorts and filters the table and reports what it saw.
   if (location.hash === "#selftest") {
-    var report = { models: rows.length, loadMs: loadMs };
+    var report = { models: rows.length, loadMs: loadMs, scriptMs: scriptMs };
     var t0 = performance.now();
     sortBy(data.trianglesColumn, true);
     report.sortMs = performance.now() - t0;

@@ -24,19 +24,20 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "MODEL_NAME_Full.geometry or MODEL_NAME_lod<n>.geometry (where <n> is number of lod).\n"
     "\n"
     "Options:\n"
-    "  -q, --quiet            don't produce output\n"
-    "      --verbose          print used files list\n"
-    "      --tree             process all files found recursive ( enable tree mode )\n"
-    "      --src-path <path>  path to main primitives file in default modeor directory to search this files in "
+    "  -q, --quiet               don't produce output\n"
+    "      --verbose             print used files list\n"
+    "      --tree                process all files found recursive ( enable tree mode )\n"
+    "      --src-path <path>     path to main primitives file in default modeor directory to search this files in "
     "tree mode\n"
-    "      --dst-path <path>  path to destination directory\n"
-    "  -j, --jobs <N>         convert N models at once, and use N threads within a model (0: one per hardware "
+    "      --dst-path <path>     path to destination directory\n"
+    "  -j, --jobs <N>            convert N models at once, and use N threads within a model (0: one per hardware "
     "thread)\n"
-    "      --keep-going       in tree mode convert every model even after failures, then list the failed ones\n"
-    "      --incremental      skip models whose .geometry file is newer than their sources and the tool\n"
-    "      --report <FILE>    write statistics of every model as one JSON document to FILE\n"
-    "      --version          print the tool's name and version\n"
-    "  -h, --help             Display this message.\n";
+    "      --keep-going          in tree mode convert every model even after failures, then list the failed ones\n"
+    "      --incremental         skip models whose .geometry file is newer than their sources and the tool\n"
+    "      --report <FILE>       write statistics of every model as one JSON document to FILE\n"
+    "      --report-html <FILE>  write the report as one self-contained HTML page, with previews, to FILE\n"
+    "      --version             print the tool's name and version\n"
+    "  -h, --help                Display this message.\n";
   for (const char* help : {"--help", "-h"})
   {
     // Even with paths that would fail, nothing but the help happens.
