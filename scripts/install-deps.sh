@@ -5,7 +5,8 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config
           libspdlog-dev libfmt-dev libmeshoptimizer-dev zlib1g-dev
-          libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev gltfpack)
+          libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev gltfpack
+          libpng-dev chromium)
 windows=0
 if [[ "${1:-}" == "--windows" ]]; then
   windows=1
