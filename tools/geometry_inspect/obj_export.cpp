@@ -1,8 +1,8 @@
 #include "geometry_inspect/obj_export.hpp"
 
 #include "cstdmf/path_utils.hpp"
-#include "cstdmf/platform.hpp"
 #include "moo/vertex_format.hpp"
+#include "preview/output_file.hpp"
 
 #include <fmt/format.h>
 
@@ -137,28 +137,12 @@ bool exportObj(const GeometryInspection& inspection, const std::string& outPath,
   if (!buildObjText(inspection, text, counts, error))
     return false;
 
-  const std::string temporary = outPath + ".tmp" + std::to_string(platform::processId());
-  std::FILE* file = platform::openFile(temporary, "wb");
-  if (file == nullptr)
+  // A failure names the path given and the system's reason, never the temporary file.
+  std::string writeError;
+  if (!Preview::writeWholeFile(outPath, text, writeError))
   {
-    error = "cannot create '" + temporary + "'";
-    return false;
-  }
-  const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-  const bool closed = std::fclose(file) == 0;
-  std::error_code ignored;
-  if (!written || !closed)
-  {
-    std::filesystem::remove(cstdmf::u8path(temporary), ignored);
-    error = "cannot write '" + temporary + "'";
-    return false;
-  }
-  std::error_code renameError;
-  std::filesystem::rename(cstdmf::u8path(temporary), cstdmf::u8path(outPath), renameError);
-  if (renameError)
-  {
-    std::filesystem::remove(cstdmf::u8path(temporary), ignored);
-    error = "cannot replace '" + outPath + "': " + renameError.message();
+    const std::string prefix = "cannot write '" + outPath + "': ";
+    error = writeError.starts_with(prefix) ? writeError.substr(prefix.size()) : writeError;
     return false;
   }
   return true;
