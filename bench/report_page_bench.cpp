@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numbers>
 #include <regex>
 #include <string>
 
@@ -31,7 +32,7 @@ Preview::Mesh blob(int seed)
   for (int r = 0; r <= kRings; ++r)
     for (int s = 0; s <= kSegments; ++s)
     {
-      const double theta = M_PI * r / kRings, phi = 2 * M_PI * s / kSegments;
+      const double theta = std::numbers::pi * r / kRings, phi = 2 * std::numbers::pi * s / kSegments;
       const double radius = 1.0 + 0.15 * std::sin(3 * phi + seed) * std::sin(2 * theta + seed * 0.7);
       const double n[3] = {std::sin(theta) * std::cos(phi), std::cos(theta), std::sin(theta) * std::sin(phi)};
       mesh.positions.insert(mesh.positions.end(), {float(n[0] * radius * (1 + seed % 3 * 0.3)), float(n[1] * radius),
