@@ -25,9 +25,9 @@ namespace
 namespace fs = std::filesystem;
 
 // A lumpy sphere; `seed` changes its shape so the previews differ.
-Preview::Mesh blob(int seed)
+preview::Mesh blob(int seed)
 {
-  Preview::Mesh mesh;
+  preview::Mesh mesh;
   constexpr int kRings = 24, kSegments = 32;
   for (int r = 0; r <= kRings; ++r)
     for (int s = 0; s <= kSegments; ++s)
@@ -61,12 +61,12 @@ int main(int argc, char** argv)
   std::vector<std::vector<uint8_t>> previews;
   for (int seed = 0; previewSize != 0 && seed < 16; ++seed)
   {
-    const Preview::Mesh mesh = blob(seed);
-    Preview::Bounds bounds;
+    const preview::Mesh mesh = blob(seed);
+    preview::Bounds bounds;
     bounds.add(std::span(&mesh, 1));
     std::vector<uint8_t> png;
     std::string error;
-    if (!Preview::encodePng(Preview::render(std::span(&mesh, 1), bounds, Preview::Mode::RenderSets, previewSize, Preview::Quality::Compact), png, error))
+    if (!preview::encodePng(preview::render(std::span(&mesh, 1), bounds, preview::Mode::RenderSets, previewSize, preview::Quality::Compact), png, error))
       return 1;
     previews.push_back(std::move(png));
   }
@@ -108,7 +108,7 @@ int main(int argc, char** argv)
   const double buildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   const fs::path pagePath = dir / "page.html";
   std::string error;
-  if (!Preview::writeWholeFile(cstdmf::toUtf8(pagePath), page, error))
+  if (!preview::writeWholeFile(cstdmf::toUtf8(pagePath), page, error))
   {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
@@ -133,6 +133,8 @@ int main(int argc, char** argv)
     return 1;
   }
   const nlohmann::json check = nlohmann::json::parse(found[1].str(), nullptr, false);
+  if (check.value("lastRowDrawn", false) != true || check.value("sortedDescending", false) != true)
+    std::printf("the page's self-check failed: %s\n", found[1].str().c_str());
   std::printf("in Chromium: loaded (navigation start to drawn table) in %.0f ms, of which the page script %.0f ms; "
               "sort of all rows %.0f ms; whole browser run %.1f s\n",
               check.value("loadMs", -1.0), check.value("scriptMs", -1.0), check.value("sortMs", -1.0), browserSeconds);

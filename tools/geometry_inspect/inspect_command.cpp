@@ -77,7 +77,7 @@ struct Options
   bool version = false;
   std::string exportPath;
   std::string renderPath;
-  Preview::Mode renderMode = Preview::Mode::Shaded;
+  preview::Mode renderMode = preview::Mode::Shaded;
   uint32_t renderSize = 384;
   std::string sourcePath; // before/after previews
   std::string namesPath;
@@ -206,11 +206,11 @@ bool renderToFile(const Options& options, GeometryInspection& inspection, std::s
     }
     request.source = &source;
   }
-  const Preview::Image image = renderPreview(inspection, request);
+  const preview::Image image = renderPreview(inspection, request);
   std::vector<uint8_t> png;
-  if (!Preview::encodePng(image, png, error))
+  if (!preview::encodePng(image, png, error))
     return false;
-  return Preview::writeWholeFile(options.renderPath,
+  return preview::writeWholeFile(options.renderPath,
                                  std::span<const char>(reinterpret_cast<const char*>(png.data()), png.size()), error);
 }
 
@@ -466,7 +466,7 @@ int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
     return {};
   };
   const std::string page = report_page::buildPage(report, previews);
-  if (!Preview::writeWholeFile(options.reportHtmlPath, page, error))
+  if (!preview::writeWholeFile(options.reportHtmlPath, page, error))
   {
     err << "ERROR: " << error << '\n';
     return kExitUnsound;
@@ -476,14 +476,14 @@ int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
   return kExitSound;
 }
 
-std::optional<Preview::Mode> parseMode(std::string_view text)
+std::optional<preview::Mode> parseMode(std::string_view text)
 {
   if (text == "shaded")
-    return Preview::Mode::Shaded;
+    return preview::Mode::Shaded;
   if (text == "sets")
-    return Preview::Mode::RenderSets;
+    return preview::Mode::RenderSets;
   if (text == "cache")
-    return Preview::Mode::VertexCache;
+    return preview::Mode::VertexCache;
   return std::nullopt;
 }
 
@@ -537,7 +537,7 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
           const auto mode = parseMode(value);
           if (!mode)
             badValue = fmt::format("ERROR: invalid value '{}' for --render-mode: expected shaded, sets or cache\n", value);
-          options.renderMode = mode.value_or(Preview::Mode::Shaded);
+          options.renderMode = mode.value_or(preview::Mode::Shaded);
           return mode.has_value();
         },
       })
@@ -596,7 +596,7 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
   }
   else if ((oneFileOutput || !options.namesPath.empty()) && options.inputs.size() != 1)
     return refuse("ERROR: --export-obj, --render and --names take one input file");
-  if ((!options.sourcePath.empty() || options.renderMode != Preview::Mode::Shaded) && options.renderPath.empty())
+  if ((!options.sourcePath.empty() || options.renderMode != preview::Mode::Shaded) && options.renderPath.empty())
     return refuse("ERROR: --source and --render-mode need --render");
 
   // Paths: every input must exist and every output folder too, before anything is done.

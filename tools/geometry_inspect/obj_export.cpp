@@ -139,7 +139,7 @@ bool exportObj(const GeometryInspection& inspection, const std::string& outPath,
 
   // A failure names the path given and the system's reason, never the temporary file.
   std::string writeError;
-  if (!Preview::writeWholeFile(outPath, text, writeError))
+  if (!preview::writeWholeFile(outPath, text, writeError))
   {
     const std::string prefix = "cannot write '" + outPath + "': ";
     error = writeError.starts_with(prefix) ? writeError.substr(prefix.size()) : writeError;

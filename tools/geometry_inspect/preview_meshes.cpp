@@ -19,7 +19,7 @@ void appendVector(std::vector<float>& out, const Moo::Vector3& v)
 }
 
 // Positions and normals of `vertices` in `format`; false when the format has no position.
-bool readVertices(const Moo::VertexFormat& format, std::span<const std::byte> vertices, Preview::Mesh& mesh)
+bool readVertices(const Moo::VertexFormat& format, std::span<const std::byte> vertices, preview::Mesh& mesh)
 {
   const auto positions = format.getAccessor<VertexSemantic::POSITION>(vertices);
   if (!positions)
@@ -72,7 +72,7 @@ bool readSourceIndices(const SectionInfo& section, std::vector<uint32_t>& indice
   return true;
 }
 
-bool readSourceVertices(const SectionInfo& section, Preview::Mesh& mesh)
+bool readSourceVertices(const SectionInfo& section, preview::Mesh& mesh)
 {
   Moo::VertexSectionHeader header;
   if (!Moo::readVertexSectionHeader(section.bytes, section.name, header))
@@ -88,14 +88,14 @@ bool readSourceVertices(const SectionInfo& section, Preview::Mesh& mesh)
 
 } // namespace
 
-std::vector<Preview::Mesh> geometryMeshes(const GeometryInspection& inspection)
+std::vector<preview::Mesh> geometryMeshes(const GeometryInspection& inspection)
 {
-  std::vector<Preview::Mesh> meshes;
+  std::vector<preview::Mesh> meshes;
   for (const RenderSet& set : inspection.renderSets())
   {
     if (!set.usable)
       continue;
-    Preview::Mesh mesh;
+    preview::Mesh mesh;
     mesh.renderSet = static_cast<uint32_t>(set.index);
     const Moo::VertexFormat& format = inspection.vertexBuffers()[set.vertices.mergedBufferIndex].format->m_gpuFormat;
     if (!readVertices(format, inspection.vertexRange(set.vertices), mesh))
@@ -107,9 +107,9 @@ std::vector<Preview::Mesh> geometryMeshes(const GeometryInspection& inspection)
   return meshes;
 }
 
-std::vector<Preview::Mesh> sourceMeshes(const GeometryInspection& inspection, const PrimitivesListing& source)
+std::vector<preview::Mesh> sourceMeshes(const GeometryInspection& inspection, const PrimitivesListing& source)
 {
-  std::vector<Preview::Mesh> meshes;
+  std::vector<preview::Mesh> meshes;
   for (const RenderSet& set : inspection.renderSets())
   {
     if (!set.usable)
@@ -118,7 +118,7 @@ std::vector<Preview::Mesh> sourceMeshes(const GeometryInspection& inspection, co
     const SectionInfo* indices = findSection(source, set.indices.mappingId, SectionInfo::Kind::Indices);
     if (vertices == nullptr || indices == nullptr)
       continue;
-    Preview::Mesh mesh;
+    preview::Mesh mesh;
     mesh.renderSet = static_cast<uint32_t>(set.index);
     if (!readSourceVertices(*vertices, mesh) || !readSourceIndices(*indices, mesh.indices))
       continue;
@@ -127,17 +127,17 @@ std::vector<Preview::Mesh> sourceMeshes(const GeometryInspection& inspection, co
   return meshes;
 }
 
-Preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request)
+preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request)
 {
-  const std::vector<Preview::Mesh> after = geometryMeshes(inspection);
-  Preview::Bounds bounds;
+  const std::vector<preview::Mesh> after = geometryMeshes(inspection);
+  preview::Bounds bounds;
   bounds.add(after);
-  Preview::Image image = Preview::render(after, bounds, request.mode, request.size, request.quality);
+  preview::Image image = preview::render(after, bounds, request.mode, request.size, request.quality);
   if (request.source == nullptr)
     return image;
-  const std::vector<Preview::Mesh> before = sourceMeshes(inspection, *request.source);
-  const Preview::Image panels[2] = {Preview::render(before, bounds, request.mode, request.size, request.quality), std::move(image)};
-  return Preview::sideBySide(panels);
+  const std::vector<preview::Mesh> before = sourceMeshes(inspection, *request.source);
+  const preview::Image panels[2] = {preview::render(before, bounds, request.mode, request.size, request.quality), std::move(image)};
+  return preview::sideBySide(panels);
 }
 
 std::vector<uint8_t> previewPngOfFile(const std::string& path, uint32_t size)
@@ -145,10 +145,10 @@ std::vector<uint8_t> previewPngOfFile(const std::string& path, uint32_t size)
   GeometryInspection inspection;
   if (!inspection.load(path))
     return {};
-  const Preview::Image image = renderPreview(inspection, {.mode = Preview::Mode::RenderSets, .size = size, .quality = Preview::Quality::Compact});
+  const preview::Image image = renderPreview(inspection, {.mode = preview::Mode::RenderSets, .size = size, .quality = preview::Quality::Compact});
   std::vector<uint8_t> png;
   std::string error;
-  if (!Preview::encodePng(image, png, error))
+  if (!preview::encodePng(image, png, error))
     return {};
   return png;
 }

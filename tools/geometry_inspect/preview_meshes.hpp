@@ -15,26 +15,26 @@ namespace geometry_inspect
 
 // Every usable render set of a loaded file, in render set order (Mesh::renderSet is its index).
 // Sets that cannot be drawn (see RenderSet::usable) are left out.
-[[nodiscard]] std::vector<Preview::Mesh> geometryMeshes(const GeometryInspection& inspection);
+[[nodiscard]] std::vector<preview::Mesh> geometryMeshes(const GeometryInspection& inspection);
 
 // The source ranges of the same render sets: for each usable render set of `inspection`, the
 // vertex and index sections of `source` whose names' string ids are the set's mapping ids, as they
 // were before the compiler reordered them. Sets with no matching readable sections are left out.
-[[nodiscard]] std::vector<Preview::Mesh> sourceMeshes(const GeometryInspection& inspection,
+[[nodiscard]] std::vector<preview::Mesh> sourceMeshes(const GeometryInspection& inspection,
                                                       const PrimitivesListing& source);
 
 struct PreviewRequest
 {
-  Preview::Mode mode = Preview::Mode::Shaded;
+  preview::Mode mode = preview::Mode::Shaded;
   uint32_t size = 384; // pixels per panel
-  Preview::Quality quality = Preview::Quality::Smooth;
+  preview::Quality quality = preview::Quality::Smooth;
   // When set, the source's panel (before optimisation) is placed left of the file's (after).
   const PrimitivesListing* source = nullptr;
 };
 
 // The preview of a loaded file as an image: one panel, or two side by side with a source. Both
 // panels share the file's bounds, so they line up.
-[[nodiscard]] Preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request);
+[[nodiscard]] preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request);
 
 // The render-set preview of the .geometry file at `path` as PNG bytes, for report pages; empty
 // when the file cannot be read or loaded (a report page shows no preview then, and says nothing).

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
-namespace Preview
+namespace preview
 {
 
 bool writeWholeFile(const std::string& path, std::span<const char> bytes, std::string& error)
@@ -44,4 +44,4 @@ bool writeWholeFile(const std::string& path, std::span<const char> bytes, std::s
   return true;
 }
 
-} // namespace Preview
+} // namespace preview

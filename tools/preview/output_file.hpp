@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-namespace Preview
+namespace preview
 {
 
 // Writes `bytes` to `path` (UTF-8). False with `error` set to "cannot write '<path>': <reason>"
@@ -13,4 +13,4 @@ namespace Preview
 // file cannot be created, written or renamed; nothing is left behind then.
 [[nodiscard]] bool writeWholeFile(const std::string& path, std::span<const char> bytes, std::string& error);
 
-} // namespace Preview
+} // namespace preview

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <unordered_map>
 
-namespace Preview
+namespace preview
 {
 namespace
 {
@@ -165,4 +165,4 @@ bool decodePng(std::span<const uint8_t> bytes, Image& image, std::string& error)
   return true;
 }
 
-} // namespace Preview
+} // namespace preview

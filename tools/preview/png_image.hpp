@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace Preview
+namespace preview
 {
 
 // The image as an 8-bit PNG with no time or text chunks, so the bytes depend only on the pixels
@@ -20,4 +20,4 @@ namespace Preview
 // set when the bytes are not a PNG libpng can read, or the image is larger than 16384 × 16384.
 [[nodiscard]] bool decodePng(std::span<const uint8_t> png, Image& image, std::string& error);
 
-} // namespace Preview
+} // namespace preview

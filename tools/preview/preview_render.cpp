@@ -7,7 +7,7 @@
 #include <cmath>
 #include <limits>
 
-namespace Preview
+namespace preview
 {
 namespace
 {
@@ -373,4 +373,4 @@ Image sideBySide(std::span<const Image> images)
   return result;
 }
 
-} // namespace Preview
+} // namespace preview

@@ -15,7 +15,7 @@
 #include <span>
 #include <vector>
 
-namespace Preview
+namespace preview
 {
 
 // One drawable range: positions (and optionally normals) as x, y, z floats per vertex, and a
@@ -78,4 +78,4 @@ enum class Quality
 // empty: 0 to 3 per triangle.
 [[nodiscard]] std::vector<uint8_t> vertexCacheCosts(std::span<const uint32_t> indices);
 
-} // namespace Preview
+} // namespace preview

@@ -96,7 +96,9 @@ const char* const kPageScript = R"js(
     var first = Math.max(0, Math.floor(scroller.scrollTop / rowHeight) - 5);
     var count = Math.ceil(scroller.clientHeight / rowHeight) + 10;
     var last = Math.min(shown.length, first + count);
-    var html = ['<tr class="spacer" style="height:' + first * rowHeight + 'px"></tr>'];
+    // Rows outside the view are two spacer rows of the same height, so the scroll bar is right.
+    var span = columns.length + 1;
+    var html = ['<tr class="spacer"><td colspan="' + span + '" style="height:' + first * rowHeight + 'px"></td></tr>'];
     for (var k = first; k < last; ++k) {
       var i = shown[k], r = rows[i];
       var cells = ['<tr data-model="' + i + '" class="' + r[data.statusColumn] + '">'];
@@ -107,7 +109,7 @@ const char* const kPageScript = R"js(
       cells.push("</tr>");
       html.push(cells.join(""));
     }
-    html.push('<tr class="spacer" style="height:' + (shown.length - last) * rowHeight + 'px"></tr>');
+    html.push('<tr class="spacer"><td colspan="' + span + '" style="height:' + (shown.length - last) * rowHeight + 'px"></td></tr>');
     body.innerHTML = html.join("");
   }
 
@@ -170,6 +172,13 @@ const char* const kPageScript = R"js(
     report.sortedDescending = sortedOk;
     report.firstRowModel = body.querySelector("tr[data-model]") ? Number(body.querySelector("tr[data-model]").dataset.model) : -1;
     report.largest = shown.length ? rows[shown[0]][data.sourceColumn] : null;
+    // Scrolled to the end, the last row is drawn.
+    scroller.scrollTop = scroller.scrollHeight;
+    draw();
+    var drawn = body.querySelectorAll("tr[data-model]");
+    report.lastRowDrawn = drawn.length > 0 && Number(drawn[drawn.length - 1].dataset.model) === shown[shown.length - 1];
+    scroller.scrollTop = 0;
+    draw();
     var needle = data.rows.length ? String(rows[rows.length - 1][data.sourceColumn]) : "";
     filterBox.value = needle;
     applyFilter();

@@ -322,7 +322,7 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   json palette = json::array();
   for (size_t i = 0; i < kPaletteSize; ++i)
   {
-    const auto rgb = Preview::renderSetColour(i);
+    const auto rgb = preview::renderSetColour(i);
     palette.push_back(fmt::format("#{:02x}{:02x}{:02x}", rgb[0], rgb[1], rgb[2]));
   }
   const json data = {{"columns", columns},

@@ -26,7 +26,7 @@ bool writeReportPage(const Report& report, const std::string& path)
   };
   const std::string page = report_page::buildPage(document, previews);
   std::string error;
-  if (!Preview::writeWholeFile(path, page, error))
+  if (!preview::writeWholeFile(path, page, error))
   {
     ZR_MSG(DebugMessagePriority::Error, "", "%s\n", error.c_str());
     return false;

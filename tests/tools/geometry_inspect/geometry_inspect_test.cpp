@@ -6,6 +6,7 @@
 #include "geometry_inspect/obj_export.hpp"
 #include "mesh_data_optimizer/coder.hpp"
 #include "moo/moo_prototypes.hpp"
+#include "preview/png_image.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -14,6 +15,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <set>
 #include <sstream>
 
 using namespace inspect_test;
@@ -504,3 +507,68 @@ TEST(geometry_inspect, ValidateRefusesBrokenPrimitives)
 }
 
 } // namespace
+
+TEST(geometry_inspect, NamesFromTheSourceBesideOrGiven)
+{
+  testutil::TempDir dir("inspect");
+  const fs::path geometry = compileModel(dir.path, "m", twoGrids());
+  fs::create_directories(dir.path / "elsewhere");
+  const fs::path moved = dir.path / "elsewhere" / "m.geometry";
+  fs::copy_file(geometry, moved);
+
+  // No source beside it: ids only.
+  RunResult run = inspect({moved.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.out, "id " + idOf("hull.vertices") + " buffer")) << run.out;
+  run = inspect({"--json", moved.string()});
+  EXPECT_TRUE(nlohmann::json::parse(run.out)["vertexMappings"][0]["name"].is_null());
+
+  run = inspect({"--names", (dir.path / "m.primitives").string(), "--stats", moved.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.out, "vertices " + idOf("hull.vertices") + " (hull.vertices) indices " +
+                                  idOf("hull.indices") + " (hull.indices)"))
+    << run.out;
+  run = inspect({"--names", (dir.path / "m.primitives").string(), "--json", moved.string()});
+  EXPECT_EQ(nlohmann::json::parse(run.out)["vertexMappings"][1]["name"], "deck.vertices");
+
+  // A names file that is not a container is a warning; one that is missing is a bad path.
+  run = inspect({"--names", moved.string(), moved.string()});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(contains(run.err, "WARNING: ")) << run.err;
+  EXPECT_EQ(inspect({"--names", (dir.path / "none.primitives").string(), moved.string()}).status, 2);
+}
+
+TEST(geometry_inspect, RenderWritesAPreviewAndABeforeAfterPair)
+{
+  testutil::TempDir dir("inspect");
+  const fs::path geometry = compileModel(dir.path, "m", twoGrids());
+  const fs::path png = dir.path / "m.png";
+  const auto decoded = [&](preview::Image& image) {
+    std::ifstream in(png, std::ios::binary);
+    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string error;
+    return preview::decodePng(bytes, image, error);
+  };
+
+  RunResult run = inspect({"--render", png.string(), "--render-size", "64", "--render-mode", "sets", geometry.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  preview::Image image;
+  ASSERT_TRUE(decoded(image));
+  EXPECT_EQ(image.width, 64u);
+  std::set<std::array<uint8_t, 3>> colours;
+  for (size_t i = 0; i < image.rgb.size(); i += 3)
+    colours.insert({image.rgb[i], image.rgb[i + 1], image.rgb[i + 2]});
+  EXPECT_GT(colours.size(), 3u); // background, two render sets, their shades and edges
+
+  run = inspect({"--render", png.string(), "--render-size", "64", "--render-mode", "cache", "--source",
+                 (dir.path / "m.primitives").string(), geometry.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  ASSERT_TRUE(decoded(image));
+  EXPECT_EQ(image.width, 130u);
+  EXPECT_EQ(image.height, 64u);
+
+  // A .primitives file cannot be rendered; nothing is written for a refused command.
+  fs::remove(png);
+  EXPECT_EQ(inspect({"--render", png.string(), (dir.path / "m.primitives").string()}).status, 1);
+  EXPECT_FALSE(fs::exists(png));
+}

@@ -51,7 +51,7 @@ struct Case
   const char* name;       // golden/<name>.png
   const char* geometry;   // under the converted tree
   const char* source;     // the .primitives, for a before/after pair; empty for one panel
-  Preview::Mode mode;
+  preview::Mode mode;
 };
 
 class PreviewGolden : public testing::Test
@@ -89,10 +89,10 @@ protected:
       ASSERT_TRUE(listing.load(block, source.string()));
       request.source = &listing;
     }
-    const Preview::Image image = geometry_inspect::renderPreview(inspection, request);
+    const preview::Image image = geometry_inspect::renderPreview(inspection, request);
     std::vector<uint8_t> png;
     std::string error;
-    ASSERT_TRUE(Preview::encodePng(image, png, error)) << error;
+    ASSERT_TRUE(preview::encodePng(image, png, error)) << error;
 
     const fs::path golden = kGolden / (std::string(c.name) + ".png");
     if (std::getenv("VERTEXMILL_UPDATE_GOLDEN") != nullptr)
@@ -100,8 +100,8 @@ protected:
       std::ofstream(golden, std::ios::binary).write(reinterpret_cast<const char*>(png.data()), std::streamsize(png.size()));
       GTEST_SKIP() << "rewrote " << golden.string();
     }
-    Preview::Image expected;
-    ASSERT_TRUE(Preview::decodePng(readBytes(golden), expected, error)) << golden.string() << ": " << error;
+    preview::Image expected;
+    ASSERT_TRUE(preview::decodePng(readBytes(golden), expected, error)) << golden.string() << ": " << error;
     ASSERT_EQ(image.width, expected.width);
     ASSERT_EQ(image.height, expected.height);
     size_t differing = 0;
@@ -125,10 +125,10 @@ TEST_F(PreviewGolden, Examples)
   ASSERT_TRUE(s_ready) << "the examples did not convert";
   const fs::path out = s_dir / "out" / "examples";
   const Case cases[] = {
-    {"spot_shaded", "creatures/spot", "", Preview::Mode::Shaded},
-    {"crate_sets", "props/crate", "", Preview::Mode::RenderSets},
-    {"ring_cache", "props/ring", "props/ring", Preview::Mode::VertexCache},
-    {"buoy_cache", "ships/buoy", "ships/buoy", Preview::Mode::VertexCache},
+    {"spot_shaded", "creatures/spot", "", preview::Mode::Shaded},
+    {"crate_sets", "props/crate", "", preview::Mode::RenderSets},
+    {"ring_cache", "props/ring", "props/ring", preview::Mode::VertexCache},
+    {"buoy_cache", "ships/buoy", "ships/buoy", preview::Mode::VertexCache},
   };
   for (const Case& c : cases)
     check(c, out / (std::string(c.geometry) + ".geometry"),
@@ -146,9 +146,9 @@ TEST_F(PreviewGolden, CorpusMeshes)
     ASSERT_EQ(run(PRIMITIVES_FROM_OBJ, {(corpus / (std::string(mesh) + ".obj")).string(), primitives.string()}, s_dir), 0);
     ASSERT_EQ(run(VERTEXMILL, {"--src-path", primitives.string(), "--dst-path", (s_dir / "corpus").string()}, s_dir), 0);
     const fs::path geometry = s_dir / "corpus" / (std::string(mesh) + ".geometry");
-    check({mesh, "", "", Preview::Mode::Shaded}, geometry, {});
+    check({mesh, "", "", preview::Mode::Shaded}, geometry, {});
     const std::string cache = std::string(mesh) + "_cache";
-    check({cache.c_str(), "", "", Preview::Mode::VertexCache}, geometry, primitives);
+    check({cache.c_str(), "", "", preview::Mode::VertexCache}, geometry, primitives);
   }
 }
 

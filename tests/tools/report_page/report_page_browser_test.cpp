@@ -110,6 +110,7 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
   ASSERT_TRUE(check.is_object()) << found[1].str();
   EXPECT_EQ(check["models"], 5);
   EXPECT_EQ(check["sortedDescending"], true);
+  EXPECT_EQ(check["lastRowDrawn"], true);
   EXPECT_EQ(check["largest"], (m_dir / "src" / "creatures" / "spot.primitives").string());
   EXPECT_EQ(check["filterMatches"], 1);
   EXPECT_EQ(check["filterRowsDrawn"], 1);
@@ -134,9 +135,9 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
   const fs::path shot = m_dir / "shot.png";
   (void)browse(url, {"--hide-scrollbars", "--window-size=1200,900", "--screenshot=" + shot.string()}, log);
   const std::string bytes = slurp(shot);
-  Preview::Image image;
+  preview::Image image;
   std::string error;
-  ASSERT_TRUE(Preview::decodePng(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), image, error))
+  ASSERT_TRUE(preview::decodePng(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), image, error))
     << error << log;
   EXPECT_EQ(image.width, 1200u);
   std::set<uint32_t> colours;
