@@ -377,7 +377,9 @@ int runMany(const Options& options, std::ostream& out, std::ostream& err)
     GeometryInspection inspection;
     if (inspection.load(block, file))
       inspection.validate();
-    attachNames(options, inspection);
+    // Names only show in the JSON documents and the statistics lines.
+    if (options.json || options.stats)
+      attachNames(options, inspection);
     writeIssues(err, inspection.issues());
     const bool sound = !inspection.issues().hasErrors();
     unsound += !sound;
