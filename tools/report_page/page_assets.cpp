@@ -212,6 +212,7 @@ h3 { font-size: 15px; margin: 0 0 8px; word-break: break-all; }
 .card { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 8px 14px; min-width: 120px; }
 .card b { display: block; font-size: 18px; }
 .card.bad b { color: var(--bad); }
+.failures { max-height: 40vh; overflow: auto; }
 .failure { background: #fff; border: 1px solid #f1b8b4; border-left: 4px solid var(--bad); border-radius: 6px; padding: 8px 12px; margin: 8px 0; }
 .failure ul, .messages { margin: 4px 0 0; padding-left: 20px; font-family: ui-monospace, monospace; font-size: 12px; }
 .plots { display: flex; flex-wrap: wrap; gap: 16px; align-items: flex-start; }

@@ -19,6 +19,8 @@ using nlohmann::json;
 // Most models of a large tree are small; the plots keep the largest this many by name.
 constexpr size_t kLargestShown = 40;
 constexpr size_t kPaletteSize = 10;
+// Failures listed with their messages at the top; the table lists them all.
+constexpr size_t kFailuresListed = 500;
 
 std::string escapeHtml(std::string_view text)
 {
@@ -294,9 +296,8 @@ std::string buildPage(const json& report, const PreviewSource& previews)
       for (const json& text : array(model, key))
         if (text.is_string())
           modelMessages.push_back(text);
-    if (string(model, "status") == "failed")
+    if (string(model, "status") == "failed" && ++failed <= kFailuresListed)
     {
-      ++failed;
       failures += "<div class=\"failure\"><b>" + escapeHtml(string(model, "source")) + "</b><ul>";
       for (const json& text : array(model, "errors"))
         if (text.is_string())
@@ -366,7 +367,12 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   page += card("seconds", fmt::format("{:.2f}", number(totals, "seconds")));
   page += "</div>\n";
   if (failed != 0)
-    page += fmt::format("<h2>Failures ({})</h2>\n", failed) + failures;
+  {
+    page += fmt::format("<h2>Failures ({})</h2>\n<div class=\"failures\">", failed) + failures;
+    if (failed > kFailuresListed)
+      page += fmt::format("<p class=\"muted\">and {} more: filter the table by \"failed\".</p>", failed - kFailuresListed);
+    page += "</div>\n";
+  }
   page += "<h2>Models</h2>\n<div class=\"controls\"><input id=\"filter\" type=\"search\" placeholder=\"filter by path or status\">"
           "<label><input id=\"only-problems\" type=\"checkbox\"> failures and warnings only</label>"
           "<span id=\"shown\" class=\"muted\"></span><span class=\"muted\">click a column to sort, a row for its "
