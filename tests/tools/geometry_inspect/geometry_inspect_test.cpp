@@ -572,3 +572,26 @@ TEST(geometry_inspect, RenderWritesAPreviewAndABeforeAfterPair)
   EXPECT_EQ(inspect({"--render", png.string(), (dir.path / "m.primitives").string()}).status, 1);
   EXPECT_FALSE(fs::exists(png));
 }
+
+TEST(geometry_inspect, ReportPageFromAJsonReport)
+{
+  testutil::TempDir dir("inspect");
+  const fs::path geometry = compileModel(dir.path, "m", twoGrids());
+  const fs::path report = dir.path / "report.json";
+  const fs::path page = dir.path / "page.html";
+  std::ofstream(report) << nlohmann::json{{"models", {{{"source", "m.primitives"}, {"output", geometry.string()}, {"status", "converted"}}}}}.dump();
+
+  RunResult run = inspect({"--report-html", page.string(), report.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::ifstream in(page);
+  const std::string html((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // The model's preview is the one line of the previews element.
+  const size_t previews = html.find("id=\"previews\">\n");
+  ASSERT_NE(previews, std::string::npos);
+  EXPECT_EQ(html.compare(previews + 15, 8, "iVBORw0K"), 0) << "a base64 PNG";
+
+  std::ofstream(report) << "{\"models\": [";
+  EXPECT_EQ(inspect({"--report-html", page.string(), report.string()}).status, 3);
+  EXPECT_EQ(inspect({"--report-html", page.string(), (dir.path / "none.json").string()}).status, 2);
+  EXPECT_EQ(inspect({"--report-html", (dir.path / "no" / "page.html").string(), report.string()}).status, 2);
+}
