@@ -99,7 +99,7 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
                 m_dir / "inspect-err.txt"),
             0)
     << slurp(m_dir / "inspect-err.txt");
-  EXPECT_EQ(slurp(again), slurp(page));
+  EXPECT_TRUE(slurp(again) == slurp(page)) << "the two pages differ: " << again.string() << ", " << page.string();
 
   const std::string url = "file://" + fs::absolute(page).generic_string();
   std::string log;
