@@ -5,6 +5,7 @@
 #   meshoptimizer, tinyxml2     compiled from Debian's source packages of the host's release
 #   GoogleTest                  compiled from /usr/src/googletest (libgtest-dev)
 #   zlib                        libz-mingw-w64-dev, found in the MinGW sysroot
+#   libpng                      compiled from Debian's source package of the host's release
 # It defines the same imported targets as the find_package calls of the normal build.
 
 set(VERTEXMILL_DEPS_DIR ${CMAKE_BINARY_DIR}/_deps)
@@ -117,6 +118,58 @@ endif()
 add_library(vertexmill_tinyxml2 STATIC ${tinyxml2_dir}/tinyxml2.cpp)
 target_include_directories(vertexmill_tinyxml2 SYSTEM PUBLIC ${tinyxml2_dir})
 add_library(tinyxml2::tinyxml2 ALIAS vertexmill_tinyxml2)
+# libpng, compiled from Debian's source package (libpng1.6) of the host's release like meshoptimizer;
+# VERTEXMILL_LIBPNG_SOURCE_DIR names an unpacked tree instead. The library's own prebuilt
+# configuration header is used as it is.
+set(VERTEXMILL_LIBPNG_SOURCE_DIR "" CACHE PATH "Unpacked libpng source tree (empty: apt-get source)")
+set(libpng_dir ${VERTEXMILL_LIBPNG_SOURCE_DIR})
+if(NOT libpng_dir)
+  file(GLOB libpng_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/libpng/libpng1.6-* ${VERTEXMILL_DEPS_DIR}/libpng/libpng-*)
+  if(NOT libpng_dir)
+    execute_process(COMMAND dpkg-query -W -f=\${source:Version} libpng-dev
+      OUTPUT_VARIABLE libpng_version RESULT_VARIABLE libpng_query ERROR_QUIET)
+    set(libpng_package libpng1.6)
+    if(libpng_query EQUAL 0 AND libpng_version)
+      set(libpng_package libpng1.6=${libpng_version})
+    endif()
+    message(STATUS "Unpacking Debian's source package ${libpng_package}")
+    file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/libpng)
+    execute_process(COMMAND apt-get source -qq ${libpng_package}
+      WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/libpng
+      RESULT_VARIABLE libpng_fetch OUTPUT_QUIET ERROR_VARIABLE libpng_errors)
+    file(GLOB libpng_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/libpng/libpng1.6-*)
+    # A mirror may serve the upstream tarball but not a security update's Debian files; the
+    # upstream tree is all this build needs.
+    file(GLOB libpng_orig ${VERTEXMILL_DEPS_DIR}/libpng/libpng1.6_*.orig.tar.*)
+    if(NOT libpng_dir AND libpng_orig)
+      list(GET libpng_orig 0 libpng_orig)
+      execute_process(COMMAND ${CMAKE_COMMAND} -E tar xf ${libpng_orig} WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/libpng
+        RESULT_VARIABLE libpng_fetch)
+      file(GLOB libpng_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/libpng/libpng-*)
+    endif()
+    if(NOT libpng_dir)
+      message(FATAL_ERROR "apt-get source ${libpng_package} failed: it needs deb-src entries and dpkg-dev "
+                          "(scripts/install-deps.sh --windows adds both)\n${libpng_errors}")
+    endif()
+  endif()
+endif()
+list(GET libpng_dir 0 libpng_dir)
+set(libpng_sources)
+foreach(name png pngerror pngget pngmem pngpread pngread pngrio pngrtran pngrutil pngset pngtrans pngwio pngwrite
+             pngwtran pngwutil)
+  list(APPEND libpng_sources ${libpng_dir}/${name}.c)
+endforeach()
+if(NOT EXISTS ${libpng_dir}/png.h OR NOT EXISTS ${libpng_dir}/scripts/pnglibconf.h.prebuilt)
+  message(FATAL_ERROR "no libpng sources in ${libpng_dir}")
+endif()
+file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/libpng-config)
+configure_file(${libpng_dir}/scripts/pnglibconf.h.prebuilt ${VERTEXMILL_DEPS_DIR}/libpng-config/pnglibconf.h COPYONLY)
+add_library(vertexmill_libpng STATIC ${libpng_sources})
+target_include_directories(vertexmill_libpng SYSTEM PUBLIC ${libpng_dir} ${VERTEXMILL_DEPS_DIR}/libpng-config)
+# No hand-written SIMD paths: the portable code only.
+target_compile_definitions(vertexmill_libpng PRIVATE PNG_ARM_NEON_OPT=0 PNG_INTEL_SSE_OPT=0)
+target_link_libraries(vertexmill_libpng PUBLIC ZLIB::ZLIB)
+add_library(PNG::PNG ALIAS vertexmill_libpng)
 
 # GoogleTest from the sources libgtest-dev ships; the two amalgamation files are the whole library.
 if(VERTEXMILL_BUILD_TESTS)

@@ -11,7 +11,7 @@
 #include <map>
 #include <utility>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 namespace
 {
@@ -88,7 +88,7 @@ bool GeometryInspection::load(const std::string& path)
   if (!readWholeFile(path, block, error))
   {
     m_path = path;
-    m_issues.error(located(error));
+    m_issues.error(located("cannot read the file: " + error));
     return false;
   }
   return load(block, path);
@@ -464,4 +464,17 @@ std::optional<MeshDataOptimizer::MeshStatistics> analyzeRenderSet(const Geometry
                                               inspection.indexRange(renderSet.indices));
 }
 
-} // namespace GeometryInspect
+const std::string& GeometryInspection::sectionName(uint32_t id) const
+{
+  static const std::string kUnknown;
+  const auto found = m_sectionNames.find(id);
+  return found == m_sectionNames.end() ? kUnknown : found->second;
+}
+
+std::string GeometryInspection::idLabel(uint32_t id) const
+{
+  const std::string& name = sectionName(id);
+  return name.empty() ? hexId(id) : hexId(id) + " (" + name + ")";
+}
+
+} // namespace geometry_inspect

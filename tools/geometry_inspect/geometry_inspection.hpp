@@ -16,12 +16,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 
 struct DecodedVertexBuffer
@@ -91,6 +92,14 @@ public:
   // "<path>: " followed by the text, the shape of every issue.
   std::string located(const std::string& text) const;
 
+  // Section names by string id, from the source .primitives file; mapping ids are shown and
+  // exported with their names where one is known.
+  void setSectionNames(std::map<uint32_t, std::string> names) { m_sectionNames = std::move(names); }
+  // The name of the section with this id; empty when unknown.
+  const std::string& sectionName(uint32_t id) const;
+  // "0x%08x", followed by " (<name>)" when the name is known.
+  std::string idLabel(uint32_t id) const;
+
 private:
   void decodeVertexBuffer(size_t index, LogCollector& log);
   void decodeIndexBuffer(size_t index, LogCollector& log);
@@ -105,6 +114,7 @@ private:
   std::vector<DecodedVertexBuffer> m_vertexBuffers;
   std::vector<DecodedIndexBuffer> m_indexBuffers;
   Issues m_issues;
+  std::map<uint32_t, std::string> m_sectionNames;
 };
 
 // meshoptimizer's figures for one usable render set whose format has a float3 position at offset 0;
@@ -115,4 +125,4 @@ private:
 // "0x%08x".
 std::string hexId(uint32_t id);
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

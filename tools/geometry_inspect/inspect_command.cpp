@@ -5,36 +5,68 @@
 #include "geometry_inspect/geometry_inspection.hpp"
 #include "geometry_inspect/inspect_report.hpp"
 #include "geometry_inspect/obj_export.hpp"
+#include "geometry_inspect/preview_meshes.hpp"
 #include "geometry_inspect/primitives_listing.hpp"
+#include "preview/output_file.hpp"
+#include "preview/png_image.hpp"
+#include "report_page/report_page.hpp"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
+#include <filesystem>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <vector>
 
-namespace GeometryInspect
+#ifndef VERTEXMILL_VERSION
+#define VERTEXMILL_VERSION "unknown"
+#endif
+
+namespace geometry_inspect
 {
 namespace
 {
+namespace fs = std::filesystem;
+
+constexpr const char* kToolName = "geometry_inspect";
+constexpr uint32_t kPagePreviewSize = 160;
+constexpr uint32_t kMinRenderSize = 16;
+constexpr uint32_t kMaxRenderSize = 4096;
 
 constexpr const char* kDescription =
   "Shows what a compiled .geometry file holds, as the runtime will load it, or lists the sections\n"
   "of a .primitives file.\n"
   "\n"
   "  geometry_inspect FILE                       summary: buffers, mappings, collision and armor models\n"
+  "  geometry_inspect FILE|DIR ...               check every file (folders: every .geometry file in\n"
+  "                                              them), one line each and a total\n"
   "  geometry_inspect --json FILE                the same as JSON\n"
   "  geometry_inspect --validate FILE            decode everything and check it\n"
   "  geometry_inspect --stats FILE               ACMR, ATVR, overdraw and overfetch per render set\n"
   "  geometry_inspect --export-obj OUT.obj FILE  render sets as a Wavefront OBJ\n"
+  "  geometry_inspect --render OUT.png FILE      a preview image; --source SRC.primitives adds the\n"
+  "                                              model before optimisation on the left\n"
+  "  geometry_inspect --report-html OUT.html REPORT.json\n"
+  "                                              the HTML page of a vertexmill --report file\n"
   "\n"
-  "Mapping ids are string ids of section names and cannot be turned back into names; render sets\n"
-  "are the i-th vertex mapping with the i-th index mapping (the compiler's order). List the\n"
-  ".primitives file to see the id of each section.\n"
+  "Mapping ids are string ids of section names. The names are shown beside the ids, and name the\n"
+  "exported objects, when the source .primitives file is given with --names or lies beside the\n"
+  ".geometry file under the same stem. Render sets are the i-th vertex mapping with the i-th index\n"
+  "mapping (the compiler's order).\n"
   "\n"
-  "Exit status: 0 the file is sound (warnings allowed), 1 it cannot be read or is not sound or the\n"
-  "export failed, 2 bad arguments.\n"
+  "Previews: a fixed three-quarter view fitted to the model, lit by its normals. --render-mode\n"
+  "shaded (grey), sets (each render set in its own colour) or cache (each triangle by the vertices\n"
+  "it adds to a 16-entry FIFO cache: green 0, yellow 1, orange 2, red 3).\n"
+  "\n"
+  "Exit status: 0 every file is sound (warnings allowed), 1 bad command line, 2 an input cannot be\n"
+  "read or an output folder cannot be used (nothing was done), 3 a file is not sound or an export\n"
+  "or render failed.\n"
   "\n";
 
 struct Options
@@ -42,8 +74,15 @@ struct Options
   bool json = false;
   bool validate = false;
   bool stats = false;
+  bool version = false;
   std::string exportPath;
-  std::string file;
+  std::string renderPath;
+  preview::Mode renderMode = preview::Mode::Shaded;
+  uint32_t renderSize = 384;
+  std::string sourcePath; // before/after previews
+  std::string namesPath;
+  std::string reportHtmlPath;
+  std::vector<std::string> inputs;
 };
 
 enum class FileKind
@@ -84,10 +123,52 @@ std::string verdict(const std::string& path, const Issues& issues)
   return fmt::format("{}: NOT sound ({} errors, {} warnings)\n", path, errors, warnings);
 }
 
-int runPrimitives(const Options& options, const ConstBinaryPtr& block, std::ostream& out, std::ostream& err)
+// The names of every section of a .primitives file by string id. False with `error` set when the
+// file cannot be read or is not a container.
+bool loadSectionNames(const std::string& path, std::map<uint32_t, std::string>& names, std::string& error)
+{
+  BinaryPtr block;
+  if (!readWholeFile(path, block, error))
+    return false;
+  PrimitivesListing listing;
+  if (!listing.load(block, path))
+  {
+    error = "not a .primitives container";
+    return false;
+  }
+  for (const SectionInfo& section : listing.sections())
+    names.emplace(section.id, section.name);
+  return true;
+}
+
+// The .primitives file beside a .geometry file under the same stem, if there is one.
+std::string companionSource(const std::string& geometryPath)
+{
+  fs::path candidate = cstdmf::u8path(geometryPath);
+  candidate.replace_extension(".primitives");
+  std::error_code error;
+  return fs::is_regular_file(candidate, error) ? cstdmf::toUtf8(candidate) : std::string();
+}
+
+// Names from --names, or quietly from the companion source when there is one.
+void attachNames(const Options& options, GeometryInspection& inspection)
+{
+  const std::string path = options.namesPath.empty() ? companionSource(inspection.path()) : options.namesPath;
+  if (path.empty())
+    return;
+  std::map<uint32_t, std::string> names;
+  std::string error;
+  if (loadSectionNames(path, names, error))
+    inspection.setSectionNames(std::move(names));
+  else if (!options.namesPath.empty())
+    inspection.issues().warning(fmt::format("{}: no section names: {}", path, error));
+}
+
+int runPrimitives(const Options& options, const std::string& file, const ConstBinaryPtr& block, std::ostream& out,
+                  std::ostream& err)
 {
   PrimitivesListing listing;
-  if (listing.load(block, options.file) && options.validate)
+  if (listing.load(block, file) && options.validate)
     listing.validate();
 
   writeIssues(err, listing.issues());
@@ -104,15 +185,41 @@ int runPrimitives(const Options& options, const ConstBinaryPtr& block, std::ostr
     if (listing.isValidContainer() && !options.validate)
       writePrimitivesListing(out, listing);
     if (options.validate)
-      out << verdict(options.file, listing.issues());
+      out << verdict(file, listing.issues());
   }
   return listing.issues().hasErrors() ? kExitUnsound : kExitSound;
 }
 
-int runGeometry(const Options& options, const ConstBinaryPtr& block, std::ostream& out, std::ostream& err)
+bool renderToFile(const Options& options, GeometryInspection& inspection, std::string& error)
+{
+  PrimitivesListing source;
+  PreviewRequest request{.mode = options.renderMode, .size = options.renderSize};
+  if (!options.sourcePath.empty())
+  {
+    BinaryPtr block;
+    if (!readWholeFile(options.sourcePath, block, error))
+      return false;
+    if (!source.load(block, options.sourcePath))
+    {
+      error = "'" + options.sourcePath + "' is not a .primitives container";
+      return false;
+    }
+    request.source = &source;
+  }
+  const preview::Image image = renderPreview(inspection, request);
+  std::vector<uint8_t> png;
+  if (!preview::encodePng(image, png, error))
+    return false;
+  return preview::writeWholeFile(options.renderPath,
+                                 std::span<const char>(reinterpret_cast<const char*>(png.data()), png.size()), error);
+}
+
+int runGeometry(const Options& options, const std::string& file, const ConstBinaryPtr& block, std::ostream& out,
+                std::ostream& err)
 {
   GeometryInspection inspection;
-  const bool loaded = inspection.load(block, options.file);
+  const bool loaded = inspection.load(block, file);
+  attachNames(options, inspection);
   if (loaded && options.validate)
     inspection.validate();
 
@@ -124,6 +231,14 @@ int runGeometry(const Options& options, const ConstBinaryPtr& block, std::ostrea
     exported = exportObj(inspection, options.exportPath, counts, error);
     if (!exported)
       inspection.issues().error(inspection.located("cannot export to '" + options.exportPath + "': " + error));
+  }
+  bool rendered = false;
+  if (loaded && !options.renderPath.empty())
+  {
+    std::string error;
+    rendered = renderToFile(options, inspection, error);
+    if (!rendered)
+      inspection.issues().error(inspection.located("cannot render the preview: " + error));
   }
 
   writeIssues(err, inspection.issues());
@@ -138,11 +253,13 @@ int runGeometry(const Options& options, const ConstBinaryPtr& block, std::ostrea
                             {"objects", counts.objects},
                             {"vertices", counts.vertices},
                             {"triangles", counts.triangles}};
+    if (rendered)
+      document["render"] = {{"path", options.renderPath}};
     printDocument(out, document);
   }
   else
   {
-    const bool summary = !options.validate && !options.stats && options.exportPath.empty();
+    const bool summary = !options.validate && !options.stats && options.exportPath.empty() && options.renderPath.empty();
     if (loaded && summary)
       writeGeometrySummary(out, inspection);
     if (loaded && options.stats)
@@ -150,10 +267,226 @@ int runGeometry(const Options& options, const ConstBinaryPtr& block, std::ostrea
     if (exported)
       out << fmt::format("{}: {} render sets, {} vertices, {} triangles\n", options.exportPath, counts.objects,
                          counts.vertices, counts.triangles);
+    if (rendered)
+      out << fmt::format("{}: preview of {}\n", options.renderPath, file);
     if (options.validate)
-      out << verdict(options.file, inspection.issues());
+      out << verdict(file, inspection.issues());
   }
   return inspection.issues().hasErrors() ? kExitUnsound : kExitSound;
+}
+
+// One input given as a file: everything the switches ask for.
+int runOneFile(const Options& options, const std::string& file, std::ostream& out, std::ostream& err)
+{
+  BinaryPtr block;
+  std::string error;
+  if (!readWholeFile(file, block, error))
+  {
+    err << "ERROR: cannot read '" << file << "': " << error << '\n';
+    return kExitBadPath;
+  }
+  if (detectKind(file, block) == FileKind::Primitives)
+  {
+    if (options.stats || !options.exportPath.empty() || !options.renderPath.empty())
+    {
+      err << "ERROR: --stats, --export-obj and --render need a .geometry file; '" << file
+          << "' is a .primitives container\n";
+      return kExitBadArguments;
+    }
+    return runPrimitives(options, file, block, out, err);
+  }
+  return runGeometry(options, file, block, out, err);
+}
+
+// Every .geometry file under `dir`, sorted so runs agree. False with `error` set when the folder
+// cannot be walked.
+bool findGeometryFiles(const std::string& dir, std::vector<std::string>& files, std::string& error)
+{
+  std::vector<std::string> found;
+  std::error_code code;
+  fs::recursive_directory_iterator it(cstdmf::u8path(dir), fs::directory_options::none, code);
+  for (; !code && it != fs::recursive_directory_iterator(); it.increment(code))
+  {
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && lowerExtension(cstdmf::toUtf8(it->path())) == ".geometry")
+      found.push_back(cstdmf::toUtf8(it->path()));
+  }
+  if (code)
+  {
+    error = "cannot search '" + dir + "': " + code.message();
+    return false;
+  }
+  std::sort(found.begin(), found.end());
+  files.insert(files.end(), found.begin(), found.end());
+  return true;
+}
+
+// Several inputs or folders: each file checked, one line each, and a total.
+int runMany(const Options& options, std::ostream& out, std::ostream& err)
+{
+  std::vector<std::string> files;
+  for (const std::string& input : options.inputs)
+  {
+    std::error_code code;
+    if (fs::is_directory(cstdmf::u8path(input), code))
+    {
+      std::string error;
+      if (!findGeometryFiles(input, files, error))
+      {
+        err << "ERROR: " << error << '\n';
+        return kExitBadPath;
+      }
+    }
+    else
+      files.push_back(input);
+  }
+
+  size_t unsound = 0;
+  uint64_t totalVertices = 0, totalTriangles = 0, totalBytes = 0;
+  nlohmann::json documents = nlohmann::json::array();
+  for (const std::string& file : files)
+  {
+    BinaryPtr block;
+    std::string error;
+    if (!readWholeFile(file, block, error))
+    {
+      err << "ERROR: cannot read '" << file << "': " << error << '\n';
+      out << fmt::format("{}: NOT sound (cannot be read)\n", file);
+      ++unsound;
+      continue;
+    }
+    if (detectKind(file, block) == FileKind::Primitives)
+    {
+      PrimitivesListing listing;
+      if (listing.load(block, file))
+        listing.validate();
+      writeIssues(err, listing.issues());
+      unsound += listing.issues().hasErrors();
+      if (options.json)
+      {
+        nlohmann::json document = primitivesToJson(listing);
+        addIssues(document, listing.issues());
+        document["sound"] = !listing.issues().hasErrors();
+        documents.push_back(std::move(document));
+      }
+      else
+        out << verdict(file, listing.issues());
+      continue;
+    }
+
+    GeometryInspection inspection;
+    if (inspection.load(block, file))
+      inspection.validate();
+    // Names only show in the JSON documents and the statistics lines.
+    if (options.json || options.stats)
+      attachNames(options, inspection);
+    writeIssues(err, inspection.issues());
+    const bool sound = !inspection.issues().hasErrors();
+    unsound += !sound;
+    uint64_t vertices = 0, triangles = 0;
+    for (const RenderSet& set : inspection.renderSets())
+    {
+      vertices += set.vertices.itemsCount;
+      triangles += set.indices.itemsCount / 3;
+    }
+    totalVertices += vertices;
+    totalTriangles += triangles;
+    totalBytes += inspection.fileSize();
+    if (options.json)
+    {
+      nlohmann::json document = geometryToJson(inspection, options.stats);
+      addIssues(document, inspection.issues());
+      document["sound"] = sound;
+      documents.push_back(std::move(document));
+      continue;
+    }
+    const size_t errors = inspection.issues().count(Severity::Error);
+    const size_t warnings = inspection.issues().count(Severity::Warning);
+    const std::string state = sound ? fmt::format("sound ({} warnings)", warnings)
+                                    : fmt::format("NOT sound ({} errors, {} warnings)", errors, warnings);
+    out << fmt::format("{}: {}, {} render sets, {} vertices, {} triangles, {} B\n", file, state,
+                       inspection.isLoaded() ? inspection.renderSets().size() : 0, vertices, triangles,
+                       inspection.fileSize());
+    if (sound && options.stats)
+      writeRenderSetStats(out, inspection);
+  }
+  if (options.json)
+    printDocument(out, documents);
+  else
+    out << fmt::format("total: {} files, {} sound, {} not sound; {} vertices, {} triangles, {} B\n", files.size(),
+                       files.size() - unsound, unsound, totalVertices, totalTriangles, totalBytes);
+  return unsound != 0 ? kExitUnsound : kExitSound;
+}
+
+// The folder an output file goes into must exist; otherwise nothing is done (status 2).
+bool checkOutputFolder(const std::string& option, const std::string& path, std::ostream& err)
+{
+  const fs::path parent = cstdmf::u8path(path).parent_path();
+  if (parent.empty())
+    return true;
+  std::error_code code;
+  const bool isFolder = fs::is_directory(parent, code);
+  if (isFolder)
+    return true;
+  const std::string reason =
+    code ? code.message() : (fs::exists(parent, code) ? "Not a directory" : std::make_error_code(std::errc::no_such_file_or_directory).message());
+  err << "ERROR: cannot write " << option << " '" << path << "': " << reason << '\n';
+  return false;
+}
+
+// geometry_inspect --report-html OUT.html REPORT.json
+int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
+{
+  const std::string& reportPath = options.inputs.front();
+  BinaryPtr block;
+  std::string error;
+  if (!readWholeFile(reportPath, block, error))
+  {
+    err << "ERROR: cannot read '" << reportPath << "': " << error << '\n';
+    return kExitBadPath;
+  }
+  const std::string_view text(block->cdata(), block->len());
+  const nlohmann::json report = nlohmann::json::parse(text, nullptr, false);
+  if (report.is_discarded() || !report.is_object() || !report.contains("models") || !report["models"].is_array())
+  {
+    err << "ERROR: '" << reportPath << "' is not a vertexmill report (a JSON object with a \"models\" array)\n";
+    return kExitUnsound;
+  }
+  // Outputs are named as vertexmill was given them: relative to where it ran, which is usually
+  // here, or else beside the report.
+  const fs::path reportFolder = cstdmf::u8path(reportPath).parent_path();
+  const report_page::PreviewSource previews = [&](const nlohmann::json& model) -> std::vector<uint8_t> {
+    if (!model.contains("output") || !model["output"].is_string() || model.value("status", "") == "failed")
+      return {};
+    const std::string output = model["output"].get<std::string>();
+    std::error_code code;
+    if (fs::is_regular_file(cstdmf::u8path(output), code))
+      return previewPngOfFile(output, kPagePreviewSize);
+    const fs::path beside = reportFolder / cstdmf::u8path(output);
+    if (!reportFolder.empty() && fs::is_regular_file(beside, code))
+      return previewPngOfFile(cstdmf::toUtf8(beside), kPagePreviewSize);
+    return {};
+  };
+  const std::string page = report_page::buildPage(report, previews);
+  if (!preview::writeWholeFile(options.reportHtmlPath, page, error))
+  {
+    err << "ERROR: " << error << '\n';
+    return kExitUnsound;
+  }
+  out << fmt::format("{}: report page of {} ({} models)\n", options.reportHtmlPath, reportPath,
+                     report["models"].size());
+  return kExitSound;
+}
+
+std::optional<preview::Mode> parseMode(std::string_view text)
+{
+  if (text == "shaded")
+    return preview::Mode::Shaded;
+  if (text == "sets")
+    return preview::Mode::RenderSets;
+  if (text == "cache")
+    return preview::Mode::VertexCache;
+  return std::nullopt;
 }
 
 } // namespace
@@ -161,11 +494,13 @@ int runGeometry(const Options& options, const ConstBinaryPtr& block, std::ostrea
 int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
 {
   Options options;
+  std::string badValue; // the message of a refused value, which the parser does not explain
   using FW::ArgParser;
-  const auto flag = [](const char* name, const char* description, bool& target) {
+  const auto flag = [](const char* name, char shortName, const char* description, bool& target) {
     return ArgParser::Option{
       .kind = ArgParser::Kind::Flag,
       .longName = name,
+      .shortName = shortName,
       .description = description,
       .callback = [&target](std::string_view) {
         target = true;
@@ -173,65 +508,134 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
       },
     };
   };
+  const auto path = [&](const char* name, const char* valueName, const char* description, std::string& target) {
+    return ArgParser::Option{
+      .kind = ArgParser::Kind::Value,
+      .longName = name,
+      .description = description,
+      .valueName = valueName,
+      .callback = [&target, &badValue, name](std::string_view value) {
+        target = std::string(value);
+        if (value.empty())
+          badValue = fmt::format("ERROR: invalid value '' for --{}: expected a path\n", name);
+        return !value.empty();
+      },
+    };
+  };
   const auto registration = [&](ArgParser::Builder& builder) {
-    builder.add(flag("json", "print the report as JSON", options.json))
-      .add(flag("validate", "decode every buffer and check the file; the exit status says whether it is sound",
+    builder.add(flag("json", 0, "print the report as JSON", options.json))
+      .add(flag("validate", 0, "decode every buffer and check the file; the exit status says whether it is sound",
                 options.validate))
-      .add(flag("stats", "print meshoptimizer statistics per render set", options.stats))
+      .add(flag("stats", 0, "print meshoptimizer statistics per render set", options.stats))
+      .add(flag("version", 'V', "print the version and exit", options.version))
+      .add(path("export-obj", "OUT.obj", "write the render sets to a Wavefront OBJ file", options.exportPath))
+      .add(path("render", "OUT.png", "write a preview image of the file (PNG)", options.renderPath))
       .add({
         .kind = ArgParser::Kind::Value,
-        .longName = "export-obj",
-        .description = "write the render sets to a Wavefront OBJ file",
-        .valueName = "OUT.obj",
+        .longName = "render-mode",
+        .description = "preview colours: shaded, sets or cache (default shaded)",
+        .valueName = "MODE",
         .callback = [&](std::string_view value) {
-          options.exportPath = std::string(value);
-          return !value.empty();
+          const auto mode = parseMode(value);
+          if (!mode)
+            badValue = fmt::format("ERROR: invalid value '{}' for --render-mode: expected shaded, sets or cache\n", value);
+          options.renderMode = mode.value_or(preview::Mode::Shaded);
+          return mode.has_value();
         },
       })
       .add({
         .kind = ArgParser::Kind::Value,
-        .longName = "file",
-        .description = "the .geometry or .primitives file to inspect",
-        .positionalName = "FILE",
-        .valueName = "path",
+        .longName = "render-size",
+        .description = "preview panel size in pixels (default 384)",
+        .valueName = "N",
         .callback = [&](std::string_view value) {
-          options.file = std::string(value);
-          return !value.empty();
+          uint32_t size = 0;
+          const auto [end, code] = std::from_chars(value.data(), value.data() + value.size(), size);
+          const bool ok = code == std::errc() && end == value.data() + value.size() && size >= kMinRenderSize &&
+                          size <= kMaxRenderSize;
+          if (!ok)
+            badValue = fmt::format("ERROR: invalid value '{}' for --render-size: expected a whole number from {} to {}\n",
+                                   value, kMinRenderSize, kMaxRenderSize);
+          options.renderSize = size;
+          return ok;
         },
+      })
+      .add(path("source", "SRC.primitives", "with --render: the model before optimisation beside the file's",
+                options.sourcePath))
+      .add(path("names", "SRC.primitives", "take section names from this .primitives file", options.namesPath))
+      .add(path("report-html", "OUT.html", "write the HTML page of a vertexmill report given as the input",
+                options.reportHtmlPath))
+      .extraPositionals("FILE|DIR...", [&](std::string_view value) {
+        options.inputs.emplace_back(value);
+        return !value.empty();
       });
   };
   ArgParser parser(std::string(kDescription) + kJsonSchema, registration,
                    ArgParser::kBuiltinHelp | ArgParser::kStopAfterHelp);
   std::string parseErrors;
   parser.setWriters([&](std::string_view text) { out << text; }, [&](std::string_view text) { parseErrors += text; });
-  if (!parser.parse(argc, argv))
-  {
-    if (!parseErrors.empty() && parseErrors.back() != '\n')
-      parseErrors += '\n';
-    err << parseErrors << "Run with --help for the usage.\n";
+  const auto refuse = [&](const std::string& text) {
+    err << text << (text.ends_with('\n') ? "" : "\n") << "Run with --help for the usage.\n";
     return kExitBadArguments;
-  }
+  };
+  if (!parser.parse(argc, argv))
+    return refuse(badValue.empty() ? parseErrors : badValue);
   if (parser.helpShown())
     return kExitSound;
+  if (options.version)
+  {
+    out << kToolName << ' ' << VERTEXMILL_VERSION << '\n';
+    return kExitSound;
+  }
+  if (options.inputs.empty())
+    return refuse("ERROR: no input given: name a .geometry or .primitives file, or a folder");
 
-  BinaryPtr block;
-  std::string error;
-  if (!readWholeFile(options.file, block, error))
+  const bool oneFileOutput = !options.exportPath.empty() || !options.renderPath.empty();
+  if (!options.reportHtmlPath.empty())
   {
-    err << "ERROR: " << options.file << ": " << error << '\n';
-    return kExitUnsound;
+    if (options.inputs.size() != 1 || oneFileOutput || options.json || options.validate || options.stats)
+      return refuse("ERROR: --report-html takes one report file and no other switch");
   }
-  if (detectKind(options.file, block) == FileKind::Primitives)
+  else if ((oneFileOutput || !options.namesPath.empty()) && options.inputs.size() != 1)
+    return refuse("ERROR: --export-obj, --render and --names take one input file");
+  if ((!options.sourcePath.empty() || options.renderMode != preview::Mode::Shaded) && options.renderPath.empty())
+    return refuse("ERROR: --source and --render-mode need --render");
+
+  // Paths: every input must exist and every output folder too, before anything is done.
+  for (const std::string& input : options.inputs)
   {
-    if (options.stats || !options.exportPath.empty())
+    std::error_code code;
+    if (!fs::exists(cstdmf::u8path(input), code))
     {
-      err << "ERROR: --stats and --export-obj need a .geometry file; " << options.file
-          << " is a .primitives container\n";
-      return kExitBadArguments;
+      const std::string reason = code ? code.message() : std::make_error_code(std::errc::no_such_file_or_directory).message();
+      err << "ERROR: cannot read '" << input << "': " << reason << '\n';
+      return kExitBadPath;
     }
-    return runPrimitives(options, block, out, err);
   }
-  return runGeometry(options, block, out, err);
+  for (const auto& [option, output] : {std::pair<const char*, const std::string&>{"--export-obj", options.exportPath},
+                                       {"--render", options.renderPath},
+                                       {"--report-html", options.reportHtmlPath}})
+    if (!output.empty() && !checkOutputFolder(option, output, err))
+      return kExitBadPath;
+  for (const std::string* input : {&options.namesPath, &options.sourcePath})
+  {
+    std::error_code code;
+    if (!input->empty() && !fs::is_regular_file(cstdmf::u8path(*input), code))
+    {
+      err << "ERROR: cannot read '" << *input << "': "
+          << (code ? code.message() : std::make_error_code(std::errc::no_such_file_or_directory).message()) << '\n';
+      return kExitBadPath;
+    }
+  }
+
+  if (!options.reportHtmlPath.empty())
+    return runReportHtml(options, out, err);
+  std::error_code code;
+  if (options.inputs.size() == 1 && !fs::is_directory(cstdmf::u8path(options.inputs.front()), code))
+    return runOneFile(options, options.inputs.front(), out, err);
+  if (oneFileOutput || !options.namesPath.empty())
+    return refuse("ERROR: --export-obj, --render and --names take one input file, not a folder");
+  return runMany(options, out, err);
 }
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

@@ -7,12 +7,15 @@
 #include <spdlog/sinks/base_sink.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <mutex>
+#include <system_error>
 #include <utility>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 
 size_t Issues::count(Severity severity) const
@@ -24,10 +27,17 @@ size_t Issues::count(Severity severity) const
 bool readWholeFile(const std::string& path, BinaryPtr& block, std::string& error)
 {
   block = nullptr;
+  errno = 0;
   std::ifstream stream(cstdmf::u8path(path), std::ios::binary);
   if (!stream)
   {
-    error = "cannot open the file";
+    error = std::error_code(errno != 0 ? errno : EIO, std::generic_category()).message();
+    return false;
+  }
+  std::error_code folderCheck;
+  if (std::filesystem::is_directory(cstdmf::u8path(path), folderCheck))
+  {
+    error = std::make_error_code(std::errc::is_a_directory).message();
     return false;
   }
   stream.seekg(0, std::ios::end);
@@ -35,19 +45,19 @@ bool readWholeFile(const std::string& path, BinaryPtr& block, std::string& error
   stream.seekg(0, std::ios::beg);
   if (length < 0 || !stream || static_cast<unsigned long long>(length) > std::numeric_limits<size_t>::max())
   {
-    error = "cannot read the size of the file";
+    error = "its size cannot be read";
     return false;
   }
   const size_t size = static_cast<size_t>(length);
   BinaryPtr bytes(new BinaryBlock(nullptr, size, "Geometry"));
   if (bytes->len() != size)
   {
-    error = "not enough memory to read the file";
+    error = "not enough memory";
     return false;
   }
   if (size != 0 && !stream.read(bytes->cdata(), static_cast<std::streamsize>(size)))
   {
-    error = "cannot read the file";
+    error = std::error_code(errno != 0 ? errno : EIO, std::generic_category()).message();
     return false;
   }
   block = std::move(bytes);
@@ -106,4 +116,4 @@ std::string LogCollector::takeJoined()
   return joined;
 }
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 
 enum class Severity
@@ -39,8 +39,9 @@ private:
   std::vector<Issue> m_items;
 };
 
-// Reads the file at `path` (UTF-8) whole into a new block. Returns false with `error` set ("cannot
-// open", "cannot read") when the file cannot be read; an empty file gives an empty block.
+// Reads the file at `path` (UTF-8) whole into a new block. Returns false with `error` set to the
+// reason (the operating system's, e.g. "No such file or directory") when the file cannot be read;
+// an empty file gives an empty block.
 [[nodiscard]] bool readWholeFile(const std::string& path, BinaryPtr& block, std::string& error);
 
 // While alive, gathers every WARNING-or-higher message of the application logger, in order,
@@ -65,4 +66,4 @@ private:
   std::shared_ptr<Sink> m_sink;
 };
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

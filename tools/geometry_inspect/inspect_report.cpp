@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 
 const char* const kJsonSchema =
@@ -60,13 +60,14 @@ nlohmann::json ratioJson(uint32_t stored, bool decoded, uint64_t decodedSize)
   return double(stored) / double(decodedSize);
 }
 
-void writeMappings(std::ostream& out, const char* title, const std::vector<Moo::MappingPrototype>& mappings)
+void writeMappings(std::ostream& out, const char* title, const std::vector<Moo::MappingPrototype>& mappings,
+                   const GeometryInspection& inspection)
 {
   out << fmt::format("{} ({}):\n", title, mappings.size());
   for (size_t i = 0; i < mappings.size(); ++i)
   {
     const Moo::MappingPrototype& m = mappings[i];
-    out << fmt::format("  #{} id {} buffer {} items {}+{} texel density {}\n", i, hexId(m.mappingId),
+    out << fmt::format("  #{} id {} buffer {} items {}+{} texel density {}\n", i, inspection.idLabel(m.mappingId),
                        m.mergedBufferIndex, m.itemsOffset, m.itemsCount, Moo::halfToFloat(m.packedTexelDensity));
   }
 }
@@ -78,15 +79,17 @@ void writeModels(std::ostream& out, const char* title, const std::vector<Moo::Ge
     out << fmt::format("  #{} '{}' {} B\n", i, models[i].name, models[i].data.size());
 }
 
-nlohmann::json mappingsJson(const std::vector<Moo::MappingPrototype>& mappings)
+nlohmann::json mappingsJson(const std::vector<Moo::MappingPrototype>& mappings, const GeometryInspection& inspection)
 {
   nlohmann::json list = nlohmann::json::array();
   for (size_t i = 0; i < mappings.size(); ++i)
   {
     const Moo::MappingPrototype& m = mappings[i];
     const float density = Moo::halfToFloat(m.packedTexelDensity);
+    const std::string& name = inspection.sectionName(m.mappingId);
     list.push_back({{"index", i},
                     {"id", hexId(m.mappingId)},
+                    {"name", name.empty() ? nlohmann::json(nullptr) : nlohmann::json(name)},
                     {"buffer", m.mergedBufferIndex},
                     {"itemsOffset", m.itemsOffset},
                     {"itemsCount", m.itemsCount},
@@ -150,8 +153,8 @@ void writeGeometrySummary(std::ostream& out, const GeometryInspection& inspectio
         << '\n';
   }
 
-  writeMappings(out, "vertex mappings", data.verticesMapping());
-  writeMappings(out, "index mappings", data.indicesMapping());
+  writeMappings(out, "vertex mappings", data.verticesMapping(), inspection);
+  writeMappings(out, "index mappings", data.indicesMapping(), inspection);
   writeModels(out, "collision models", data.collisionModels());
   writeModels(out, "armor models", data.armorModels());
 }
@@ -169,7 +172,8 @@ void writeRenderSetStats(std::ostream& out, const GeometryInspection& inspection
   for (const RenderSet& set : sets)
   {
     out << fmt::format("  #{} vertices {} indices {}: {} vertices, {} triangles", set.index,
-                       hexId(set.vertices.mappingId), hexId(set.indices.mappingId), set.vertices.itemsCount,
+                       inspection.idLabel(set.vertices.mappingId), inspection.idLabel(set.indices.mappingId),
+                       set.vertices.itemsCount,
                        set.indices.itemsCount / 3);
     if (const auto stats = analyzeRenderSet(inspection, set))
       out << fmt::format(", ACMR {:.3f} ATVR {:.3f} overdraw {:.3f} fetch {:.3f}\n", stats->acmr, stats->atvr,
@@ -259,8 +263,8 @@ nlohmann::json geometryToJson(const GeometryInspection& inspection, bool withSta
     });
   }
   document["indexBuffers"] = std::move(indexBuffers);
-  document["vertexMappings"] = mappingsJson(data.verticesMapping());
-  document["indexMappings"] = mappingsJson(data.indicesMapping());
+  document["vertexMappings"] = mappingsJson(data.verticesMapping(), inspection);
+  document["indexMappings"] = mappingsJson(data.indicesMapping(), inspection);
   document["collisionModels"] = modelsJson(data.collisionModels());
   document["armorModels"] = modelsJson(data.armorModels());
 
@@ -334,4 +338,4 @@ void addIssues(nlohmann::json& document, const Issues& issues)
   document["warnings"] = std::move(warnings);
 }
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

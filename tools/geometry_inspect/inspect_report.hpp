@@ -9,7 +9,7 @@
 
 #include <ostream>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 
 extern const char* const kJsonSchema;
@@ -29,4 +29,4 @@ nlohmann::json primitivesToJson(const PrimitivesListing& listing);
 // Sets "errors" and "warnings" (arrays of texts) in `document`.
 void addIssues(nlohmann::json& document, const Issues& issues);
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

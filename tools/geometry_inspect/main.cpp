@@ -9,7 +9,7 @@
 int main(int argc, char** argv)
 {
   Moo::PrimitiveVertexFormat::init(0);
-  const int status = GeometryInspect::runInspect(argc, argv, std::cout, std::cerr);
+  const int status = geometry_inspect::runInspect(argc, argv, std::cout, std::cerr);
   std::cout.flush();
   Moo::PrimitiveVertexFormat::fini();
   return status;

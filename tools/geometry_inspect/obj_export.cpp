@@ -1,8 +1,8 @@
 #include "geometry_inspect/obj_export.hpp"
 
 #include "cstdmf/path_utils.hpp"
-#include "cstdmf/platform.hpp"
 #include "moo/vertex_format.hpp"
+#include "preview/output_file.hpp"
 
 #include <fmt/format.h>
 
@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <system_error>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 namespace
 {
@@ -87,7 +87,16 @@ bool buildObjText(const GeometryInspection& inspection, std::string& text, ObjEx
     const bool hasNormal = static_cast<bool>(normals);
     const bool hasTexCoord = static_cast<bool>(texCoords);
 
-    text += fmt::format("o renderset{}_{}\n", set.index, hexId(set.vertices.mappingId));
+    // The vertex section's name without its ".vertices" suffix when the source is known.
+    std::string objectName = inspection.sectionName(set.vertices.mappingId);
+    if (objectName.size() > 9 && objectName.ends_with(".vertices"))
+      objectName.resize(objectName.size() - 9);
+    for (char& c : objectName)
+      if (static_cast<unsigned char>(c) <= ' ')
+        c = '_';
+    if (objectName.empty())
+      objectName = fmt::format("renderset{}_{}", set.index, hexId(set.vertices.mappingId));
+    text += "o " + objectName + "\n";
     for (size_t i = 0; positions && i < set.vertices.itemsCount; ++i)
     {
       const Moo::Vector3 p = positions.get(i);
@@ -128,31 +137,15 @@ bool exportObj(const GeometryInspection& inspection, const std::string& outPath,
   if (!buildObjText(inspection, text, counts, error))
     return false;
 
-  const std::string temporary = outPath + ".tmp" + std::to_string(platform::processId());
-  std::FILE* file = platform::openFile(temporary, "wb");
-  if (file == nullptr)
+  // A failure names the path given and the system's reason, never the temporary file.
+  std::string writeError;
+  if (!preview::writeWholeFile(outPath, text, writeError))
   {
-    error = "cannot create '" + temporary + "'";
-    return false;
-  }
-  const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-  const bool closed = std::fclose(file) == 0;
-  std::error_code ignored;
-  if (!written || !closed)
-  {
-    std::filesystem::remove(cstdmf::u8path(temporary), ignored);
-    error = "cannot write '" + temporary + "'";
-    return false;
-  }
-  std::error_code renameError;
-  std::filesystem::rename(cstdmf::u8path(temporary), cstdmf::u8path(outPath), renameError);
-  if (renameError)
-  {
-    std::filesystem::remove(cstdmf::u8path(temporary), ignored);
-    error = "cannot replace '" + outPath + "': " + renameError.message();
+    const std::string prefix = "cannot write '" + outPath + "': ";
+    error = writeError.starts_with(prefix) ? writeError.substr(prefix.size()) : writeError;
     return false;
   }
   return true;
 }
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

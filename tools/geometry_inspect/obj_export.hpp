@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <string>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 
 struct ObjExportCounts
@@ -32,4 +32,4 @@ struct ObjExportCounts
 [[nodiscard]] bool exportObj(const GeometryInspection& inspection, const std::string& outPath,
                              ObjExportCounts& counts, std::string& error);
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

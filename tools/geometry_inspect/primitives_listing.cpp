@@ -12,7 +12,7 @@
 #include <map>
 #include <string_view>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 namespace
 {
@@ -214,4 +214,4 @@ void PrimitivesListing::validate()
   }
 }
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace GeometryInspect
+namespace geometry_inspect
 {
 
 struct SectionInfo
@@ -77,4 +77,4 @@ private:
 // .geometry file.
 [[nodiscard]] bool looksLikeContainer(const ConstBinaryPtr& block);
 
-} // namespace GeometryInspect
+} // namespace geometry_inspect

@@ -18,6 +18,7 @@
 #include "model_job.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
+#include "report_html.hpp"
 #include "resmgr/zrresource.hpp"
 #include "shard.hpp"
 #include "tree_run.hpp"
@@ -85,6 +86,7 @@ struct Args
   std::string reportPath; // UTF-8; empty: no report
   bool stats = false;
   bool progress = true; // the progress line, where standard error is a terminal
+  std::string reportHtmlPath; // UTF-8; empty: no report page
   bool showVersion = false;
   bool helpShown = false;
   CacheOptions cache;
@@ -270,6 +272,16 @@ bool Args::parse(int argc, const char* const* argv)
         .valueName = "FILE",
         .callback = [this](std::string_view value) {
           depfilePath = std::string(value);
+          return !value.empty();
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "report-html",
+        .description = "write the report as one self-contained HTML page, with previews, to FILE",
+        .valueName = "FILE",
+        .callback = [this](std::string_view value) {
+          reportHtmlPath = std::string(value);
           return !value.empty();
         },
       })
@@ -536,7 +548,7 @@ int vertexmillMain(int argc, const char* const* argv)
   if (jobs == 0)
     jobs = std::max(1u, std::thread::hardware_concurrency());
   std::unique_ptr<Report> report;
-  if (!args.reportPath.empty())
+  if (!args.reportPath.empty() || !args.reportHtmlPath.empty())
     report = std::make_unique<Report>();
   const std::unique_ptr<ModelCache> cache = makeModelCache(args.cache);
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
@@ -560,10 +572,12 @@ int vertexmillMain(int argc, const char* const* argv)
   }
   // Written whatever the outcome, so a failed run's report says what failed. A report that
   // cannot be written is an error of its own but does not change what the models did.
-  if (report)
+  if (report && !args.reportPath.empty())
     (void)report->write(args.reportPath);
   if (cache)
     cache->finish();
+  if (report && !args.reportHtmlPath.empty())
+    (void)writeReportPage(*report, args.reportHtmlPath);
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();

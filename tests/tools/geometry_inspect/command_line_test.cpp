@@ -50,14 +50,32 @@ TEST(GeometryInspectCommandLine, ExitStatuses)
   EXPECT_EQ(run.status, 0);
   EXPECT_TRUE(contains(run.out, "--export-obj <OUT.obj>")) << run.out;
 
-  for (const std::string& bad : std::vector<std::string>{std::string(), std::string("--bogus ") + quoted(geometry),
-                                quoted(geometry) + " " + quoted(geometry), std::string("--export-obj")})
+  run = runTool(dir.path, "--version");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(run.out.starts_with("geometry_inspect ") && run.out.ends_with("\n")) << run.out;
+  EXPECT_EQ(runTool(dir.path, "-V").out, run.out);
+
+  const std::string out = quoted(dir.path / "x.png");
+  for (const std::string& bad : std::vector<std::string>{
+         std::string(), std::string("--bogus ") + quoted(geometry), "--export-obj x.obj " + quoted(geometry) + " " + quoted(geometry),
+         std::string("--export-obj"), "--render " + out + " --render-size 8 " + quoted(geometry),
+         "--render " + out + " --render-mode bogus " + quoted(geometry), "--render-mode sets " + quoted(geometry),
+         "--report-html x.html --validate " + quoted(geometry)})
   {
     SCOPED_TRACE(bad);
     run = runTool(dir.path, bad);
-    EXPECT_EQ(run.status, 2);
-    EXPECT_TRUE(contains(run.err, "ERROR: ")) << run.err;
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.err.starts_with("ERROR: ")) << run.err;
   }
+  run = runTool(dir.path, "--render " + out + " --render-size abc " + quoted(geometry));
+  EXPECT_TRUE(contains(run.err, "ERROR: invalid value 'abc' for --render-size: expected a whole number from 16 to 4096"))
+    << run.err;
+  EXPECT_FALSE(fs::exists(dir.path / "x.png"));
+
+  // An output folder that does not exist: nothing is done.
+  run = runTool(dir.path, "--render " + quoted(dir.path / "no" / "x.png") + " " + quoted(geometry));
+  EXPECT_EQ(run.status, 2);
+  EXPECT_TRUE(contains(run.err, "ERROR: cannot write --render '" + (dir.path / "no" / "x.png").string() + "': ")) << run.err;
 
   run = runTool(dir.path, "--validate " + quoted(geometry));
   EXPECT_EQ(run.status, 0) << run.err;
@@ -72,12 +90,45 @@ TEST(GeometryInspectCommandLine, ExitStatuses)
   const fs::path truncated = dir.path / "truncated.geometry";
   testutil::writeFile(truncated, bytes);
   run = runTool(dir.path, "--validate " + quoted(truncated));
-  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.status, 3);
   EXPECT_TRUE(contains(run.err, "ERROR: " + truncated.string() + ": not a valid geometry file")) << run.err;
 
   run = runTool(dir.path, quoted(dir.path / "missing.geometry"));
-  EXPECT_EQ(run.status, 1);
-  EXPECT_TRUE(contains(run.err, "missing.geometry: cannot open the file")) << run.err;
+  EXPECT_EQ(run.status, 2);
+  EXPECT_TRUE(contains(run.err, "ERROR: cannot read '" + (dir.path / "missing.geometry").string() +
+                                  "': No such file or directory"))
+    << run.err;
+}
+
+TEST(GeometryInspectCommandLine, FoldersAndSeveralFiles)
+{
+  testutil::TempDir dir("inspect-many");
+  const fs::path tree = dir.path / "tree";
+  fs::create_directories(tree / "sub");
+  const fs::path first = compileModel(tree, "a", twoGrids());
+  const fs::path second = compileModel(tree / "sub", "b", twoGrids());
+
+  RunResult run = runTool(dir.path, quoted(tree));
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.out, first.string() + ": sound (0 warnings), 2 render sets, 34 vertices, 40 triangles, "))
+    << run.out;
+  EXPECT_TRUE(contains(run.out, second.string() + ": sound")) << run.out;
+  EXPECT_TRUE(contains(run.out, "total: 2 files, 2 sound, 0 not sound; 68 vertices, 80 triangles, ")) << run.out;
+
+  // One broken file among them makes the run fail, and the others are still checked.
+  std::vector<std::byte> bytes = testutil::readFile(second);
+  bytes.resize(bytes.size() / 2);
+  testutil::writeFile(tree / "sub" / "broken.geometry", bytes);
+  run = runTool(dir.path, quoted(tree) + " " + quoted(first));
+  EXPECT_EQ(run.status, 3);
+  EXPECT_TRUE(contains(run.out, "broken.geometry: NOT sound (")) << run.out;
+  EXPECT_TRUE(contains(run.out, "total: 4 files, 3 sound, 1 not sound")) << run.out;
+  EXPECT_TRUE(contains(run.err, "broken.geometry: ")) << run.err;
+
+  run = runTool(dir.path, "--json " + quoted(tree));
+  const nlohmann::json documents = nlohmann::json::parse(run.out, nullptr, false);
+  ASSERT_TRUE(documents.is_array()) << run.out;
+  EXPECT_EQ(documents.size(), 3u);
 }
 
 } // namespace

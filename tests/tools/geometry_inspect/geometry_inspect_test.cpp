@@ -6,6 +6,7 @@
 #include "geometry_inspect/obj_export.hpp"
 #include "mesh_data_optimizer/coder.hpp"
 #include "moo/moo_prototypes.hpp"
+#include "preview/png_image.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -14,10 +15,12 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <set>
 #include <sstream>
 
 using namespace inspect_test;
-using GeometryInspect::GeometryInspection;
+using geometry_inspect::GeometryInspection;
 
 namespace
 {
@@ -39,7 +42,7 @@ nlohmann::json jsonOf(const RunResult& run)
 // ---------------------------------------------------------------------------------------------
 // Reports
 
-TEST(GeometryInspect, SummaryAndJsonDescribeTheCompiledModel)
+TEST(geometry_inspect, SummaryAndJsonDescribeTheCompiledModel)
 {
   testutil::TempDir dir("inspect");
   const fs::path geometry =
@@ -99,13 +102,13 @@ TEST(GeometryInspect, SummaryAndJsonDescribeTheCompiledModel)
   const RunResult text = inspect({geometry.string()});
   ASSERT_EQ(text.status, 0) << text.err;
   for (const std::string& part : std::vector<std::string>{"set3/xyznuvpc stride 20 skinned no bumped no: 34 vertices, encoded", "list (16-bit): 96 indices",
-        "list32 (32-bit): 24 indices", "id " + idOf("deck.vertices") + " buffer 0 items 25+9 texel density 0.25",
+        "list32 (32-bit): 24 indices", "id " + idOf("deck.vertices") + " (deck.vertices) buffer 0 items 25+9 texel density 0.25",
         "'ship.collision' 100 B", "'ship.armor' 7 B"})
     EXPECT_TRUE(contains(text.out, part)) << part << "\n" << text.out;
   EXPECT_TRUE(text.err.empty()) << text.err;
 }
 
-TEST(GeometryInspect, StatsReflectTheOptimisation)
+TEST(geometry_inspect, StatsReflectTheOptimisation)
 {
   testutil::TempDir dir("inspect");
   const testutil::Sections big = {
@@ -139,7 +142,7 @@ TEST(GeometryInspect, StatsReflectTheOptimisation)
 // ---------------------------------------------------------------------------------------------
 // Validation
 
-TEST(GeometryInspect, ValidateAcceptsEveryCompilerSetting)
+TEST(geometry_inspect, ValidateAcceptsEveryCompilerSetting)
 {
   testutil::TempDir dir("inspect");
   for (const bool encode : {false, true})
@@ -182,7 +185,7 @@ struct Corruptible
   }
 };
 
-TEST(GeometryInspect, ValidateRefusesCorruptedFiles)
+TEST(geometry_inspect, ValidateRefusesCorruptedFiles)
 {
   testutil::TempDir dir("inspect");
   const Corruptible encoded(dir.path, true);
@@ -234,7 +237,7 @@ TEST(GeometryInspect, ValidateRefusesCorruptedFiles)
   {
     SCOPED_TRACE(c.what);
     const RunResult run = (c.what == std::string("raw index") ? raw : encoded).validate(c.bytes);
-    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.status, 3);
     EXPECT_TRUE(contains(run.err, c.message)) << run.err;
     EXPECT_TRUE(contains(run.err, "corrupt.geometry: ")) << run.err;
     EXPECT_TRUE(contains(run.out, "NOT sound")) << run.out;
@@ -244,11 +247,11 @@ TEST(GeometryInspect, ValidateRefusesCorruptedFiles)
   for (size_t size = 0; size < encoded.bytes.size(); ++size)
   {
     const std::vector<std::byte> prefix(encoded.bytes.begin(), encoded.bytes.begin() + static_cast<ptrdiff_t>(size));
-    ASSERT_EQ(encoded.validate(prefix).status, 1) << size;
+    ASSERT_EQ(encoded.validate(prefix).status, 3) << size;
   }
 }
 
-TEST(GeometryInspect, EverySingleByteFlipIsHandled)
+TEST(geometry_inspect, EverySingleByteFlipIsHandled)
 {
   testutil::TempDir dir("inspect");
   const fs::path geometry = compileModel(dir.path, "m", twoGrids());
@@ -262,9 +265,9 @@ TEST(GeometryInspect, EverySingleByteFlipIsHandled)
     bytes[i] ^= std::byte{0xFF};
     testutil::writeFile(target, bytes);
     const RunResult run = inspect({"--validate", "--stats", "--json", "--export-obj", obj.string(), target.string()});
-    ASSERT_TRUE(run.status == 0 || run.status == 1) << i;
+    ASSERT_TRUE(run.status == 0 || run.status == 3) << i;
     EXPECT_TRUE(nlohmann::json::accept(run.out)) << i;
-    refused += run.status == 1;
+    refused += run.status == 3;
   }
   // Records, offsets and codec streams make up most of a small file.
   EXPECT_GT(refused, original.size() / 4);
@@ -278,12 +281,12 @@ TEST(GeometryInspect, EverySingleByteFlipIsHandled)
     bytes[i] ^= std::byte{0xFF};
     testutil::writeFile(container, bytes);
     const RunResult run = inspect({"--validate", "--json", container.string()});
-    ASSERT_TRUE(run.status == 0 || run.status == 1) << i;
+    ASSERT_TRUE(run.status == 0 || run.status == 3) << i;
     EXPECT_TRUE(nlohmann::json::accept(run.out)) << i;
   }
 }
 
-TEST(GeometryInspect, MispairedOrUnpairableRenderSetsAreWarningsButCannotBeExported)
+TEST(geometry_inspect, MispairedOrUnpairableRenderSetsAreWarningsButCannotBeExported)
 {
   testutil::TempDir dir("inspect");
   Corruptible model(dir.path, true);
@@ -302,7 +305,7 @@ TEST(GeometryInspect, MispairedOrUnpairableRenderSetsAreWarningsButCannotBeExpor
   const fs::path obj = dir.path / "out.obj";
   std::ofstream(obj) << "previous";
   run = inspect({"--export-obj", obj.string(), mispaired.string()});
-  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.status, 3);
   EXPECT_TRUE(contains(run.err, "render set #1 cannot be exported")) << run.err;
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(testutil::readFile(obj).data()), 8), "previous");
   EXPECT_EQ(std::distance(fs::directory_iterator(dir.path), fs::directory_iterator()), 4); // no temporary left
@@ -315,7 +318,7 @@ TEST(GeometryInspect, MispairedOrUnpairableRenderSetsAreWarningsButCannotBeExpor
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_TRUE(contains(run.err, "3 vertex mappings but 2 index mappings")) << run.err;
   EXPECT_TRUE(contains(run.out, "render sets: none")) << run.out;
-  EXPECT_EQ(inspect({"--export-obj", obj.string(), unpairable.string()}).status, 1);
+  EXPECT_EQ(inspect({"--export-obj", obj.string(), unpairable.string()}).status, 3);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -397,7 +400,7 @@ std::vector<ObjObject> readObj(const fs::path& path, std::vector<std::array<floa
   return objects;
 }
 
-TEST(GeometryInspect, ExportedObjHasTheSourceTriangles)
+TEST(geometry_inspect, ExportedObjHasTheSourceTriangles)
 {
   testutil::TempDir dir("inspect");
   const fs::path geometry = compileModel(dir.path, "m", twoGrids());
@@ -412,8 +415,9 @@ TEST(GeometryInspect, ExportedObjHasTheSourceTriangles)
   std::vector<std::array<float, 2>> texCoords;
   const std::vector<ObjObject> objects = readObj(obj, normals, texCoords);
   ASSERT_EQ(objects.size(), 2u);
-  EXPECT_EQ(objects[0].name, "renderset0_" + idOf("hull.vertices"));
-  EXPECT_EQ(objects[1].name, "renderset1_" + idOf("deck.vertices"));
+  // Named after the vertex sections of the source beside the file.
+  EXPECT_EQ(objects[0].name, "hull");
+  EXPECT_EQ(objects[1].name, "deck");
   EXPECT_EQ(objects[0].triangles, gridTriangles(4, 1.0f));
   EXPECT_EQ(objects[1].triangles, gridTriangles(2, 2.0f));
 
@@ -435,7 +439,7 @@ TEST(GeometryInspect, ExportedObjHasTheSourceTriangles)
 // ---------------------------------------------------------------------------------------------
 // .primitives listing
 
-TEST(GeometryInspect, ListsPrimitivesSections)
+TEST(geometry_inspect, ListsPrimitivesSections)
 {
   testutil::TempDir dir("inspect");
   testutil::Sections sections = twoGrids();
@@ -473,17 +477,17 @@ TEST(GeometryInspect, ListsPrimitivesSections)
   EXPECT_TRUE(contains(inspect({(dir.path / "model.bin").string()}).out, "primitives, "));
   fs::copy_file(compileModel(dir.path, "m", sections), dir.path / "compiled.bin");
   EXPECT_TRUE(contains(inspect({(dir.path / "compiled.bin").string()}).out, "geometry, "));
-  EXPECT_EQ(inspect({"--stats", source.string()}).status, 2);
+  EXPECT_EQ(inspect({"--stats", source.string()}).status, 1);
 }
 
-TEST(GeometryInspect, ValidateRefusesBrokenPrimitives)
+TEST(geometry_inspect, ValidateRefusesBrokenPrimitives)
 {
   testutil::TempDir dir("inspect");
   const fs::path source = dir.path / "m.primitives";
   const auto check = [&](const std::vector<std::byte>& bytes, const std::string& message) {
     testutil::writeFile(source, bytes);
     const RunResult run = inspect({"--validate", source.string()});
-    EXPECT_EQ(run.status, 1) << message;
+    EXPECT_EQ(run.status, 3) << message;
     EXPECT_TRUE(contains(run.err, "ERROR: " + source.string() + ": " + message)) << run.err;
   };
 
@@ -503,3 +507,91 @@ TEST(GeometryInspect, ValidateRefusesBrokenPrimitives)
 }
 
 } // namespace
+
+TEST(geometry_inspect, NamesFromTheSourceBesideOrGiven)
+{
+  testutil::TempDir dir("inspect");
+  const fs::path geometry = compileModel(dir.path, "m", twoGrids());
+  fs::create_directories(dir.path / "elsewhere");
+  const fs::path moved = dir.path / "elsewhere" / "m.geometry";
+  fs::copy_file(geometry, moved);
+
+  // No source beside it: ids only.
+  RunResult run = inspect({moved.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.out, "id " + idOf("hull.vertices") + " buffer")) << run.out;
+  run = inspect({"--json", moved.string()});
+  EXPECT_TRUE(nlohmann::json::parse(run.out)["vertexMappings"][0]["name"].is_null());
+
+  run = inspect({"--names", (dir.path / "m.primitives").string(), "--stats", moved.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.out, "vertices " + idOf("hull.vertices") + " (hull.vertices) indices " +
+                                  idOf("hull.indices") + " (hull.indices)"))
+    << run.out;
+  run = inspect({"--names", (dir.path / "m.primitives").string(), "--json", moved.string()});
+  EXPECT_EQ(nlohmann::json::parse(run.out)["vertexMappings"][1]["name"], "deck.vertices");
+
+  // A names file that is not a container is a warning; one that is missing is a bad path.
+  run = inspect({"--names", moved.string(), moved.string()});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(contains(run.err, "WARNING: ")) << run.err;
+  EXPECT_EQ(inspect({"--names", (dir.path / "none.primitives").string(), moved.string()}).status, 2);
+}
+
+TEST(geometry_inspect, RenderWritesAPreviewAndABeforeAfterPair)
+{
+  testutil::TempDir dir("inspect");
+  const fs::path geometry = compileModel(dir.path, "m", twoGrids());
+  const fs::path png = dir.path / "m.png";
+  const auto decoded = [&](preview::Image& image) {
+    std::ifstream in(png, std::ios::binary);
+    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string error;
+    return preview::decodePng(bytes, image, error);
+  };
+
+  RunResult run = inspect({"--render", png.string(), "--render-size", "64", "--render-mode", "sets", geometry.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  preview::Image image;
+  ASSERT_TRUE(decoded(image));
+  EXPECT_EQ(image.width, 64u);
+  std::set<std::array<uint8_t, 3>> colours;
+  for (size_t i = 0; i < image.rgb.size(); i += 3)
+    colours.insert({image.rgb[i], image.rgb[i + 1], image.rgb[i + 2]});
+  EXPECT_GT(colours.size(), 3u); // background, two render sets, their shades and edges
+
+  run = inspect({"--render", png.string(), "--render-size", "64", "--render-mode", "cache", "--source",
+                 (dir.path / "m.primitives").string(), geometry.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  ASSERT_TRUE(decoded(image));
+  EXPECT_EQ(image.width, 130u);
+  EXPECT_EQ(image.height, 64u);
+
+  // A .primitives file cannot be rendered; nothing is written for a refused command.
+  fs::remove(png);
+  EXPECT_EQ(inspect({"--render", png.string(), (dir.path / "m.primitives").string()}).status, 1);
+  EXPECT_FALSE(fs::exists(png));
+}
+
+TEST(geometry_inspect, ReportPageFromAJsonReport)
+{
+  testutil::TempDir dir("inspect");
+  const fs::path geometry = compileModel(dir.path, "m", twoGrids());
+  const fs::path report = dir.path / "report.json";
+  const fs::path page = dir.path / "page.html";
+  std::ofstream(report) << nlohmann::json{{"models", {{{"source", "m.primitives"}, {"output", geometry.string()}, {"status", "converted"}}}}}.dump();
+
+  RunResult run = inspect({"--report-html", page.string(), report.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::ifstream in(page);
+  const std::string html((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // The model's preview is the one line of the previews element.
+  const size_t previews = html.find("id=\"previews\">\n");
+  ASSERT_NE(previews, std::string::npos);
+  EXPECT_EQ(html.compare(previews + 15, 8, "iVBORw0K"), 0) << "a base64 PNG";
+
+  std::ofstream(report) << "{\"models\": [";
+  EXPECT_EQ(inspect({"--report-html", page.string(), report.string()}).status, 3);
+  EXPECT_EQ(inspect({"--report-html", page.string(), (dir.path / "none.json").string()}).status, 2);
+  EXPECT_EQ(inspect({"--report-html", (dir.path / "no" / "page.html").string(), report.string()}).status, 2);
+}

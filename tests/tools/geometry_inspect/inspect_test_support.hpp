@@ -76,7 +76,7 @@ inline RunResult inspect(const std::vector<std::string>& arguments)
   std::ostringstream out;
   std::ostringstream err;
   RunResult result;
-  result.status = GeometryInspect::runInspect(static_cast<int>(argv.size()), argv.data(), out, err);
+  result.status = geometry_inspect::runInspect(static_cast<int>(argv.size()), argv.data(), out, err);
   result.out = out.str();
   result.err = err.str();
   return result;
@@ -84,7 +84,7 @@ inline RunResult inspect(const std::vector<std::string>& arguments)
 
 inline std::string idOf(const std::string& sectionName)
 {
-  return GeometryInspect::hexId(cstdmf::makeStringID(sectionName));
+  return geometry_inspect::hexId(cstdmf::makeStringID(sectionName));
 }
 
 inline bool contains(const std::string& text, const std::string& part)

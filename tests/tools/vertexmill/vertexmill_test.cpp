@@ -50,6 +50,8 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "N), chosen by their relative paths\n"
     "      --depfile <FILE>           in default mode also write FILE, a Makefile-syntax list of the "
     "files the model was made from, for Ninja and Make\n"
+    "      --report-html <FILE>       write the report as one self-contained HTML page, with previews, "
+    "to FILE\n"
     "      --stats                    print one line of figures per model on standard output\n"
     "      --no-progress              do not show the progress line on a terminal\n"
     "  -V, --version                  print the tool's name and version\n"

@@ -1,0 +1,155 @@
+// The report page in a real browser (headless Chromium): it loads from a file URL with no console
+// message and no request of its own, its table sorts and filters, and a screenshot shows something.
+// The page's self-check runs when its URL ends in "#selftest" and leaves its findings in
+// <pre id="selftest"> as JSON, which --dump-dom prints.
+
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+#include "preview/png_image.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+
+namespace
+{
+namespace fs = std::filesystem;
+
+const fs::path kSource = VERTEXMILL_SOURCE_DIR;
+constexpr const char* kChromium = "/usr/bin/chromium";
+
+std::string slurp(const fs::path& path)
+{
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+int run(const std::string& tool, const std::vector<std::string>& args, const fs::path& out, const fs::path& err)
+{
+  const auto status = platform::runProcess(tool, args, {cstdmf::toUtf8(out), cstdmf::toUtf8(err), ""});
+  return status ? *status : -1000;
+}
+
+// Requests the browser makes for itself (updates, time, accounts) even with background networking
+// off; anything else in the network log came from the page.
+bool browserOwnHost(const std::string& url)
+{
+  static const std::regex kOwn(R"(^https?://([a-z0-9-]+\.)*(google\.com|googleapis\.com|gvt1\.com|gstatic\.com)(/|:|$))");
+  return std::regex_search(url, kOwn);
+}
+
+class ReportPageBrowser : public testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    if (!fs::exists(kChromium))
+      GTEST_FAIL() << kChromium << " is missing: scripts/install-deps.sh installs it";
+    m_dir = fs::temp_directory_path() / ("vertexmill-page-" + std::to_string(platform::processId()));
+    fs::remove_all(m_dir);
+    fs::create_directories(m_dir / "out");
+    // The examples and one model that cannot be converted.
+    fs::copy(kSource / "examples", m_dir / "src", fs::copy_options::recursive);
+    std::ofstream(m_dir / "src" / "props" / "broken.primitives", std::ios::binary) << "not a container";
+  }
+  void TearDown() override
+  {
+    std::error_code ignored;
+    fs::remove_all(m_dir, ignored);
+  }
+
+  // Runs the browser on the page; returns standard output, keeps standard error in `log`.
+  std::string browse(const std::string& url, const std::vector<std::string>& extra, std::string& log)
+  {
+    const fs::path profile = m_dir / ("profile" + std::to_string(m_runs++));
+    std::vector<std::string> args = {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                                     "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                                     "--user-data-dir=" + profile.string(), "--enable-logging=stderr", "--v=0",
+                                     "--virtual-time-budget=5000"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    args.push_back(url);
+    const fs::path out = m_dir / "browser-out.txt", err = m_dir / "browser-err.txt";
+    EXPECT_EQ(run(kChromium, args, out, err), 0);
+    log = slurp(err);
+    return slurp(out);
+  }
+
+  fs::path m_dir;
+  int m_runs = 0;
+};
+
+TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
+{
+  const fs::path page = m_dir / "page.html";
+  const fs::path report = m_dir / "report.json";
+  const fs::path logs = m_dir / "vertexmill-out.txt";
+  ASSERT_EQ(run(VERTEXMILL, {"--tree", "--keep-going", "--src-path", (m_dir / "src").string(), "--dst-path",
+                             (m_dir / "out").string(), "--report", report.string(), "--report-html", page.string()},
+                logs, m_dir / "vertexmill-err.txt"),
+            3);
+
+  // The inspector makes the same page from the JSON report.
+  const fs::path again = m_dir / "again.html";
+  ASSERT_EQ(run(GEOMETRY_INSPECT, {"--report-html", again.string(), report.string()}, m_dir / "inspect-out.txt",
+                m_dir / "inspect-err.txt"),
+            0)
+    << slurp(m_dir / "inspect-err.txt");
+  EXPECT_TRUE(slurp(again) == slurp(page)) << "the two pages differ: " << again.string() << ", " << page.string();
+
+  const std::string url = "file://" + fs::absolute(page).generic_string();
+  std::string log;
+  const std::string dom = browse(url + "#selftest", {"--log-net-log=" + (m_dir / "net.json").string(), "--dump-dom"}, log);
+  std::smatch found;
+  ASSERT_TRUE(std::regex_search(dom, found, std::regex("<pre id=\"selftest\">(.*?)</pre>"))) << dom.substr(0, 2000) << log;
+  const nlohmann::json check = nlohmann::json::parse(found[1].str(), nullptr, false);
+  ASSERT_TRUE(check.is_object()) << found[1].str();
+  EXPECT_EQ(check["models"], 6); // the five example models and the broken one
+  EXPECT_EQ(check["sortedDescending"], true);
+  EXPECT_EQ(check["lastRowDrawn"], true);
+  EXPECT_EQ(check["largest"], (m_dir / "src" / "creatures" / "jumper.primitives").string());
+  EXPECT_EQ(check["filterMatches"], 1);
+  EXPECT_EQ(check["filterRowsDrawn"], 1);
+  EXPECT_EQ(check["filterNone"], 0);
+  EXPECT_EQ(check["detailImages"], 1);
+  EXPECT_EQ(check["problems"], nlohmann::json::array());
+  EXPECT_TRUE(dom.find("Failures (1)") != std::string::npos);
+
+  // No console message of any kind, and no network request (a file URL itself never reaches the
+  // network log).
+  EXPECT_EQ(log.find(":CONSOLE"), std::string::npos) << log;
+  const std::string net = slurp(m_dir / "net.json");
+  ASSERT_FALSE(net.empty());
+  const std::regex urlPattern("\"url\":\"([^\"]*)\"");
+  for (auto it = std::sregex_iterator(net.begin(), net.end(), urlPattern); it != std::sregex_iterator(); ++it)
+  {
+    const std::string requested = (*it)[1].str();
+    EXPECT_TRUE(browserOwnHost(requested)) << requested;
+  }
+
+  // A screenshot with the summary, the table and previews in it: many colours, not a blank page.
+  const fs::path shot = m_dir / "shot.png";
+  (void)browse(url, {"--hide-scrollbars", "--window-size=1200,900", "--screenshot=" + shot.string()}, log);
+  const std::string bytes = slurp(shot);
+  preview::Image image;
+  std::string error;
+  ASSERT_TRUE(preview::decodePng(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), image, error))
+    << error << log;
+  EXPECT_EQ(image.width, 1200u);
+  std::set<uint32_t> colours;
+  size_t notBackground = 0;
+  for (size_t i = 0; i < image.rgb.size(); i += 3)
+  {
+    const uint32_t colour = (uint32_t(image.rgb[i]) << 16) | (uint32_t(image.rgb[i + 1]) << 8) | image.rgb[i + 2];
+    colours.insert(colour);
+    notBackground += colour != 0xF6F8FA;
+  }
+  EXPECT_GT(colours.size(), 100u);
+  EXPECT_GT(notBackground, image.rgb.size() / 3 / 10);
+}
+
+} // namespace

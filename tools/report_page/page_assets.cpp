@@ -1,0 +1,245 @@
+// The style sheet and the script of the report page, kept apart from the C++ that fills it in.
+
+#include "report_page/page_assets.hpp"
+
+namespace report_page
+{
+
+const char* const kPageScript = R"js(
+"use strict";
+(function () {
+  var started = performance.now();
+  var problems = [];
+  window.addEventListener("error", function (e) { problems.push("error: " + e.message); });
+  document.addEventListener("securitypolicyviolation", function (e) { problems.push("blocked: " + e.blockedURI); });
+
+  var data = JSON.parse(document.getElementById("report-data").textContent);
+  var columns = data.columns;
+  var rows = data.rows;
+  var sets = data.sets;
+  var previewLines = null;
+  function preview(i) {
+    if (previewLines === null)
+      previewLines = document.getElementById("previews").textContent.split("\n");
+    var line = previewLines[i + 1];
+    return line ? "data:image/png;base64," + line : "";
+  }
+
+  var table = document.getElementById("models");
+  var head = table.tHead.rows[0];
+  var body = table.tBodies[0];
+  var scroller = document.getElementById("scroller");
+  var filterBox = document.getElementById("filter");
+  var onlyProblems = document.getElementById("only-problems");
+  var counter = document.getElementById("shown");
+  var detail = document.getElementById("detail");
+  var rowHeight = 30;
+  var order = rows.map(function (r, i) { return i; });
+  var shown = order.slice();
+  var sortColumn = -1, sortDescending = false;
+
+  columns.forEach(function (c, i) {
+    var th = document.createElement("th");
+    th.textContent = c.title;
+    th.title = c.hint || "";
+    th.dataset.column = i;
+    if (c.numeric) th.className = "num";
+    th.addEventListener("click", function () { sortBy(i, sortColumn === i ? !sortDescending : c.numeric); });
+    head.appendChild(th);
+  });
+
+  function text(value, column) {
+    if (value === null || value === undefined) return "";
+    if (!column.numeric) return String(value);
+    if (column.digits !== undefined) return value.toFixed(column.digits);
+    return value.toLocaleString("en-US");
+  }
+
+  function compare(column) {
+    var numeric = columns[column].numeric;
+    return function (a, b) {
+      var x = rows[a][column], y = rows[b][column];
+      var xMissing = x === null || x === undefined, yMissing = y === null || y === undefined;
+      if (xMissing || yMissing) return xMissing === yMissing ? a - b : (xMissing ? 1 : -1);
+      var d = numeric ? x - y : (x < y ? -1 : x > y ? 1 : 0);
+      if (d === 0) return a - b;
+      return sortDescending ? -d : d;
+    };
+  }
+
+  function sortBy(column, descending) {
+    sortColumn = column;
+    sortDescending = descending;
+    order.sort(compare(column));
+    Array.prototype.forEach.call(head.cells, function (th, i) {
+      // The first header cell is the thumbnails'.
+      th.classList.toggle("sorted", i - 1 === column);
+      th.classList.toggle("descending", i - 1 === column && descending);
+    });
+    applyFilter();
+  }
+
+  function applyFilter() {
+    var needle = filterBox.value.trim().toLowerCase();
+    var problemsOnly = onlyProblems.checked;
+    shown = order.filter(function (i) {
+      var r = rows[i];
+      if (problemsOnly && r[data.statusColumn] !== "failed" && !r[data.warningsColumn]) return false;
+      if (!needle) return true;
+      return (r[data.sourceColumn] + "\n" + r[data.outputColumn] + "\n" + r[data.statusColumn]).toLowerCase().indexOf(needle) >= 0;
+    });
+    counter.textContent = shown.length + " of " + rows.length + " models";
+    draw();
+  }
+
+  function draw() {
+    var first = Math.max(0, Math.floor(scroller.scrollTop / rowHeight) - 5);
+    var count = Math.ceil(scroller.clientHeight / rowHeight) + 10;
+    var last = Math.min(shown.length, first + count);
+    // Rows outside the view are two spacer rows of the same height, so the scroll bar is right.
+    var span = columns.length + 1;
+    var html = ['<tr class="spacer"><td colspan="' + span + '" style="height:' + first * rowHeight + 'px"></td></tr>'];
+    for (var k = first; k < last; ++k) {
+      var i = shown[k], r = rows[i];
+      var cells = ['<tr data-model="' + i + '" class="' + r[data.statusColumn] + '">'];
+      var image = preview(i);
+      cells.push('<td class="thumb">' + (image ? '<img alt="" width="26" height="26" src="' + image + '">' : "") + "</td>");
+      for (var c = 0; c < columns.length; ++c)
+        cells.push("<td" + (columns[c].numeric ? ' class="num"' : "") + ">" + escape(text(r[c], columns[c])) + "</td>");
+      cells.push("</tr>");
+      html.push(cells.join(""));
+    }
+    html.push('<tr class="spacer"><td colspan="' + span + '" style="height:' + (shown.length - last) * rowHeight + 'px"></td></tr>');
+    body.innerHTML = html.join("");
+  }
+
+  function escape(s) {
+    return s.replace(/&/g, "&amp;").replace(/</g, "&lt;").replace(/>/g, "&gt;").replace(/"/g, "&quot;");
+  }
+
+  function showDetail(i) {
+    var r = rows[i];
+    var html = ["<h3>" + escape(String(r[data.sourceColumn])) + "</h3>"];
+    var image = preview(i);
+    html.push('<div class="detail-body">');
+    if (image) html.push('<img class="preview" alt="preview" width="160" height="160" src="' + image + '">');
+    html.push('<table class="sets"><thead><tr><th></th><th>render set</th><th class="num">vertices</th><th class="num">triangles</th>' +
+              '<th class="num">ACMR before</th><th class="num">ACMR after</th><th class="num">overdraw before</th><th class="num">overdraw after</th></tr></thead><tbody>');
+    (sets[i] || []).forEach(function (s, k) {
+      html.push('<tr><td><span class="swatch" style="background:' + data.palette[k % data.palette.length] + '"></span></td><td>' +
+                escape(String(s[0])) + '</td><td class="num">' + s[1] + '</td><td class="num">' + s[2] + '</td>' +
+                [3, 4, 5, 6].map(function (j) { return '<td class="num">' + (s[j] === null ? "" : s[j].toFixed(3)) + "</td>"; }).join("") + "</tr>");
+    });
+    html.push("</tbody></table></div>");
+    var messages = data.messages[i] || [];
+    if (messages.length) {
+      html.push("<ul class=\"messages\">");
+      messages.forEach(function (m) { html.push("<li>" + escape(m) + "</li>"); });
+      html.push("</ul>");
+    }
+    detail.innerHTML = html.join("");
+    detail.hidden = false;
+  }
+
+  body.addEventListener("click", function (e) {
+    var tr = e.target.closest("tr[data-model]");
+    if (tr) showDetail(Number(tr.dataset.model));
+  });
+  var pending = false;
+  scroller.addEventListener("scroll", function () {
+    if (pending) return;
+    pending = true;
+    requestAnimationFrame(function () { pending = false; draw(); });
+  });
+  filterBox.addEventListener("input", applyFilter);
+  onlyProblems.addEventListener("change", applyFilter);
+  window.addEventListener("resize", draw);
+  applyFilter();
+  // From the start of navigation (reading and parsing the file included) to a drawn table.
+  var loadMs = performance.now();
+  var scriptMs = loadMs - started;
+  document.getElementById("load-time").textContent = "loaded in " + loadMs.toFixed(0) + " ms";
+
+  // A check the browser tests run: sorts and filters the table and reports what it saw.
+  if (location.hash === "#selftest") {
+    var report = { models: rows.length, loadMs: loadMs, scriptMs: scriptMs };
+    var t0 = performance.now();
+    sortBy(data.trianglesColumn, true);
+    report.sortMs = performance.now() - t0;
+    var sortedOk = true;
+    for (var k = 1; k < shown.length; ++k)
+      if ((rows[shown[k - 1]][data.trianglesColumn] || 0) < (rows[shown[k]][data.trianglesColumn] || 0)) sortedOk = false;
+    report.sortedDescending = sortedOk;
+    report.firstRowModel = body.querySelector("tr[data-model]") ? Number(body.querySelector("tr[data-model]").dataset.model) : -1;
+    report.largest = shown.length ? rows[shown[0]][data.sourceColumn] : null;
+    // Scrolled to the end, the last row is drawn.
+    scroller.scrollTop = scroller.scrollHeight;
+    draw();
+    var drawn = body.querySelectorAll("tr[data-model]");
+    report.lastRowDrawn = drawn.length > 0 && Number(drawn[drawn.length - 1].dataset.model) === shown[shown.length - 1];
+    scroller.scrollTop = 0;
+    draw();
+    var needle = data.rows.length ? String(rows[rows.length - 1][data.sourceColumn]) : "";
+    filterBox.value = needle;
+    applyFilter();
+    report.filterMatches = shown.length;
+    report.filterRowsDrawn = body.querySelectorAll("tr[data-model]").length;
+    filterBox.value = "no model is called this";
+    applyFilter();
+    report.filterNone = shown.length;
+    filterBox.value = "";
+    applyFilter();
+    if (rows.length) showDetail(0);
+    report.detailImages = detail.querySelectorAll("img").length;
+    report.problems = problems;
+    var out = document.createElement("pre");
+    out.id = "selftest";
+    out.textContent = JSON.stringify(report);
+    document.body.appendChild(out);
+  }
+})();
+)js";
+
+const char* const kPageStyle = R"css(
+:root { color-scheme: light; --ink: #1d232b; --muted: #5f6b7a; --line: #d9dee5; --bad: #b3261e; --warn: #9a6700; --good: #1a7f37; }
+* { box-sizing: border-box; }
+body { font: 14px/1.45 system-ui, -apple-system, "Segoe UI", sans-serif; color: var(--ink); margin: 0; padding: 20px 28px; background: #f6f8fa; }
+h1 { font-size: 22px; margin: 0 0 4px; }
+h2 { font-size: 17px; margin: 26px 0 8px; }
+h3 { font-size: 15px; margin: 0 0 8px; word-break: break-all; }
+.muted { color: var(--muted); }
+.cards { display: flex; flex-wrap: wrap; gap: 10px; margin-top: 12px; }
+.card { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 8px 14px; min-width: 120px; }
+.card b { display: block; font-size: 18px; }
+.card.bad b { color: var(--bad); }
+.failures { max-height: 40vh; overflow: auto; }
+.failure { background: #fff; border: 1px solid #f1b8b4; border-left: 4px solid var(--bad); border-radius: 6px; padding: 8px 12px; margin: 8px 0; }
+.failure ul, .messages { margin: 4px 0 0; padding-left: 20px; font-family: ui-monospace, monospace; font-size: 12px; }
+.plots { display: flex; flex-wrap: wrap; gap: 16px; align-items: flex-start; }
+.plot { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 8px; }
+.plot svg { display: block; }
+.plot text { font-size: 11px; fill: var(--muted); }
+.controls { display: flex; gap: 16px; align-items: center; margin: 8px 0; }
+.controls input[type=search] { width: 320px; padding: 5px 8px; border: 1px solid var(--line); border-radius: 4px; }
+#scroller { height: 50vh; min-height: 240px; overflow: auto; background: #fff; border: 1px solid var(--line); border-radius: 6px; }
+#models { border-collapse: collapse; width: 100%; font-size: 12.5px; }
+#models th { position: sticky; top: 0; background: #eef1f5; cursor: pointer; user-select: none; text-align: left; padding: 6px 8px; border-bottom: 1px solid var(--line); white-space: nowrap; }
+#models th.sorted::after { content: " \25B2"; }
+#models th.sorted.descending::after { content: " \25BC"; }
+#models td { padding: 0 8px; height: 30px; border-bottom: 1px solid #eef1f5; white-space: nowrap; max-width: 420px; overflow: hidden; text-overflow: ellipsis; }
+#models tr[data-model] { cursor: pointer; }
+#models tr[data-model]:hover { background: #f0f6ff; }
+#models tr.failed td { color: var(--bad); }
+#models tr.spacer td, #models tr.spacer { padding: 0; border: 0; }
+td.thumb { width: 34px; padding: 2px 4px !important; }
+td.thumb img { display: block; border-radius: 3px; }
+.num { text-align: right !important; font-variant-numeric: tabular-nums; }
+#detail { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 12px; margin-top: 12px; }
+.detail-body { display: flex; gap: 16px; align-items: flex-start; }
+.preview { border-radius: 4px; }
+table.sets { border-collapse: collapse; font-size: 12.5px; }
+table.sets th, table.sets td { padding: 3px 8px; border-bottom: 1px solid #eef1f5; text-align: left; }
+.swatch { display: inline-block; width: 12px; height: 12px; border-radius: 2px; }
+)css";
+
+} // namespace report_page

@@ -1,0 +1,28 @@
+#pragma once
+// The run report as one self-contained HTML page: summary, failures first, a sortable and
+// filterable table of models, plots of sizes and of the before/after figures, and each model's
+// preview and render sets. Styles, script, plots and previews are all inside the page, so it opens
+// from disk with no network. The page is built from the JSON report (docs/report.md), so
+// vertexmill and geometry_inspect make the same page from the same report.
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace report_page
+{
+
+// PNG bytes of a model's preview, given the model's entry of the report; empty for none.
+using PreviewSource = std::function<std::vector<uint8_t>(const nlohmann::json& model)>;
+
+// The page for `report`. Models without a preview show none. Fields missing from the report (an
+// older or partial one) are shown as blanks rather than refused, so any JSON object gives a page.
+[[nodiscard]] std::string buildPage(const nlohmann::json& report, const PreviewSource& previews);
+
+// "data:image/png;base64,..." for the bytes.
+[[nodiscard]] std::string pngDataUri(const std::vector<uint8_t>& png);
+
+} // namespace report_page
