@@ -67,7 +67,11 @@ function(vertexmill_test name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE vertexmill_options ${ARG_DEPENDS} GTest::gtest GTest::gtest_main Threads::Threads)
   add_test(NAME ${name} COMMAND ${name})
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+  # Each test program gets a temporary directory of its own in the build tree, so that what the
+  # tests leave there (the crash reports of the fatal-path tests among them) stays out of /tmp.
+  set(test_tmp ${CMAKE_BINARY_DIR}/test-tmp/${name})
+  file(MAKE_DIRECTORY ${test_tmp})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "TMPDIR=${test_tmp}")
 endfunction()
 
 # vertexmill_fuzzer(NAME SOURCES ... DEPENDS ... [SEEDS dir]): libFuzzer executable fuzz_<NAME>, and a
