@@ -1,13 +1,17 @@
 // The POSIX side of the platform layer (Linux and other Unix-like build hosts).
 #include "cstdmf/platform.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace platform
@@ -109,12 +113,23 @@ void useBinaryStandardStreams()
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
                               const ChildIo& io)
 {
+  const ChildRun run = runLimitedProcess(program, arguments, io, ChildLimits{});
+  if (!run.started)
+    return std::nullopt;
+  return run.status;
+}
+
+ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
+                           const ChildLimits& limits)
+{
   // Everything the child needs is made before fork: after it only async-signal-safe calls.
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(program.c_str()));
   for (const std::string& argument : arguments)
     argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
+  rlimit memory{};
+  memory.rlim_cur = memory.rlim_max = static_cast<rlim_t>(limits.memoryBytes);
 
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
   const int out = ::open(io.stdoutPath.c_str(), flags, 0644);
@@ -123,14 +138,15 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
   // The child writes one byte into this pipe when it cannot get as far as the program; a
   // successful exec closes it empty.
   int failure[2] = {-1, -1};
-  std::optional<int> status;
+  ChildRun run;
   if (out >= 0 && err >= 0 && in >= 0 && ::pipe2(failure, O_CLOEXEC) == 0)
   {
     const pid_t child = ::fork();
     if (child == 0)
     {
       if ((io.workingDirectory.empty() || ::chdir(io.workingDirectory.c_str()) == 0) && ::dup2(in, 0) >= 0 &&
-          ::dup2(out, 1) >= 0 && ::dup2(err, 2) >= 0)
+          ::dup2(out, 1) >= 0 && ::dup2(err, 2) >= 0 &&
+          (limits.memoryBytes == 0 || ::setrlimit(RLIMIT_AS, &memory) == 0))
         ::execv(program.c_str(), argv.data());
       const char failed = 1;
       (void)!::write(failure[1], &failed, 1);
@@ -147,19 +163,43 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
     pid_t waited = -1;
     if (child > 0)
     {
-      do
-        waited = ::waitpid(child, &waitStatus, 0);
-      while (waited < 0 && errno == EINTR);
+      run.processId = static_cast<unsigned long>(child);
+      // Polled, from short to longer pauses: most children are done within milliseconds.
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limits.timeoutMilliseconds);
+      auto pause = std::chrono::microseconds(100);
+      for (;;)
+      {
+        waited = ::waitpid(child, &waitStatus, limits.timeoutMilliseconds ? WNOHANG : 0);
+        if (waited == child || (waited < 0 && errno != EINTR))
+          break;
+        if (waited == 0)
+        {
+          if (std::chrono::steady_clock::now() >= deadline)
+          {
+            ::kill(child, SIGKILL);
+            run.timedOut = true;
+            do
+              waited = ::waitpid(child, &waitStatus, 0);
+            while (waited < 0 && errno == EINTR);
+            break;
+          }
+          std::this_thread::sleep_for(pause);
+          pause = std::min(pause * 2, std::chrono::microseconds(20000));
+        }
+      }
     }
     if (waited == child && got == 0)
-      status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+    {
+      run.started = true;
+      run.status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+    }
   }
   for (const int fd : {out, err, in, failure[0], failure[1]})
   {
     if (fd >= 0)
       ::close(fd);
   }
-  return status;
+  return run;
 }
 
 } // namespace platform

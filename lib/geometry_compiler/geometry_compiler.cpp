@@ -24,7 +24,9 @@
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <mutex>
 #include <system_error>
+#include <vector>
 
 using namespace GeometryCompilerDetail;
 
@@ -972,6 +974,36 @@ BinaryPtr GeometryCompiler::packData(const Moo::MergedGeometryPrototype& prototy
   return Moo::packMergedGeometry(prototype);
 }
 
+namespace
+{
+// The temporary files of the writes in flight, so that a process ending abnormally can remove them.
+std::mutex s_temporariesMutex;
+std::vector<std::filesystem::path> s_temporaries;
+
+void registerTemporary(const std::filesystem::path& path)
+{
+  const std::lock_guard<std::mutex> lock(s_temporariesMutex);
+  s_temporaries.push_back(path);
+}
+
+void forgetTemporary(const std::filesystem::path& path)
+{
+  const std::lock_guard<std::mutex> lock(s_temporariesMutex);
+  const auto found = std::find(s_temporaries.begin(), s_temporaries.end(), path);
+  if (found != s_temporaries.end())
+    s_temporaries.erase(found);
+}
+} // namespace
+
+void GeometryCompiler::removeTemporaryFiles()
+{
+  const std::lock_guard<std::mutex> lock(s_temporariesMutex);
+  std::error_code ignored;
+  for (const std::filesystem::path& path : s_temporaries)
+    std::filesystem::remove(path, ignored);
+  s_temporaries.clear();
+}
+
 bool GeometryCompiler::writeToFile(const std::string& resourcePath, const BinaryPtr& block)
 {
   const std::filesystem::path target = cstdmf::u8path(resourcePath);
@@ -982,6 +1014,12 @@ bool GeometryCompiler::writeToFile(const std::string& resourcePath, const Binary
     target.parent_path() / cstdmf::u8path(".vm" + std::to_string(platform::processId()) + "-" +
                                           std::to_string(s_writeCounter.fetch_add(1)) + ".tmp");
   const std::string temporaryText = cstdmf::toUtf8(temporary);
+  registerTemporary(temporary);
+  struct Forget
+  {
+    const std::filesystem::path& path;
+    ~Forget() { forgetTemporary(path); }
+  } forget{temporary};
 
   std::FILE* file = platform::openFile(temporaryText, "wb");
   if (!file)

@@ -124,6 +124,10 @@ public:
   // either the previous file or the whole new one. False (reported) on any failure.
   [[nodiscard]] bool writeToFile(const std::string& resourcePath, const BinaryPtr& block);
 
+  // Removes every temporary file a writeToFile of this process has open or not yet renamed. For
+  // the last moments of a process that ends abnormally; safe to call from any thread.
+  static void removeTemporaryFiles();
+
   // Inspection of the merged state (tests, reports).
   const std::vector<GeometryCompilerDetail::DataEntry>& vertexData() const { return m_vertexData; }
   const std::vector<GeometryCompilerDetail::DataEntry>& indexData() const { return m_indexData; }

@@ -5,6 +5,7 @@
 // abnormally; -1 (255) when an assertion or critical error ended the process.
 
 #include "console_router.hpp"
+#include "critical_handler.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
@@ -13,6 +14,7 @@
 #include "exit_status.hpp"
 #include "fw/arg_parser.hpp"
 #include "model_job.hpp"
+#include "model_worker.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
 #include "resmgr/zrresource.hpp"
@@ -20,6 +22,7 @@
 #include "tree_walk.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -213,7 +216,58 @@ struct RunRequest
   bool incremental = false;
   ConsoleRouter* router = nullptr;
   Report* report = nullptr; // --report, or null
+  std::string reportPath;   // UTF-8, with report
+  ToolCriticalErrorHandler* criticalHandler = nullptr;
 };
+
+// A refused --report path: the message shows whatever the verbosity, like a command-line error.
+bool refuseReport(const std::string& path, std::string_view reason)
+{
+  std::fflush(stdout);
+  std::fprintf(stderr, "ERROR: cannot write report '%s': %s\n", toDisplayText(path).c_str(),
+               toDisplayText(reason).c_str());
+  return false;
+}
+
+// Checked before any model is converted, so that a report that cannot be written costs no work:
+// its directory must exist and take a new file, and it must not be one of the run's inputs.
+[[nodiscard]] bool checkReportPath(const std::string& path, const std::vector<fs::path>& sources)
+{
+  if (path == "-")
+    return true;
+  const fs::path target = reportTarget(path);
+  std::error_code error;
+  const fs::path directory = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+  if (!fs::is_directory(fs::status(directory, error)))
+    return refuseReport(path, "the directory " + cstdmf::toUtf8(directory) + " does not exist");
+  const fs::file_status status = fs::status(target, error);
+  if (fs::is_directory(status))
+    return refuseReport(path, "it is a directory");
+  if (fs::exists(status))
+  {
+    for (const fs::path& source : sources)
+    {
+      std::vector<fs::path> inputs = {source};
+      for (const fs::path& companion : companionPaths(source))
+        inputs.push_back(companion);
+      for (const fs::path& input : inputs)
+      {
+        if (fs::equivalent(target, input, error))
+          return refuseReport(path, "it is the input file " + cstdmf::toUtf8(input));
+      }
+    }
+  }
+  // The same temporary file the report is written through, made and removed again.
+  fs::path probe = target;
+  probe += ".tmp" + std::to_string(platform::processId());
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(probe), "wb");
+  if (!file)
+    return refuseReport(path, std::error_code(errno ? errno : EACCES, std::generic_category()).message());
+  std::fclose(file);
+  fs::remove(probe, error);
+  return true;
+}
 
 [[nodiscard]] bool requirePathExists(const fs::path& path, fs::file_status status, std::string_view kind)
 {
@@ -306,6 +360,10 @@ int processSingle(const RunRequest& request, const fs::path& src, const fs::path
     return kExitBadPath;
   if (!requireFileExists(src, fs::status(src)))
     return kExitBadPath;
+  if (request.report && !checkReportPath(request.reportPath, {src}))
+    return kExitBadCommandLine;
+  if (request.criticalHandler)
+    request.criticalHandler->setSingleModel(cstdmf::toUtf8(src));
   const ModelOutcome outcome = convertModel(src, geometryPathFor(dst, src.filename()), modelSettings(request));
   return outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
 }
@@ -339,10 +397,19 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
   std::string walkError;
   if (!listModels(src, models.sources, &models.sizes, walkError))
     return reportFilesystemFailure(walkError);
+  if (request.report && !checkReportPath(request.reportPath, models.sources))
+    return kExitBadCommandLine;
 
   TreeRunOptions options;
   options.jobs = request.jobs;
   options.keepGoing = request.keepGoing;
+  if (request.keepGoing)
+  {
+    options.workerProgram = platform::executablePath();
+    if (options.workerProgram.empty())
+      ZR_MSG_FMT(DebugMessagePriority::Warning, "",
+                 "cannot find the tool's own executable: --keep-going converts the models in this process\n");
+  }
   options.showProgress = request.verbosity > 0 && platform::isTerminal(2);
   options.model = modelSettings(request);
   return convertModels(models, options, *request.router);
@@ -371,6 +438,8 @@ int process(const RunRequest& request)
 // comes here too.
 int vertexmillMain(int argc, const char* const* argv)
 {
+  if (argc >= 2 && std::string_view(argv[1]) == kWorkerOption)
+    return runModelWorker(std::vector<std::string>(argv + 2, argv + argc));
   Args args;
   if (!args.parse(argc, argv))
     return kExitBadCommandLine;
@@ -389,6 +458,8 @@ int vertexmillMain(int argc, const char* const* argv)
   }
 
   cstdmf::setupConsoleLogging(args.verbosity);
+  ToolCriticalErrorHandler criticalHandler(args.verbosity);
+  cstdmf::setCriticalErrorHandler(&criticalHandler);
   const std::shared_ptr<ConsoleRouter> router = installConsoleRouter();
   (void)ZRResource::init(std::vector<std::string>{});
   Moo::PrimitiveVertexFormat::init(0);
@@ -400,7 +471,8 @@ int vertexmillMain(int argc, const char* const* argv)
   if (!args.reportPath.empty())
     report = std::make_unique<Report>();
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
-                     args.keepGoing, args.incremental, router.get(), report.get()};
+                     args.keepGoing, args.incremental, router.get(), report.get(), args.reportPath,
+                     &criticalHandler};
   int status = kExitSuccess;
   try
   {
@@ -414,12 +486,14 @@ int vertexmillMain(int argc, const char* const* argv)
     status = reportFilesystemFailure(error.what());
   }
   // Written whatever the outcome, so a failed run's report says what failed. A report that
-  // cannot be written is an error of its own but does not change what the models did.
-  if (report)
-    (void)report->write(args.reportPath);
+  // cannot be written fails a run that otherwise succeeded; a path refused before the run
+  // (status 1) writes nothing.
+  if (report && status != kExitBadCommandLine && !report->write(args.reportPath) && status == kExitSuccess)
+    status = kExitFilesystemError;
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();
+  cstdmf::setCriticalErrorHandler(nullptr);
   return status;
 }
 } // namespace

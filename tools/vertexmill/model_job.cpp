@@ -67,6 +67,14 @@ std::optional<fs::file_time_type> writeTime(const fs::path& path)
 }
 } // namespace
 
+std::vector<fs::path> companionPaths(const fs::path& source)
+{
+  std::vector<fs::path> paths;
+  for (const Companion& companion : kCompanions)
+    paths.push_back(companionPath(source, companion.extension));
+  return paths;
+}
+
 fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relativeSource)
 {
   fs::path output = outputDirectory / relativeSource;
@@ -132,6 +140,9 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   {
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {} (up to date)\n", outputText);
+    // The totals count it with what its existing output holds; nothing is kept beside it.
+    if (report)
+      (void)readBackStatistics(output, *report);
     return finish(ModelOutcome::UpToDate);
   }
 

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 namespace vertexmill
 {
@@ -41,6 +42,10 @@ enum class ModelOutcome
 // itself (toolTime). False whenever a time cannot be read.
 [[nodiscard]] bool isUpToDate(const std::filesystem::path& source, const std::filesystem::path& output,
                               const std::optional<std::filesystem::file_time_type>& toolTime);
+
+// The companion files a source may have (.collision, .armor, .armorvisual beside it), whether
+// they exist or not.
+std::vector<std::filesystem::path> companionPaths(const std::filesystem::path& source);
 
 // dst / relative source, with the extension replaced by ".geometry".
 std::filesystem::path geometryPathFor(const std::filesystem::path& outputDirectory,

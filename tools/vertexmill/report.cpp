@@ -2,10 +2,12 @@
 
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "moo/geometry_data.hpp"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 
@@ -103,6 +105,11 @@ ordered_json modelJson(const ModelReport& model)
   for (const auto& e : model.errors)
     errors.push_back(trimmed(e));
 
+  if (model.readBack)
+  {
+    vertices = model.readBackVertices;
+    triangles = model.readBackTriangles;
+  }
   return ordered_json{{"source", model.source},
                       {"output", model.output},
                       {"status", model.status},
@@ -125,6 +132,126 @@ ordered_json modelJson(const ModelReport& model)
                         {"outputBytesPerTriangle", ratio(double(stats.outputBytes), double(triangles))}}}};
 }
 } // namespace
+
+std::string modelReportToJson(const ModelReport& model)
+{
+  ordered_json json = modelJson(model);
+  json["readBack"] = model.readBack;
+  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+bool readBackStatistics(const std::filesystem::path& output, ModelReport& model)
+{
+  Moo::GeometryData geometry;
+  if (!geometry.load(cstdmf::toUtf8(output)))
+    return false;
+  CompileStatistics stats;
+  stats.outputBytes = geometry.block()->len();
+  // A buffer holds as many items as its mappings reach (also when it is stored encoded).
+  const auto itemsOf = [](const std::vector<Moo::MappingPrototype>& mappings, size_t buffer) {
+    uint64_t items = 0;
+    for (const Moo::MappingPrototype& mapping : mappings)
+    {
+      if (mapping.mergedBufferIndex == buffer)
+        items = std::max<uint64_t>(items, uint64_t{mapping.itemsOffset} + mapping.itemsCount);
+    }
+    return items;
+  };
+  for (size_t i = 0; i < geometry.vertexBuffers().size(); ++i)
+  {
+    const auto& buffer = geometry.vertexBuffers()[i];
+    const uint64_t items = itemsOf(geometry.verticesMapping(), i);
+    stats.buffers.push_back({"vertices", buffer.formatName, buffer.strideInBytes, items,
+                             items * buffer.strideInBytes, buffer.sizeInBytes, buffer.encoded});
+  }
+  for (size_t i = 0; i < geometry.indexBuffers().size(); ++i)
+  {
+    const auto& buffer = geometry.indexBuffers()[i];
+    const uint64_t items = itemsOf(geometry.indicesMapping(), i);
+    stats.buffers.push_back({"indices", buffer.primitiveType == 0 ? "list" : "list32", buffer.strideInBytes, items,
+                             items * buffer.strideInBytes, buffer.sizeInBytes, buffer.encoded});
+  }
+  for (const auto& companion : geometry.collisionModels())
+    stats.companions.push_back({companion.name, "collision", companion.data.size()});
+  for (const auto& companion : geometry.armorModels())
+    stats.companions.push_back({companion.name, "armor", companion.data.size()});
+
+  uint64_t vertices = 0, triangles = 0;
+  for (const Moo::MappingPrototype& mapping : geometry.verticesMapping())
+    vertices += mapping.itemsCount;
+  for (const Moo::MappingPrototype& mapping : geometry.indicesMapping())
+    triangles += mapping.itemsCount / 3;
+  model.statistics = std::move(stats);
+  model.readBack = true;
+  model.readBackVertices = vertices;
+  model.readBackTriangles = triangles;
+  return true;
+}
+
+bool modelReportFromJson(std::string_view text, ModelReport& model)
+{
+  const ordered_json json = ordered_json::parse(text, nullptr, false);
+  if (json.is_discarded() || !json.is_object())
+    return false;
+  try
+  {
+    const auto mesh = [](const ordered_json& j) {
+      return MeshDataOptimizer::MeshStatistics{j.at("acmr").get<float>(), j.at("atvr").get<float>(),
+                                               j.at("overdraw").get<float>(), j.at("overfetch").get<float>()};
+    };
+    model.source = json.at("source").get<std::string>();
+    model.output = json.at("output").get<std::string>();
+    model.status = json.at("status").get<std::string>();
+    model.seconds = json.at("seconds").get<double>();
+    CompileStatistics& stats = model.statistics;
+    for (const auto& s : json.at("sections"))
+      stats.sections.push_back({s.at("name").get<std::string>(), s.at("kind").get<std::string>(),
+                                s.at("format").get<std::string>(), s.at("count").get<uint32_t>()});
+    for (const auto& r : json.at("renderSets"))
+      stats.renderSets.push_back({r.at("name").get<std::string>(), r.at("vertices").get<uint32_t>(),
+                                  r.at("triangles").get<uint32_t>(), r.at("strideInBytes").get<uint32_t>(),
+                                  r.at("texelDensity").get<float>(), r.at("optimized").get<bool>(),
+                                  mesh(r.at("before")), mesh(r.at("after"))});
+    for (const auto& b : json.at("buffers"))
+      stats.buffers.push_back({b.at("kind").get<std::string>(), b.at("format").get<std::string>(),
+                               b.at("strideInBytes").get<uint32_t>(), b.at("items").get<uint64_t>(),
+                               b.at("rawBytes").get<uint64_t>(), b.at("storedBytes").get<uint64_t>(),
+                               b.at("encoded").get<bool>()});
+    for (const auto& c : json.at("companions"))
+      stats.companions.push_back(
+        {c.at("name").get<std::string>(), c.at("kind").get<std::string>(), c.at("bytes").get<uint64_t>()});
+    for (const auto& v : json.at("verifier"))
+      stats.verifier.push_back({v.at("section").get<std::string>(), v.at("positions").get<int32_t>(),
+                                v.at("normals").get<int32_t>(), v.at("tangents").get<int32_t>(),
+                                v.at("binormals").get<int32_t>(), v.at("uvs").get<int32_t>()});
+    stats.outputBytes = json.at("totals").at("outputBytes").get<uint64_t>();
+    model.readBack = json.value("readBack", false);
+    if (model.readBack)
+    {
+      model.readBackVertices = json.at("totals").at("vertices").get<uint64_t>();
+      model.readBackTriangles = json.at("totals").at("triangles").get<uint64_t>();
+    }
+    for (const auto& w : json.at("warnings"))
+      model.warnings.push_back(w.get<std::string>() + "\n");
+    for (const auto& e : json.at("errors"))
+      model.errors.push_back(e.get<std::string>() + "\n");
+  }
+  catch (const nlohmann::json::exception&)
+  {
+    return false;
+  }
+  return true;
+}
+
+std::vector<ModelReport> Report::takeModels()
+{
+  std::lock_guard lock(m_mutex);
+  std::vector<ModelReport> models;
+  for (auto& entry : m_models)
+    models.push_back(std::move(entry.second));
+  m_models.clear();
+  return models;
+}
 
 void ReportMessageCollector::onMessage(DebugMessagePriority priority, std::string_view, std::string_view text)
 {
@@ -190,26 +317,51 @@ std::string Report::toJson() const
   return document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
+std::filesystem::path reportTarget(const std::string& path)
+{
+  const std::filesystem::path target = cstdmf::u8path(path);
+  std::error_code error;
+  if (!std::filesystem::is_symlink(std::filesystem::symlink_status(target, error)))
+    return target;
+  // Written through: the link stays, the file it leads to (existing or not) gets the document.
+  const std::filesystem::path resolved = std::filesystem::weakly_canonical(target, error);
+  return error ? target : resolved;
+}
+
 bool Report::write(const std::string& path) const
 {
   const std::string text = toJson();
-  const std::filesystem::path target = cstdmf::u8path(path);
+  if (path == "-")
+  {
+    std::fflush(stdout);
+    const bool ok = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+    if (!ok)
+      ZR_MSG(DebugMessagePriority::Error, "", "cannot write report to standard output\n");
+    return ok;
+  }
+  const std::filesystem::path target = reportTarget(path);
   std::filesystem::path temporary = target;
   temporary += ".tmp" + std::to_string(platform::processId());
+  errno = 0;
   std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
-  bool ok = file != nullptr;
-  if (file)
-  {
-    ok = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    ok = std::fclose(file) == 0 && ok;
-  }
   std::error_code error;
-  if (ok)
-    std::filesystem::rename(temporary, target, error);
-  if (!ok || error)
+  if (!file)
+    error = std::error_code(errno ? errno : EIO, std::generic_category());
+  else
   {
-    std::filesystem::remove(temporary, error);
-    ZR_MSG(DebugMessagePriority::Error, "", "cannot write report %s\n", path.c_str());
+    const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    if (!written)
+      error = std::error_code(errno ? errno : EIO, std::generic_category());
+    if (std::fclose(file) != 0 && !error)
+      error = std::error_code(errno ? errno : EIO, std::generic_category());
+  }
+  if (!error)
+    std::filesystem::rename(temporary, target, error);
+  if (error)
+  {
+    std::error_code ignored;
+    std::filesystem::remove(temporary, ignored);
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "cannot write report '{}': {}\n", path, error.message());
     return false;
   }
   return true;

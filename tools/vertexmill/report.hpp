@@ -5,8 +5,10 @@
 #include "geometry_compiler/compile_statistics.hpp"
 #include "cstdmf/debug.hpp"
 
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vertexmill
@@ -21,7 +23,17 @@ struct ModelReport
   CompileStatistics statistics;
   std::vector<std::string> warnings;
   std::vector<std::string> errors;
+  // An up-to-date model's figures read back from its existing output: the buffers, companions and
+  // output size are in `statistics`, the render sets are not (their names and cache figures are
+  // not in the file), so its vertex and triangle totals are given here.
+  bool readBack = false;
+  uint64_t readBackVertices = 0;
+  uint64_t readBackTriangles = 0;
 };
+
+// Fills `model` (statistics, readBack totals) from the .geometry file at `output`. False when the
+// file cannot be read or is refused; `model` keeps what it had.
+[[nodiscard]] bool readBackStatistics(const std::filesystem::path& output, ModelReport& model);
 
 // Collects the WARNING and higher messages of the thread it lives on while it is alive.
 class ReportMessageCollector final : public cstdmf::ScopedMessageWatcher
@@ -34,6 +46,14 @@ private:
   ModelReport& m_report;
 };
 
+// One model's part of the document as JSON text, and back (a model converted in a worker process
+// hands its statistics over this way). False when the text is not such a document.
+std::string modelReportToJson(const ModelReport& model);
+[[nodiscard]] bool modelReportFromJson(std::string_view text, ModelReport& model);
+
+// Where the document for `path` goes: the path itself, or the file a symbolic link leads to.
+std::filesystem::path reportTarget(const std::string& path);
+
 class Report
 {
 public:
@@ -41,8 +61,12 @@ public:
   // position in the directory walk.
   void addModel(size_t order, ModelReport model);
 
-  // Writes the document to `path` (UTF-8) through a temporary file renamed over it. False, after
-  // an ERROR message naming the path, when it cannot be written.
+  // Hands out the models added so far, in no particular order, and forgets them.
+  std::vector<ModelReport> takeModels();
+
+  // Writes the document to `path` (UTF-8) through a temporary file renamed over it; "-" writes it
+  // to standard output, and a symbolic link is written through (reportTarget). False, after an
+  // ERROR message naming the path and the system's reason, when it cannot be written.
   [[nodiscard]] bool write(const std::string& path) const;
 
   // The document as text (tests).

@@ -75,11 +75,14 @@ TEST_F(VertexmillTool, ReportInDefaultModeAndUnwritableReport)
   ASSERT_EQ(report["models"].size(), 1u);
   EXPECT_EQ(report["models"][0]["status"], "converted");
 
-  // The conversion stands; the report's own failure is said on standard error.
+  // A report that could not be written is refused before anything is converted.
+  fs::remove(path("out/ship.geometry"));
   const RunResult unwritable =
     run({"--report", str("missing/dir/r.json"), str("art/ship.primitives"), str("out")});
-  EXPECT_EQ(unwritable.status, 0);
-  EXPECT_NE(unwritable.err.find("ERROR: cannot write report"), std::string::npos);
+  EXPECT_EQ(unwritable.status, 1);
+  EXPECT_NE(unwritable.err.find("ERROR: cannot write report '" + str("missing/dir/r.json") + "'"), std::string::npos)
+    << unwritable.err;
+  EXPECT_FALSE(fs::exists(path("out/ship.geometry")));
 }
 
 } // namespace vertexmill_test
