@@ -80,6 +80,7 @@ struct Args
   int32_t verbosity = 1; // 0 quiet, 1 warnings and errors, 2 also the used-files list
   unsigned jobs = 1;     // 0: one per hardware thread
   bool keepGoing = false;
+  unsigned modelTimeout = 0; // seconds; 0: the default limit
   bool incremental = false;
   std::string reportPath; // UTF-8; empty: no report
   bool showVersion = false;
@@ -170,6 +171,21 @@ bool Args::parse(int argc, const char* const* argv)
         },
       })
       .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "model-timeout",
+        .description = "with --keep-going, a model still converting after SECONDS fails (default 600)",
+        .valueName = "SECONDS",
+        .callback = [this](std::string_view value) {
+          unsigned parsed = 0;
+          const char* end = value.data() + value.size();
+          const auto [stop, error] = std::from_chars(value.data(), end, parsed);
+          if (value.empty() || error != std::errc() || stop != end || parsed == 0 || parsed > 86400)
+            return false;
+          modelTimeout = parsed;
+          return true;
+        },
+      })
+      .add({
         .kind = ArgParser::Kind::Flag,
         .longName = "incremental",
         .description = "skip models whose .geometry file is newer than their sources and the tool",
@@ -218,6 +234,7 @@ struct RunRequest
   Report* report = nullptr; // --report, or null
   std::string reportPath;   // UTF-8, with report
   ToolCriticalErrorHandler* criticalHandler = nullptr;
+  unsigned modelTimeout = 0;
 };
 
 // A refused --report path: the message shows whatever the verbosity, like a command-line error.
@@ -406,6 +423,8 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
   if (request.keepGoing)
   {
     options.workerProgram = platform::executablePath();
+    if (request.modelTimeout != 0)
+      options.workerLimits.timeoutSeconds = request.modelTimeout;
     if (options.workerProgram.empty())
       ZR_MSG_FMT(DebugMessagePriority::Warning, "",
                  "cannot find the tool's own executable: --keep-going converts the models in this process\n");
@@ -472,7 +491,7 @@ int vertexmillMain(int argc, const char* const* argv)
     report = std::make_unique<Report>();
   RunRequest request{std::move(args.srcPath), std::move(args.dstPath), args.tree, args.verbosity, jobs,
                      args.keepGoing, args.incremental, router.get(), report.get(), args.reportPath,
-                     &criticalHandler};
+                     &criticalHandler, args.modelTimeout};
   int status = kExitSuccess;
   try
   {

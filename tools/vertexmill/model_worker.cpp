@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string_view>
@@ -99,9 +100,10 @@ void commitTestFault(const fs::path& source)
     std::this_thread::sleep_for(std::chrono::hours(1));
   if (kind == "allocate")
   {
-    std::vector<std::vector<char>> blocks;
+    // Address space only: the pages are never touched, so the bound is met without using memory.
+    std::vector<std::unique_ptr<char[]>> blocks;
     for (;;)
-      blocks.emplace_back(size_t{64} << 20, '\1');
+      blocks.emplace_back(new char[size_t{256} << 20]);
   }
 }
 
@@ -261,14 +263,19 @@ ModelOutcome convertModelInWorker(const std::string& program, const fs::path& so
   if (!normalEnd)
   {
     std::string reason;
+    // The closing list puts the model's path before this, its first error when it said nothing.
     if (!run.started)
       reason = "could not start a worker process for " + sourceText;
     else if (run.timedOut)
-      reason = sourceText + ": stopped after " + std::to_string(limits.timeoutSeconds) + " seconds";
+      reason = "the conversion was stopped after " + std::to_string(limits.timeoutSeconds) + " seconds";
     else if (run.status == 255 || run.status == -1)
-      reason = sourceText + ": a critical error ended the conversion";
+      reason = "a critical error ended the conversion";
+#ifndef _WIN32
+    else if (run.status > 128 && run.status < 128 + 65)
+      reason = "the conversion ended abnormally (signal " + std::to_string(run.status - 128) + ")";
+#endif
     else
-      reason = sourceText + ": the conversion ended abnormally (status " + std::to_string(run.status) + ")";
+      reason = "the conversion ended abnormally (status " + std::to_string(run.status) + ")";
     appendRecord(log, static_cast<int>(DebugMessagePriority::Error), reason + "\n", keep);
     if (run.started)
       removeChildTemporaries(output, run.processId);

@@ -319,13 +319,20 @@ std::string Report::toJson() const
 
 std::filesystem::path reportTarget(const std::string& path)
 {
-  const std::filesystem::path target = cstdmf::u8path(path);
-  std::error_code error;
-  if (!std::filesystem::is_symlink(std::filesystem::symlink_status(target, error)))
-    return target;
   // Written through: the link stays, the file it leads to (existing or not) gets the document.
-  const std::filesystem::path resolved = std::filesystem::weakly_canonical(target, error);
-  return error ? target : resolved;
+  // A chain of links is followed as far as the system would follow it.
+  std::filesystem::path target = cstdmf::u8path(path);
+  for (int hops = 0; hops < 40; ++hops)
+  {
+    std::error_code error;
+    if (!std::filesystem::is_symlink(std::filesystem::symlink_status(target, error)))
+      break;
+    const std::filesystem::path next = std::filesystem::read_symlink(target, error);
+    if (error)
+      break;
+    target = next.is_absolute() ? next : target.parent_path() / next;
+  }
+  return target;
 }
 
 bool Report::write(const std::string& path) const
