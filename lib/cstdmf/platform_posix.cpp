@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
@@ -164,10 +166,36 @@ ChildRun runLimitedProcess(const std::string& program, const std::vector<std::st
     if (child > 0)
     {
       run.processId = static_cast<unsigned long>(child);
-      // Polled, from short to longer pauses: most children are done within milliseconds.
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limits.timeoutMilliseconds);
-      auto pause = std::chrono::microseconds(100);
-      for (;;)
+#if defined(__linux__) && defined(SYS_pidfd_open)
+      // Where the system hands out a descriptor for the child, its end is waited for directly.
+      const int pidfd = limits.timeoutMilliseconds ? static_cast<int>(::syscall(SYS_pidfd_open, child, 0)) : -1;
+      if (pidfd >= 0)
+      {
+        for (;;)
+        {
+          const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+          pollfd entry{pidfd, POLLIN, 0};
+          const int ready = left.count() > 0 ? ::poll(&entry, 1, static_cast<int>(left.count())) : 0;
+          if (ready < 0 && errno == EINTR)
+            continue;
+          if (ready == 0)
+          {
+            ::kill(child, SIGKILL);
+            run.timedOut = true;
+          }
+          break;
+        }
+        ::close(pidfd);
+        do
+          waited = ::waitpid(child, &waitStatus, 0);
+        while (waited < 0 && errno == EINTR);
+      }
+      else
+#endif
+      // Polled otherwise, from short to longer pauses: most children are done within milliseconds.
+      for (auto pause = std::chrono::microseconds(100);;)
       {
         waited = ::waitpid(child, &waitStatus, limits.timeoutMilliseconds ? WNOHANG : 0);
         if (waited == child || (waited < 0 && errno != EINTR))
