@@ -172,9 +172,9 @@ bool Args::parse(int argc, const char* const* argv)
       })
       .add({
         .kind = ArgParser::Kind::Value,
-        .longName = "model-timeout",
-        .description = "with --keep-going, a model still converting after SECONDS fails (default 600)",
-        .valueName = "SECONDS",
+        .longName = "time-limit",
+        .description = "with --keep-going, a model still converting after S seconds fails (default 600)",
+        .valueName = "S",
         .callback = [this](std::string_view value) {
           unsigned parsed = 0;
           const char* end = value.data() + value.size();
