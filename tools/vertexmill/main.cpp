@@ -17,6 +17,7 @@
 #include "model_worker.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
+#include "stdout_free.hpp"
 #include "resmgr/zrresource.hpp"
 #include "tree_run.hpp"
 #include "tree_walk.hpp"
@@ -477,6 +478,8 @@ int vertexmillMain(int argc, const char* const* argv)
   }
 
   cstdmf::setupConsoleLogging(args.verbosity);
+  if (args.reportPath == "-")
+    moveInfoLinesToStandardError();
   ToolCriticalErrorHandler criticalHandler(args.verbosity);
   cstdmf::setCriticalErrorHandler(&criticalHandler);
   const std::shared_ptr<ConsoleRouter> router = installConsoleRouter();

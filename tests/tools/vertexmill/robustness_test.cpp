@@ -256,12 +256,13 @@ TEST_F(Robustness, ReportPathRules)
   EXPECT_TRUE(filesBelow(path("out")).empty());
 
   // "-": the document on standard output, the messages on standard error.
-  const RunResult toStdout = run({"--keep-going", "--report", "-", "--tree", str("tree"), str("out")});
+  const RunResult toStdout = run({"--verbose", "--keep-going", "--report", "-", "--tree", str("tree"), str("out")});
   EXPECT_EQ(toStdout.status, 0) << toStdout.err;
   const auto document = nlohmann::json::parse(toStdout.out, nullptr, false);
   ASSERT_FALSE(document.is_discarded()) << toStdout.out;
   EXPECT_EQ(document["totals"]["models"], 3);
   EXPECT_EQ(toStdout.err.find('{'), std::string::npos) << toStdout.err;
+  EXPECT_NE(toStdout.err.find(str("tree/a.primitives") + "\n"), std::string::npos) << toStdout.err;
   EXPECT_FALSE(fs::exists(path("-")));
 
 #ifndef _WIN32
