@@ -71,6 +71,10 @@ function(vertexmill_test name)
   # tests leave there (the crash reports of the fatal-path tests among them) stays out of /tmp.
   set(test_tmp ${CMAKE_BINARY_DIR}/test-tmp/${name})
   file(MAKE_DIRECTORY ${test_tmp})
+  # Writable by all: some tests run the tool as another user (an unreadable input), and its worker
+  # processes keep their scratch files in the temporary directory.
+  file(CHMOD ${test_tmp} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_WRITE GROUP_EXECUTE
+       WORLD_READ WORLD_WRITE WORLD_EXECUTE)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "TMPDIR=${test_tmp}")
 endfunction()
 

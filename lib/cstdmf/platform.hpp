@@ -101,6 +101,26 @@ struct ChildIo
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
                               const ChildIo& io, bool* timedOut = nullptr);
 
+// Bounds on a child process; 0 means no bound.
+struct ChildLimits
+{
+  unsigned timeoutMilliseconds = 0; // wall-clock time before the child is killed
+  unsigned long long memoryBytes = 0; // address space (POSIX) or committed memory (Windows)
+};
+
+struct ChildRun
+{
+  bool started = false;      // false: the program could not be started or a file not opened
+  int status = 0;            // as runProcess returns it
+  bool timedOut = false;     // killed at the time limit
+  unsigned long processId = 0;
+};
+
+// runProcess within limits: a child that runs out of time is killed (timedOut); one that asks for
+// more memory than allowed sees its allocations fail.
+ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
+                           const ChildLimits& limits);
+
 // Makes standard output and error pass bytes through unchanged, so that a line ends in "\n" on
 // every platform: Windows opens them in text mode, which writes "\n" as "\r\n" for the C library
 // but not for the logging sinks, which write to the handles directly. Nothing to do elsewhere.

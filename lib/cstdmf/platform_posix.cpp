@@ -1,16 +1,21 @@
 // The POSIX side of the platform layer (Linux and other Unix-like build hosts).
 #include "cstdmf/platform.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <thread>
 #include <time.h>
 #include <unistd.h>
 
@@ -110,62 +115,32 @@ void useBinaryStandardStreams()
 {
 }
 
-namespace
-{
-
-// Waits for `child`; with a limit, polls and kills it once the limit has passed. Returns the pid
-// waited for (or -1) and sets `killed` when the limit ended it.
-pid_t waitForChild(pid_t child, int& waitStatus, unsigned limitMilliseconds, bool& killed)
-{
-  killed = false;
-  pid_t waited = -1;
-  if (limitMilliseconds == 0)
-  {
-    do
-      waited = ::waitpid(child, &waitStatus, 0);
-    while (waited < 0 && errno == EINTR);
-    return waited;
-  }
-  timespec start{};
-  ::clock_gettime(CLOCK_MONOTONIC, &start);
-  long pauseNanoseconds = 500000; // 0.5 ms, growing to 8 ms: short runs stay short
-  for (;;)
-  {
-    waited = ::waitpid(child, &waitStatus, WNOHANG);
-    if (waited != 0 && !(waited < 0 && errno == EINTR))
-      return waited;
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    const long long elapsed = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000LL;
-    if (elapsed >= static_cast<long long>(limitMilliseconds))
-    {
-      ::kill(child, SIGKILL);
-      killed = true;
-      do
-        waited = ::waitpid(child, &waitStatus, 0);
-      while (waited < 0 && errno == EINTR);
-      return waited;
-    }
-    const timespec pause{0, pauseNanoseconds};
-    ::nanosleep(&pause, nullptr);
-    if (pauseNanoseconds < 8000000)
-      pauseNanoseconds *= 2;
-  }
-}
-
-} // namespace
-
 std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
                               const ChildIo& io, bool* timedOut)
 {
   if (timedOut != nullptr)
     *timedOut = false;
+  ChildLimits limits;
+  limits.timeoutMilliseconds = io.timeLimitMilliseconds;
+  const ChildRun run = runLimitedProcess(program, arguments, io, limits);
+  if (timedOut != nullptr)
+    *timedOut = run.timedOut;
+  if (!run.started || run.timedOut)
+    return std::nullopt;
+  return run.status;
+}
+
+ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
+                           const ChildLimits& limits)
+{
   // Everything the child needs is made before fork: after it only async-signal-safe calls.
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(program.c_str()));
   for (const std::string& argument : arguments)
     argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
+  rlimit memory{};
+  memory.rlim_cur = memory.rlim_max = static_cast<rlim_t>(limits.memoryBytes);
 
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
   const int out = ::open(io.stdoutPath.c_str(), flags, 0644);
@@ -174,14 +149,15 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
   // The child writes one byte into this pipe when it cannot get as far as the program; a
   // successful exec closes it empty.
   int failure[2] = {-1, -1};
-  std::optional<int> status;
+  ChildRun run;
   if (out >= 0 && err >= 0 && in >= 0 && ::pipe2(failure, O_CLOEXEC) == 0)
   {
     const pid_t child = ::fork();
     if (child == 0)
     {
       if ((io.workingDirectory.empty() || ::chdir(io.workingDirectory.c_str()) == 0) && ::dup2(in, 0) >= 0 &&
-          ::dup2(out, 1) >= 0 && ::dup2(err, 2) >= 0)
+          ::dup2(out, 1) >= 0 && ::dup2(err, 2) >= 0 &&
+          (limits.memoryBytes == 0 || ::setrlimit(RLIMIT_AS, &memory) == 0))
         ::execv(program.c_str(), argv.data());
       const char failed = 1;
       (void)!::write(failure[1], &failed, 1);
@@ -196,20 +172,71 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
     while (got < 0 && errno == EINTR);
     int waitStatus = 0;
     pid_t waited = -1;
-    bool killed = false;
     if (child > 0)
-      waited = waitForChild(child, waitStatus, io.timeLimitMilliseconds, killed);
-    if (killed && timedOut != nullptr)
-      *timedOut = true;
-    if (waited == child && got == 0 && !killed)
-      status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+    {
+      run.processId = static_cast<unsigned long>(child);
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limits.timeoutMilliseconds);
+#if defined(__linux__) && defined(SYS_pidfd_open)
+      // Where the system hands out a descriptor for the child, its end is waited for directly.
+      const int pidfd = limits.timeoutMilliseconds ? static_cast<int>(::syscall(SYS_pidfd_open, child, 0)) : -1;
+      if (pidfd >= 0)
+      {
+        for (;;)
+        {
+          const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+          pollfd entry{pidfd, POLLIN, 0};
+          const int ready = left.count() > 0 ? ::poll(&entry, 1, static_cast<int>(left.count())) : 0;
+          if (ready < 0 && errno == EINTR)
+            continue;
+          if (ready == 0)
+          {
+            ::kill(child, SIGKILL);
+            run.timedOut = true;
+          }
+          break;
+        }
+        ::close(pidfd);
+        do
+          waited = ::waitpid(child, &waitStatus, 0);
+        while (waited < 0 && errno == EINTR);
+      }
+      else
+#endif
+      // Polled otherwise, from short to longer pauses: most children are done within milliseconds.
+      for (auto pause = std::chrono::microseconds(100);;)
+      {
+        waited = ::waitpid(child, &waitStatus, limits.timeoutMilliseconds ? WNOHANG : 0);
+        if (waited == child || (waited < 0 && errno != EINTR))
+          break;
+        if (waited == 0)
+        {
+          if (std::chrono::steady_clock::now() >= deadline)
+          {
+            ::kill(child, SIGKILL);
+            run.timedOut = true;
+            do
+              waited = ::waitpid(child, &waitStatus, 0);
+            while (waited < 0 && errno == EINTR);
+            break;
+          }
+          std::this_thread::sleep_for(pause);
+          pause = std::min(pause * 2, std::chrono::microseconds(20000));
+        }
+      }
+    }
+    if (waited == child && got == 0)
+    {
+      run.started = true;
+      run.status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+    }
   }
   for (const int fd : {out, err, in, failure[0], failure[1]})
   {
     if (fd >= 0)
       ::close(fd);
   }
-  return status;
+  return run;
 }
 
 SystemInfo systemInfo()

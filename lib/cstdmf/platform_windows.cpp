@@ -251,6 +251,20 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
 {
   if (timedOut != nullptr)
     *timedOut = false;
+  ChildLimits limits;
+  limits.timeoutMilliseconds = io.timeLimitMilliseconds;
+  const ChildRun run = runLimitedProcess(program, arguments, io, limits);
+  if (timedOut != nullptr)
+    *timedOut = run.timedOut;
+  if (!run.started || run.timedOut)
+    return std::nullopt;
+  return run.status;
+}
+
+ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
+                           const ChildLimits& limits)
+{
+  ChildRun run;
   const std::wstring application = widen(program);
   std::wstring commandLine;
   appendQuoted(commandLine, application);
@@ -264,7 +278,22 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
   const Handle out(openInheritable(widen(io.stdoutPath), GENERIC_WRITE, CREATE_ALWAYS));
   const Handle err(openInheritable(widen(io.stderrPath), GENERIC_WRITE, CREATE_ALWAYS));
   if (!in.valid() || !out.valid() || !err.valid())
-    return std::nullopt;
+    return run;
+
+  // The child runs in a job of its own: the memory bound is the job's, and closing the job (or
+  // the time limit) ends the child with everything it started.
+  const Handle job(::CreateJobObjectW(nullptr, nullptr));
+  if (!job.valid())
+    return run;
+  JOBOBJECT_EXTENDED_LIMIT_INFORMATION info{};
+  info.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+  if (limits.memoryBytes != 0)
+  {
+    info.BasicLimitInformation.LimitFlags |= JOB_OBJECT_LIMIT_PROCESS_MEMORY;
+    info.ProcessMemoryLimit = static_cast<SIZE_T>(limits.memoryBytes);
+  }
+  if (!::SetInformationJobObject(job.get(), JobObjectExtendedLimitInformation, &info, sizeof(info)))
+    return run;
 
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
@@ -274,26 +303,34 @@ std::optional<int> runProcess(const std::string& program, const std::vector<std:
   startup.hStdError = err.get();
   PROCESS_INFORMATION process{};
   const std::wstring directory = widen(io.workingDirectory);
-  if (!::CreateProcessW(application.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+  if (!::CreateProcessW(application.c_str(), commandLine.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr,
                         directory.empty() ? nullptr : directory.c_str(), &startup, &process))
-    return std::nullopt;
+    return run;
   const Handle processHandle(process.hProcess);
   const Handle threadHandle(process.hThread);
+  run.processId = static_cast<unsigned long>(process.dwProcessId);
+  // Where jobs cannot be nested (older systems, a parent already in a job) the child runs
+  // without the memory bound; the time limit still holds.
+  const bool inJob = ::AssignProcessToJobObject(job.get(), process.hProcess) != FALSE;
+  ::ResumeThread(process.hThread);
 
-  DWORD code = 0;
-  const DWORD limit = io.timeLimitMilliseconds > 0 ? static_cast<DWORD>(io.timeLimitMilliseconds) : INFINITE;
-  const DWORD waited = ::WaitForSingleObject(process.hProcess, limit);
+  const DWORD wait = limits.timeoutMilliseconds ? static_cast<DWORD>(limits.timeoutMilliseconds) : INFINITE;
+  DWORD waited = ::WaitForSingleObject(process.hProcess, wait);
   if (waited == WAIT_TIMEOUT)
   {
-    ::TerminateProcess(process.hProcess, 1);
-    ::WaitForSingleObject(process.hProcess, INFINITE);
-    if (timedOut != nullptr)
-      *timedOut = true;
-    return std::nullopt;
+    if (inJob)
+      ::TerminateJobObject(job.get(), static_cast<UINT>(-1));
+    else
+      ::TerminateProcess(process.hProcess, static_cast<UINT>(-1));
+    run.timedOut = true;
+    waited = ::WaitForSingleObject(process.hProcess, INFINITE);
   }
+  DWORD code = 0;
   if (waited != WAIT_OBJECT_0 || !::GetExitCodeProcess(process.hProcess, &code))
-    return std::nullopt;
-  return static_cast<int>(code);
+    return run;
+  run.started = true;
+  run.status = static_cast<int>(code);
+  return run;
 }
 
 Utf8Arguments::Utf8Arguments(int argc, const wchar_t* const* wideArgv)

@@ -259,6 +259,17 @@ bool GeometryCompiler::packVertices(const std::string& sectionName, const Binary
     return false;
   }
 
+  size_t badVertex = 0;
+  if (m_refuseUnpackableNormals && Moo::findUnpackableUnitVector(primFormat->m_gpuFormat, header.payload.data(),
+                                                                 primFormat->m_format, header.vertexCount, badVertex))
+  {
+    ZR_MSG(kError, kCategory,
+           "GeometryCompiler::packVertices section '%s' of '%s': vertex %zu has a normal that is neither unit length "
+           "nor zero.\n",
+           sectionName.c_str(), m_resourceName.c_str(), badVertex);
+    return false;
+  }
+
   std::vector<std::byte> converted(convertedSize);
   if (header.vertexCount > 0 &&
       !Moo::convertVertices(converted.data(), primFormat->m_gpuFormat, header.payload.data(), primFormat->m_format,

@@ -67,6 +67,11 @@ public:
   // thread). The output does not depend on it.
   void setJobs(unsigned jobs) { m_jobs = jobs == 0 ? 1 : jobs; }
 
+  // Refuse (an error naming the file, section and vertex) a vertex section holding a normal,
+  // tangent or binormal that is neither unit length nor zero, instead of letting its packing end
+  // the process through the assertion. Off by default: such data is a broken invariant.
+  void setRefuseUnpackableNormals(bool refuse) { m_refuseUnpackableNormals = refuse; }
+
   // Where the next compile records what it did (null: nothing is recorded). Not owned; must
   // outlive the compile.
   void setStatistics(CompileStatistics* statistics) { m_statistics = statistics; }
@@ -176,6 +181,7 @@ private:
 
   Settings m_settings;
   unsigned m_jobs = 1;
+  bool m_refuseUnpackableNormals = false;
   CompileStatistics* m_statistics = nullptr;
   std::string m_resourceName; // the .primitives file being compiled, for messages
 

@@ -120,6 +120,46 @@ bool isUnitVectorSemantic(VertexSemantic semantic)
 
 } // namespace
 
+bool isPackableUnitVector(const Vector3& v)
+{
+  const float length = v.length();
+  return almostZero(length) || almostEqual(length, 1.0f, 0.01f);
+}
+
+bool findUnpackableUnitVector(const VertexFormat& destFormat, const void* srcData, const VertexFormat& srcFormat,
+                              size_t vertexCount, size_t& vertex)
+{
+  if (vertexCount == 0 || destFormat.streams.size() != 1 || srcFormat.streams.size() != 1)
+    return false;
+  const size_t srcStride = ari::VertexDeclaration::computeStreamDataSize(srcFormat, 0);
+  const auto* src = static_cast<const std::byte*>(srcData);
+  for (const VertexElement& destElement : destFormat.elements)
+  {
+    if (!isUnitVectorSemantic(destElement.semantic_) || destElement.type_ != VertexDataType::UBYTE4_NORMAL_888)
+      continue;
+    for (const VertexElement& srcElement : srcFormat.elements)
+    {
+      if (srcElement.semantic_ != destElement.semantic_ || srcElement.semanticIndex_ != destElement.semanticIndex_)
+        continue;
+      if (srcElement.type_ != VertexDataType::FLOAT3 && srcElement.type_ != VertexDataType::PACKED_NORMAL)
+        break;
+      for (size_t i = 0; i < vertexCount; ++i)
+      {
+        const std::byte* element = src + i * srcStride + srcElement.offset_;
+        const Vector3 value = srcElement.type_ == VertexDataType::FLOAT3 ? load<Vector3>(element)
+                                                                          : unpackNormal111110(load<uint32_t>(element));
+        if (!isPackableUnitVector(value))
+        {
+          vertex = i;
+          return true;
+        }
+      }
+      break;
+    }
+  }
+  return false;
+}
+
 uint32_t packFloat3toUByte4Normal888(const Vector3& unpacked)
 {
 #if defined(__GNUC__)

@@ -47,6 +47,16 @@ ConversionFunc fetchConversionFunc(VertexSemantic semantic, VertexDataType destT
 [[nodiscard]] bool convertVertices(void* destData, const VertexFormat& destFormat, const void* srcData,
                                    const VertexFormat& srcFormat, size_t vertexCount);
 
+// True when packFloat3toUByte4Normal888 accepts the vector: its length is almost 0 or within
+// 0.01 of 1 (a NaN component is neither).
+bool isPackableUnitVector(const Vector3& v);
+
+// Looks, before convertVertices, for the first source vertex whose normal, tangent or binormal
+// the conversion to destFormat would refuse to pack. True (with its index in `vertex`) when one
+// exists. srcData holds vertexCount × srcFormat's stride bytes.
+[[nodiscard]] bool findUnpackableUnitVector(const VertexFormat& destFormat, const void* srcData,
+                                            const VertexFormat& srcFormat, size_t vertexCount, size_t& vertex);
+
 // Packs a unit vector (or a zero vector) into three biased bytes: byte i = 127 - trunc(c × -127),
 // byte 3 = 0. A length that is neither almost 0 nor within 0.01 of 1 fails an assertion.
 uint32_t packFloat3toUByte4Normal888(const Vector3& unpacked);

@@ -351,3 +351,29 @@ TEST(Compile, OutputIsDeterministicForAnyJobCount)
 }
 
 } // namespace
+
+TEST(Compile, UnpackableNormalsAreRefusedWhenAsked)
+{
+  Model model;
+  std::vector<XyzNuv> vertices = gridVertices(1);
+  vertices[1].nz = 2.0f;
+  writeFile(model.source, container({{"a.vertices", vertexSection(vertices)},
+                                     {"a.indices", indexSection(gridIndices<uint16_t>(1))}}));
+  LogCapture log;
+  GeometryCompiler compiler;
+  compiler.setRefuseUnpackableNormals(true);
+  GeometryCompiler::Request request{model.source.string(), "", "", "", "hull"};
+  EXPECT_FALSE(compiler.compile(request, model.output.string(), true, true, true));
+  EXPECT_TRUE(log.contains("section 'a.vertices' of '" + model.source.string() +
+                           "': vertex 1 has a normal that is neither unit length nor zero"));
+  EXPECT_TRUE(std::filesystem::is_empty(model.output.parent_path()));
+
+  // Zero and unit normals, packed or not, pass the same check.
+  for (const float z : {0.0f, 1.0f, -1.0f})
+  {
+    Moo::Vector3 normal{0.0f, 0.0f, z};
+    EXPECT_TRUE(Moo::isPackableUnitVector(normal));
+  }
+  EXPECT_FALSE(Moo::isPackableUnitVector(Moo::Vector3{0.0f, 0.0f, 1.02f}));
+  EXPECT_FALSE(Moo::isPackableUnitVector(Moo::Vector3{0.0f, std::numeric_limits<float>::quiet_NaN(), 0.0f}));
+}

@@ -39,6 +39,12 @@ public:
     bool standardOutput = false;
   };
 
+  ModelLog() = default;
+  explicit ModelLog(std::string model) : m_model(std::move(model)) {}
+
+  // The source path of the model these messages belong to (UTF-8); may be empty.
+  const std::string& model() const { return m_model; }
+
   // Keeps the record when `keep`; remembers the first ERROR-or-worse text either way.
   void append(const spdlog::details::log_msg& msg, std::string text, bool keep);
 
@@ -52,6 +58,7 @@ public:
   std::string firstError() const;
 
 private:
+  const std::string m_model;
   mutable std::mutex m_mutex;
   std::vector<Record> m_records;
   std::string m_firstError;

@@ -6,6 +6,7 @@
 
 #include "cache_options.hpp"
 #include "console_router.hpp"
+#include "critical_handler.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
@@ -16,15 +17,18 @@
 #include "fw/arg_parser.hpp"
 #include "model_cache.hpp"
 #include "model_job.hpp"
+#include "model_worker.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
 #include "report_html.hpp"
+#include "stdout_free.hpp"
 #include "resmgr/zrresource.hpp"
 #include "shard.hpp"
 #include "tree_run.hpp"
 #include "tree_walk.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -82,6 +86,7 @@ struct Args
   int32_t verbosity = 1; // 0 quiet, 1 warnings and errors, 2 also the used-files list
   unsigned jobs = 1;     // 0: one per hardware thread
   bool keepGoing = false;
+  unsigned modelTimeout = 0; // seconds; 0: the default limit
   bool incremental = false;
   std::string reportPath; // UTF-8; empty: no report
   bool stats = false;
@@ -176,6 +181,21 @@ bool Args::parse(int argc, const char* const* argv)
         .description = "in tree mode convert every model even after failures, then list the failed ones",
         .callback = [this](std::string_view) {
           keepGoing = true;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "time-limit",
+        .description = "with --keep-going, a model still converting after S seconds fails (default 600)",
+        .valueName = "S",
+        .callback = [this](std::string_view value) {
+          unsigned parsed = 0;
+          const char* end = value.data() + value.size();
+          const auto [stop, error] = std::from_chars(value.data(), end, parsed);
+          if (value.empty() || error != std::errc() || stop != end || parsed == 0 || parsed > 86400)
+            return false;
+          modelTimeout = parsed;
           return true;
         },
       })
@@ -337,7 +357,59 @@ struct RunRequest
   ModelCache* cache = nullptr;
   std::optional<Shard> shard;
   std::string depfilePath;
+  std::string reportPath;   // UTF-8, with report
+  ToolCriticalErrorHandler* criticalHandler = nullptr;
+  unsigned modelTimeout = 0;
 };
+
+// A refused --report path: the message shows whatever the verbosity, like a command-line error.
+bool refuseReport(const std::string& path, std::string_view reason)
+{
+  std::fflush(stdout);
+  std::fprintf(stderr, "ERROR: cannot write report '%s': %s\n", toDisplayText(path).c_str(),
+               toDisplayText(reason).c_str());
+  return false;
+}
+
+// Checked before any model is converted, so that a report that cannot be written costs no work:
+// its directory must exist and take a new file, and it must not be one of the run's inputs.
+[[nodiscard]] bool checkReportPath(const std::string& path, const std::vector<fs::path>& sources)
+{
+  if (path == "-")
+    return true;
+  const fs::path target = reportTarget(path);
+  std::error_code error;
+  const fs::path directory = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+  if (!fs::is_directory(fs::status(directory, error)))
+    return refuseReport(path, "the directory " + cstdmf::toUtf8(directory) + " does not exist");
+  const fs::file_status status = fs::status(target, error);
+  if (fs::is_directory(status))
+    return refuseReport(path, "it is a directory");
+  if (fs::exists(status))
+  {
+    for (const fs::path& source : sources)
+    {
+      std::vector<fs::path> inputs = {source};
+      for (const fs::path& companion : companionPaths(source))
+        inputs.push_back(companion);
+      for (const fs::path& input : inputs)
+      {
+        if (fs::equivalent(target, input, error))
+          return refuseReport(path, "it is the input file " + cstdmf::toUtf8(input));
+      }
+    }
+  }
+  // The same temporary file the report is written through, made and removed again.
+  fs::path probe = target;
+  probe += ".tmp" + std::to_string(platform::processId());
+  errno = 0;
+  std::FILE* file = platform::openFile(cstdmf::toUtf8(probe), "wb");
+  if (!file)
+    return refuseReport(path, std::error_code(errno ? errno : EACCES, std::generic_category()).message());
+  std::fclose(file);
+  fs::remove(probe, error);
+  return true;
+}
 
 [[nodiscard]] bool requirePathExists(const fs::path& path, fs::file_status status, std::string_view kind)
 {
@@ -432,6 +504,10 @@ int processSingle(const RunRequest& request, const fs::path& src, const fs::path
     return kExitBadPath;
   if (!requireFileExists(src, fs::status(src)))
     return kExitBadPath;
+  if (!request.reportPath.empty() && !checkReportPath(request.reportPath, {src}))
+    return kExitBadCommandLine;
+  if (request.criticalHandler)
+    request.criticalHandler->setSingleModel(cstdmf::toUtf8(src));
   const fs::path output = geometryPathFor(dst, src.filename());
   const ModelOutcome outcome = convertModel(src, output, modelSettings(request));
   if (outcome == ModelOutcome::Failed)
@@ -478,10 +554,21 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
     return reportFilesystemFailure(walkError);
   if (request.shard)
     keepShard(models, *request.shard);
+  if (!request.reportPath.empty() && !checkReportPath(request.reportPath, models.sources))
+    return kExitBadCommandLine;
 
   TreeRunOptions options;
   options.jobs = request.jobs;
   options.keepGoing = request.keepGoing;
+  if (request.keepGoing)
+  {
+    options.workerProgram = platform::executablePath();
+    if (request.modelTimeout != 0)
+      options.workerLimits.timeoutSeconds = request.modelTimeout;
+    if (options.workerProgram.empty())
+      ZR_MSG_FMT(DebugMessagePriority::Warning, "",
+                 "cannot find the tool's own executable: --keep-going converts the models in this process\n");
+  }
   options.showProgress = request.progress && request.verbosity > 0 && platform::isTerminal(2);
   options.model = modelSettings(request);
   return convertModels(models, options, *request.router);
@@ -510,6 +597,8 @@ int process(const RunRequest& request)
 // comes here too.
 int vertexmillMain(int argc, const char* const* argv)
 {
+  if (argc >= 2 && std::string_view(argv[1]) == kWorkerOption)
+    return runModelWorker(std::vector<std::string>(argv + 2, argv + argc));
   Args args;
   if (!args.parse(argc, argv))
     return kExitBadCommandLine;
@@ -540,6 +629,10 @@ int vertexmillMain(int argc, const char* const* argv)
   }
 
   cstdmf::setupConsoleLogging(args.verbosity);
+  if (args.reportPath == "-")
+    moveInfoLinesToStandardError();
+  ToolCriticalErrorHandler criticalHandler(args.verbosity);
+  cstdmf::setCriticalErrorHandler(&criticalHandler);
   const std::shared_ptr<ConsoleRouter> router = installConsoleRouter();
   (void)ZRResource::init(std::vector<std::string>{});
   Moo::PrimitiveVertexFormat::init(0);
@@ -558,6 +651,9 @@ int vertexmillMain(int argc, const char* const* argv)
   request.cache = cache.get();
   request.shard = args.shard;
   request.depfilePath = args.depfilePath;
+  request.reportPath = args.reportPath;
+  request.criticalHandler = &criticalHandler;
+  request.modelTimeout = args.modelTimeout;
   int status = kExitSuccess;
   try
   {
@@ -571,16 +667,19 @@ int vertexmillMain(int argc, const char* const* argv)
     status = reportFilesystemFailure(error.what());
   }
   // Written whatever the outcome, so a failed run's report says what failed. A report that
-  // cannot be written is an error of its own but does not change what the models did.
-  if (report && !args.reportPath.empty())
-    (void)report->write(args.reportPath);
+  // cannot be written fails a run that otherwise succeeded; a path refused before the run
+  // (status 1) writes nothing.
+  if (report && !args.reportPath.empty() && status != kExitBadCommandLine && !report->write(args.reportPath) &&
+      status == kExitSuccess)
+    status = kExitFilesystemError;
   if (cache)
     cache->finish();
-  if (report && !args.reportHtmlPath.empty())
+  if (report && !args.reportHtmlPath.empty() && status != kExitBadCommandLine)
     (void)writeReportPage(*report, args.reportHtmlPath);
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();
+  cstdmf::setCriticalErrorHandler(nullptr);
   return status;
 }
 } // namespace

@@ -92,6 +92,9 @@ public:
   // End of the run: bounds the folder (--cache-max-size).
   void finish();
 
+  // What the cache was made with (a worker process opens the same cache).
+  const CacheSettings& settings() const { return m_settings; }
+
 private:
   CacheSettings m_settings;
   std::unique_ptr<content_cache::LocalStore> m_local;

@@ -81,6 +81,14 @@ std::vector<fs::path> companionFiles(const fs::path& source)
   return files;
 }
 
+std::vector<fs::path> companionPaths(const fs::path& source)
+{
+  std::vector<fs::path> paths;
+  for (const Companion& companion : kCompanions)
+    paths.push_back(companionPath(source, companion.extension));
+  return paths;
+}
+
 fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relativeSource)
 {
   fs::path output = outputDirectory / relativeSource;
@@ -150,6 +158,9 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   {
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {} (up to date)\n", outputText);
+    // The totals count it with what its existing output holds; nothing is kept beside it.
+    if (report)
+      (void)readBackStatistics(output, *report);
     return finish(ModelOutcome::UpToDate);
   }
 
@@ -175,6 +186,8 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   {
     if (report)
     {
+      // A hit's figures are those of the output it wrote, read back like an up-to-date model's.
+      (void)readBackStatistics(output, *report);
       report->cache = "hit";
       report->statistics.outputBytes = cached.replayedBytes();
     }

@@ -50,6 +50,9 @@ enum class ModelOutcome
 
 // The companion files of a model that exist, in the order they are tried.
 std::vector<std::filesystem::path> companionFiles(const std::filesystem::path& source);
+// The companion files a source may have (.collision, .armor, .armorvisual beside it), whether
+// they exist or not.
+std::vector<std::filesystem::path> companionPaths(const std::filesystem::path& source);
 
 // dst / relative source, with the extension replaced by ".geometry".
 std::filesystem::path geometryPathFor(const std::filesystem::path& outputDirectory,

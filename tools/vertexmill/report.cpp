@@ -1,12 +1,18 @@
 #include "report.hpp"
 
 #include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+#include "moo/geometry_data.hpp"
 #include "resmgr/file_io.hpp"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
 #include <span>
 
 #ifndef VERTEXMILL_VERSION
@@ -39,6 +45,19 @@ std::string trimmed(std::string_view text)
   return std::string(text);
 }
 
+// An up-to-date model read back from its output has no render sets: its vertex and triangle
+// counts come from the file's mappings instead.
+ModelTotals totalsOf(const ModelReport& model)
+{
+  ModelTotals totals = modelTotals(model.statistics);
+  if (model.readBack)
+  {
+    totals.vertices = model.readBackVertices;
+    totals.triangles = model.readBackTriangles;
+  }
+  return totals;
+}
+
 ordered_json modelJson(const ModelReport& model)
 {
   const CompileStatistics& stats = model.statistics;
@@ -46,7 +65,7 @@ ordered_json modelJson(const ModelReport& model)
   for (const auto& s : stats.sections)
     sections.push_back({{"name", s.name}, {"kind", s.kind}, {"format", s.format}, {"count", s.count}});
 
-  const ModelTotals totals = modelTotals(stats);
+  const ModelTotals totals = totalsOf(model);
   ordered_json renderSets = ordered_json::array();
   for (const auto& r : stats.renderSets)
   {
@@ -152,10 +171,136 @@ ModelTotals modelTotals(const CompileStatistics& statistics)
 
 std::string statsLine(const ModelReport& model)
 {
-  const ModelTotals totals = modelTotals(model.statistics);
+  const ModelTotals totals = totalsOf(model);
   return fmt::format("stats: {}: {} triangles={} vertices={} bytes_in={} bytes_out={} acmr={:.3f} seconds={:.3f}",
                      model.source, model.status, totals.triangles, totals.vertices, totals.inputBytes,
                      totals.outputBytes, totals.acmr, model.seconds);
+}
+
+std::string modelReportToJson(const ModelReport& model)
+{
+  ordered_json json = modelJson(model);
+  json["readBack"] = model.readBack;
+  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+bool readBackStatistics(const std::filesystem::path& output, ModelReport& model)
+{
+  Moo::GeometryData geometry;
+  if (!geometry.load(cstdmf::toUtf8(output)))
+    return false;
+  CompileStatistics stats;
+  stats.outputBytes = geometry.block()->len();
+  // A buffer holds as many items as its mappings reach (also when it is stored encoded).
+  const auto itemsOf = [](const std::vector<Moo::MappingPrototype>& mappings, size_t buffer) {
+    uint64_t items = 0;
+    for (const Moo::MappingPrototype& mapping : mappings)
+    {
+      if (mapping.mergedBufferIndex == buffer)
+        items = std::max<uint64_t>(items, uint64_t{mapping.itemsOffset} + mapping.itemsCount);
+    }
+    return items;
+  };
+  for (size_t i = 0; i < geometry.vertexBuffers().size(); ++i)
+  {
+    const auto& buffer = geometry.vertexBuffers()[i];
+    const uint64_t items = itemsOf(geometry.verticesMapping(), i);
+    stats.buffers.push_back({"vertices", buffer.formatName, buffer.strideInBytes, items,
+                             items * buffer.strideInBytes, buffer.sizeInBytes, buffer.encoded});
+  }
+  for (size_t i = 0; i < geometry.indexBuffers().size(); ++i)
+  {
+    const auto& buffer = geometry.indexBuffers()[i];
+    const uint64_t items = itemsOf(geometry.indicesMapping(), i);
+    stats.buffers.push_back({"indices", buffer.primitiveType == 0 ? "list" : "list32", buffer.strideInBytes, items,
+                             items * buffer.strideInBytes, buffer.sizeInBytes, buffer.encoded});
+  }
+  for (const auto& companion : geometry.collisionModels())
+    stats.companions.push_back({companion.name, "collision", companion.data.size()});
+  for (const auto& companion : geometry.armorModels())
+    stats.companions.push_back({companion.name, "armor", companion.data.size()});
+
+  uint64_t vertices = 0, triangles = 0;
+  for (const Moo::MappingPrototype& mapping : geometry.verticesMapping())
+    vertices += mapping.itemsCount;
+  for (const Moo::MappingPrototype& mapping : geometry.indicesMapping())
+    triangles += mapping.itemsCount / 3;
+  model.statistics = std::move(stats);
+  model.readBack = true;
+  model.readBackVertices = vertices;
+  model.readBackTriangles = triangles;
+  return true;
+}
+
+bool modelReportFromJson(std::string_view text, ModelReport& model)
+{
+  const ordered_json json = ordered_json::parse(text, nullptr, false);
+  if (json.is_discarded() || !json.is_object())
+    return false;
+  try
+  {
+    const auto mesh = [](const ordered_json& j) {
+      return MeshDataOptimizer::MeshStatistics{j.at("acmr").get<float>(), j.at("atvr").get<float>(),
+                                               j.at("overdraw").get<float>(), j.at("overfetch").get<float>()};
+    };
+    model.source = json.at("source").get<std::string>();
+    model.output = json.at("output").get<std::string>();
+    model.status = json.at("status").get<std::string>();
+    model.seconds = json.at("seconds").get<double>();
+    CompileStatistics& stats = model.statistics;
+    for (const auto& s : json.at("sections"))
+      stats.sections.push_back({s.at("name").get<std::string>(), s.at("kind").get<std::string>(),
+                                s.at("format").get<std::string>(), s.at("count").get<uint32_t>()});
+    for (const auto& r : json.at("renderSets"))
+      stats.renderSets.push_back({r.at("name").get<std::string>(), r.at("vertices").get<uint32_t>(),
+                                  r.at("triangles").get<uint32_t>(), r.at("strideInBytes").get<uint32_t>(),
+                                  r.at("texelDensity").get<float>(), r.at("optimized").get<bool>(),
+                                  mesh(r.at("before")), mesh(r.at("after"))});
+    for (const auto& b : json.at("buffers"))
+      stats.buffers.push_back({b.at("kind").get<std::string>(), b.at("format").get<std::string>(),
+                               b.at("strideInBytes").get<uint32_t>(), b.at("items").get<uint64_t>(),
+                               b.at("rawBytes").get<uint64_t>(), b.at("storedBytes").get<uint64_t>(),
+                               b.at("encoded").get<bool>()});
+    for (const auto& c : json.at("companions"))
+      stats.companions.push_back(
+        {c.at("name").get<std::string>(), c.at("kind").get<std::string>(), c.at("bytes").get<uint64_t>()});
+    for (const auto& v : json.at("verifier"))
+      stats.verifier.push_back({v.at("section").get<std::string>(), v.at("positions").get<int32_t>(),
+                                v.at("normals").get<int32_t>(), v.at("tangents").get<int32_t>(),
+                                v.at("binormals").get<int32_t>(), v.at("uvs").get<int32_t>()});
+    stats.outputBytes = json.at("totals").at("outputBytes").get<uint64_t>();
+    // The totals count the companions in with the .primitives file's own bytes.
+    uint64_t companionBytes = 0;
+    for (const auto& c : stats.companions)
+      companionBytes += c.bytes;
+    const uint64_t inputBytes = json.at("totals").value("inputBytes", uint64_t{0});
+    stats.inputBytes = inputBytes > companionBytes ? inputBytes - companionBytes : 0;
+    model.readBack = json.value("readBack", false);
+    if (model.readBack)
+    {
+      model.readBackVertices = json.at("totals").at("vertices").get<uint64_t>();
+      model.readBackTriangles = json.at("totals").at("triangles").get<uint64_t>();
+    }
+    for (const auto& w : json.at("warnings"))
+      model.warnings.push_back(w.get<std::string>() + "\n");
+    for (const auto& e : json.at("errors"))
+      model.errors.push_back(e.get<std::string>() + "\n");
+  }
+  catch (const nlohmann::json::exception&)
+  {
+    return false;
+  }
+  return true;
+}
+
+std::vector<ModelReport> Report::takeModels()
+{
+  std::lock_guard lock(m_mutex);
+  std::vector<ModelReport> models;
+  for (auto& entry : m_models)
+    models.push_back(std::move(entry.second));
+  m_models.clear();
+  return models;
 }
 
 void ReportMessageCollector::onMessage(DebugMessagePriority priority, std::string_view, std::string_view text)
@@ -222,10 +367,38 @@ std::string Report::toJson() const
   return document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
+std::filesystem::path reportTarget(const std::string& path)
+{
+  // Written through: the link stays, the file it leads to (existing or not) gets the document.
+  // A chain of links is followed as far as the system would follow it.
+  std::filesystem::path target = cstdmf::u8path(path);
+  for (int hops = 0; hops < 40; ++hops)
+  {
+    std::error_code error;
+    if (!std::filesystem::is_symlink(std::filesystem::symlink_status(target, error)))
+      break;
+    const std::filesystem::path next = std::filesystem::read_symlink(target, error);
+    if (error)
+      break;
+    target = next.is_absolute() ? next : target.parent_path() / next;
+  }
+  return target;
+}
+
 bool Report::write(const std::string& path) const
 {
   const std::string text = toJson();
-  const fileio::WriteResult written = fileio::writeWholeFile(path, std::as_bytes(std::span<const char>(text)));
+  if (path == "-")
+  {
+    std::fflush(stdout);
+    const bool ok = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+    if (!ok)
+      ZR_MSG(DebugMessagePriority::Error, "", "cannot write report to standard output\n");
+    return ok;
+  }
+  // Through a symbolic link to the file it names; whole or not at all.
+  const fileio::WriteResult written =
+    fileio::writeWholeFile(cstdmf::toUtf8(reportTarget(path)), std::as_bytes(std::span<const char>(text)));
   if (!written)
   {
     // The name is the one the user gave, never the temporary one; the reason is the system's.

@@ -6,8 +6,10 @@
 #include "cstdmf/debug.hpp"
 
 #include <cstdint>
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vertexmill
@@ -23,6 +25,12 @@ struct ModelReport
   CompileStatistics statistics;
   std::vector<std::string> warnings;
   std::vector<std::string> errors;
+  // An up-to-date model's figures read back from its existing output: the buffers, companions and
+  // output size are in `statistics`, the render sets are not (their names and cache figures are
+  // not in the file), so its vertex and triangle totals are given here.
+  bool readBack = false;
+  uint64_t readBackVertices = 0;
+  uint64_t readBackTriangles = 0;
 };
 
 // A model's figures summed over its render sets, buffers and companions. The report's totals
@@ -47,6 +55,9 @@ ModelTotals modelTotals(const CompileStatistics& statistics);
 // The model's --stats line, without a line end:
 // "stats: <source>: <status> triangles=N vertices=N bytes_in=N bytes_out=N acmr=X.XXX seconds=X.XXX".
 std::string statsLine(const ModelReport& model);
+// Fills `model` (statistics, readBack totals) from the .geometry file at `output`. False when the
+// file cannot be read or is refused; `model` keeps what it had.
+[[nodiscard]] bool readBackStatistics(const std::filesystem::path& output, ModelReport& model);
 
 // Collects the WARNING and higher messages of the thread it lives on while it is alive.
 class ReportMessageCollector final : public cstdmf::ScopedMessageWatcher
@@ -59,6 +70,14 @@ private:
   ModelReport& m_report;
 };
 
+// One model's part of the document as JSON text, and back (a model converted in a worker process
+// hands its statistics over this way). False when the text is not such a document.
+std::string modelReportToJson(const ModelReport& model);
+[[nodiscard]] bool modelReportFromJson(std::string_view text, ModelReport& model);
+
+// Where the document for `path` goes: the path itself, or the file a symbolic link leads to.
+std::filesystem::path reportTarget(const std::string& path);
+
 class Report
 {
 public:
@@ -66,8 +85,12 @@ public:
   // position in the directory walk.
   void addModel(size_t order, ModelReport model);
 
-  // Writes the document to `path` (UTF-8) through a temporary file renamed over it. False, after
-  // an ERROR message naming the path, when it cannot be written.
+  // Hands out the models added so far, in no particular order, and forgets them.
+  std::vector<ModelReport> takeModels();
+
+  // Writes the document to `path` (UTF-8) through a temporary file renamed over it; "-" writes it
+  // to standard output, and a symbolic link is written through (reportTarget). False, after an
+  // ERROR message naming the path and the system's reason, when it cannot be written.
   [[nodiscard]] bool write(const std::string& path) const;
 
   // The document as text (tests).

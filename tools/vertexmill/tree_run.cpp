@@ -122,6 +122,11 @@ ModelOutcome TreeRun::convert(size_t index, unsigned compilerJobs, ModelLog& log
   ModelSettings settings = m_options.model;
   settings.compilerJobs = compilerJobs;
   settings.reportOrder = index;
+  if (m_options.keepGoing && !m_options.workerProgram.empty())
+    return convertModelInWorker(m_options.workerProgram, m_models.sources[index], m_models.outputFor(index),
+                                settings, m_options.workerLimits, log, [this](int level) {
+                                  return m_router.wouldShow(static_cast<spdlog::level::level_enum>(level));
+                                });
   const cstdmf::ScopedWorkContext context(&log);
   return convertModel(m_models.sources[index], m_models.outputFor(index), settings);
 }
@@ -141,7 +146,7 @@ void TreeRun::runInOrder()
   for (size_t index = 0; index < count; ++index)
   {
     m_progress.update(index, count, currentName(index), true);
-    ModelLog log;
+    ModelLog log(currentName(index));
     const ModelOutcome outcome = convert(index, compilerJobsFor(index, count, m_options.jobs), log);
     publish(index, outcome, log);
     if (outcome == ModelOutcome::Failed && !m_options.keepGoing)
@@ -167,7 +172,7 @@ void TreeRun::workerLoop()
       if (!taken)
         return;
     }
-    auto log = std::make_unique<ModelLog>();
+    auto log = std::make_unique<ModelLog>(currentName(index));
     const ModelOutcome outcome = convert(index, compilerJobs, *log);
     {
       const std::lock_guard<std::mutex> lock(m_mutex);

@@ -3,9 +3,11 @@
 // the console as if they had been converted one after another in walk order.
 
 #include "model_job.hpp"
+#include "model_worker.hpp"
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 namespace vertexmill
@@ -29,12 +31,18 @@ struct TreeRunOptions
 {
   unsigned jobs = 1;       // models converted at once; 1 converts them one after another
   bool keepGoing = false;  // convert every model even after failures
+  // With keepGoing, the tool's own executable (UTF-8), which converts each model in a worker
+  // process of its own; empty: the models are converted in this process.
+  std::string workerProgram;
+  WorkerLimits workerLimits = defaultWorkerLimits();
   bool showProgress = false;
   ModelSettings model;     // compilerJobs is worked out per model from `jobs`
 };
 
 // Converts every model of the list and returns the exit status: kExitSuccess, or
-// kExitConversionFailed when a model failed. Without keepGoing no model is started after the
+// kExitConversionFailed when a model failed. With keepGoing and a workerProgram every model is
+// converted in a worker process of its own, so that whatever happens to one is that model's
+// failure only. Without keepGoing no model is started after the
 // first failure; models already being converted are finished and their outputs kept.
 // With one job the models are converted in list order. With more, the largest files among the
 // next models of the list (a window of 64 per job) are started first, so that no job is left

@@ -34,6 +34,8 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "per hardware thread)\n"
     "      --keep-going               in tree mode convert every model even after failures, then list "
     "the failed ones\n"
+    "      --time-limit <S>           with --keep-going, a model still converting after S seconds fails "
+    "(default 600)\n"
     "      --incremental              skip models whose .geometry file is newer than their sources and "
     "the tool\n"
     "      --report <FILE>            write statistics of every model as one JSON document to FILE\n"

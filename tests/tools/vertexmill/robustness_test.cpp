@@ -1,0 +1,340 @@
+// Bad models among good ones: what ends the run and what does not, what is named, and that
+// nothing but whole outputs stays in the output tree. Also the --report path rules and the
+// totals of up-to-date models.
+#include "report.hpp"
+#include "tool_test_support.hpp"
+#include "fatal_exit_status.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <cstdlib>
+
+namespace vertexmill_test
+{
+namespace
+{
+
+// One triangle of "xyznuv" vertices whose normals are (0, 0, normalZ), drawn with indices
+// 0, 1 and lastIndex. A normal of length 2 trips the packing check; lastIndex 7 is out of range.
+std::string customPrimitives(float normalZ, uint16_t lastIndex)
+{
+  std::string vertices = formatName("xyznuv");
+  const uint32_t vertexCount = 3;
+  appendPod(vertices, &vertexCount, 4);
+  const float corners[3][2] = {{0.0f, 0.0f}, {1.0f, 0.0f}, {0.0f, 1.0f}};
+  for (const auto& corner : corners)
+  {
+    const float vertex[8] = {corner[0], corner[1], 0.5f, 0.0f, 0.0f, normalZ, corner[0], corner[1]};
+    appendPod(vertices, vertex, sizeof(vertex));
+  }
+  std::string indices = formatName("list");
+  const uint32_t counts[2] = {3, 0};
+  appendPod(indices, counts, sizeof(counts));
+  const uint16_t triangle[3] = {0, 1, lastIndex};
+  appendPod(indices, triangle, sizeof(triangle));
+  const BinaryPtr container =
+    writeBinSectionContainer({{"hull.vertices", blockOf(vertices)}, {"hull.indices", blockOf(indices)}});
+  return container ? std::string(container->data(), container->len()) : std::string();
+}
+
+// Every file below root, relative, with its bytes.
+std::map<std::string, std::string> filesBelow(const fs::path& root)
+{
+  std::map<std::string, std::string> files;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(root, error), end; !error && it != end; it.increment(error))
+  {
+    if (it->is_regular_file())
+      files[u8(it->path().lexically_relative(root).generic_string())] = readFile(it->path());
+  }
+  return files;
+}
+
+class Robustness : public VertexmillTool
+{
+protected:
+  void writeGoodModels(const std::string& tree)
+  {
+    writeFile(path(tree + "/a.primitives"), validPrimitives({"hull"}));
+    writeFile(path(tree + "/sub/b.primitives"), validPrimitives({"hull", "turret"}));
+    writeFile(path(tree + "/sub/z.primitives"), validPrimitives({"mast"}));
+    writeFile(path(tree + "/sub/z.collision"), std::string(64, '\x07'));
+  }
+
+  // A tool that runs as an ordinary user when permissions do not keep this one out; empty when
+  // that is not possible.
+  std::string toolThatCannotReadLockedFiles(const fs::path& locked)
+  {
+    if (!std::ifstream(locked).is_open())
+      return kToolPath;
+    if (std::system("command -v setpriv > /dev/null 2>&1") != 0)
+      return {};
+    const fs::path wrapper = m_root / "bin" / "as_nobody";
+    writeFile(wrapper, "#!/bin/sh\nexec setpriv --reuid=65534 --regid=65534 --clear-groups " + shellQuote(kToolPath) +
+                         " \"$@\"\n");
+    fs::permissions(wrapper, fs::perms::owner_all);
+    fs::permissions(m_root, fs::perms::all, fs::perm_options::add);
+    return u8(wrapper);
+  }
+
+  static void setFault(const char* value)
+  {
+#ifdef _WIN32
+    _putenv_s("VERTEXMILL_WORKER_FAULT", value ? value : "");
+#else
+    if (value)
+      setenv("VERTEXMILL_WORKER_FAULT", value, 1);
+    else
+      unsetenv("VERTEXMILL_WORKER_FAULT");
+#endif
+  }
+};
+
+TEST_F(Robustness, KeepGoingConvertsEveryGoodModelWhateverTheBadOnesDo)
+{
+  writeGoodModels("good/tree");
+  fs::create_directories(path("refout"));
+  ASSERT_EQ(run({"-q", "--tree", str("good/tree"), str("refout")}).status, 0);
+  const auto reference = filesBelow(path("refout"));
+  ASSERT_EQ(reference.size(), 3u);
+
+  writeGoodModels("bad/tree");
+  writeFile(path("bad/tree/normal.primitives"), customPrimitives(2.0f, 2));
+  writeFile(path("bad/tree/sub/truncated.primitives"), validPrimitives({"hull"}).substr(0, 90));
+  writeFile(path("bad/tree/index.primitives"), customPrimitives(1.0f, 7));
+  writeFile(path("bad/tree/sub/hollow.primitives"), validPrimitives({"hull"}));
+  writeFile(path("bad/tree/sub/hollow.collision"), "");
+  std::string tool = kToolPath;
+#ifndef _WIN32
+  // Windows has no permission that keeps the owner from reading a file.
+  writeFile(path("bad/tree/locked.primitives"), validPrimitives({"hull"}));
+  fs::permissions(path("bad/tree/locked.primitives"), fs::perms::none);
+  tool = toolThatCannotReadLockedFiles(path("bad/tree/locked.primitives"));
+  if (tool.empty())
+  {
+    fs::remove(path("bad/tree/locked.primitives"));
+    tool = kToolPath;
+  }
+#endif
+  const std::vector<std::string> bad = {str("bad/tree/normal.primitives"), str("bad/tree/sub/truncated.primitives"),
+                                        str("bad/tree/index.primitives"), str("bad/tree/sub/hollow.collision")};
+
+  for (const char* jobs : {"1", "2"})
+  {
+    SCOPED_TRACE(jobs);
+    fs::remove_all(path("out"));
+    fs::create_directories(path("out"));
+    fs::permissions(path("out"), fs::perms::all);
+    const RunResult result = run({"--keep-going", "-j", jobs, "--tree", str("bad/tree"), str("out")}, {}, tool);
+    EXPECT_EQ(result.status, 3) << result.err;
+    for (const std::string& model : bad)
+      EXPECT_NE(result.err.find(model), std::string::npos) << model << "\n" << result.err;
+    if (fs::exists(path("bad/tree/locked.primitives")))
+    {
+      EXPECT_NE(result.err.find("  " + str("bad/tree/locked.primitives") + ": "), std::string::npos) << result.err;
+    }
+    EXPECT_NE(result.err.find("  " + str("bad/tree/normal.primitives") + ": "), std::string::npos) << result.err;
+
+    // The good models are there byte for byte; the one with an empty companion is still written
+    // (the companion is reported and left out); nothing else is.
+    auto written = filesBelow(path("out"));
+    const auto hollow = written.find("tree/sub/hollow.geometry");
+    if (hollow != written.end())
+      written.erase(hollow);
+    EXPECT_EQ(written, reference);
+  }
+
+  // Without --keep-going the first bad model ends the run, and nothing but whole outputs stays.
+  for (const char* jobs : {"1", "2"})
+  {
+    SCOPED_TRACE(jobs);
+    fs::remove_all(path("out"));
+    fs::create_directories(path("out"));
+    fs::permissions(path("out"), fs::perms::all);
+    const RunResult result = run({"-j", jobs, "--tree", str("bad/tree"), str("out")}, {}, tool);
+    EXPECT_TRUE(result.status == 3 || result.status == kFatalExitStatus) << result.status;
+    for (const auto& [name, bytes] : filesBelow(path("out")))
+    {
+      EXPECT_TRUE(endsWith(name, ".geometry")) << name;
+      EXPECT_FALSE(bytes.empty()) << name;
+    }
+  }
+  std::error_code ignored;
+  fs::permissions(path("bad/tree/locked.primitives"), fs::perms::owner_all, ignored);
+}
+
+TEST_F(Robustness, CriticalErrorNamesTheModelAndLeavesNoTemporaryFile)
+{
+  writeGoodModels("tree");
+  writeFile(path("tree/sub/normal.primitives"), customPrimitives(2.0f, 2));
+  const std::string line = "CRITICAL: while converting " + str("tree/sub/normal.primitives") + "\n";
+
+  for (const char* jobs : {"1", "2"})
+  {
+    SCOPED_TRACE(jobs);
+    for (const std::string verbosity : {"", "--verbose", "-q"})
+    {
+      SCOPED_TRACE(verbosity);
+      fs::remove_all(path("out"));
+      fs::create_directories(path("out"));
+      std::vector<std::string> args = {"-j", jobs, "--tree", str("tree"), str("out")};
+      if (!verbosity.empty())
+        args.insert(args.begin(), verbosity);
+      const RunResult result = run(args);
+      // The walk order decides whether the bad model is reached before a good one fails: none
+      // fails here, so it always is.
+      EXPECT_EQ(result.status, kFatalExitStatus) << result.err;
+      if (verbosity == "-q")
+        EXPECT_EQ(result.err, "");
+      else
+      {
+        EXPECT_NE(result.err.find("CRITICAL: "), std::string::npos) << result.err;
+        EXPECT_TRUE(endsWith(result.err, line)) << result.err;
+      }
+      for (const auto& [name, bytes] : filesBelow(path("out")))
+        EXPECT_TRUE(endsWith(name, ".geometry")) << name;
+    }
+  }
+
+  // Default mode names its one model too.
+  fs::create_directories(path("single"));
+  const RunResult single = run({str("tree/sub/normal.primitives"), str("single")});
+  EXPECT_EQ(single.status, kFatalExitStatus);
+  EXPECT_TRUE(endsWith(single.err, line)) << single.err;
+  EXPECT_TRUE(filesBelow(path("single")).empty());
+}
+
+#ifndef _WIN32
+TEST_F(Robustness, WorkerProcessesContainCrashesAbortsAndRunaways)
+{
+  writeGoodModels("tree");
+  writeFile(path("tree/victim.primitives"), validPrimitives({"hull"}));
+  fs::create_directories(path("refout"));
+  ASSERT_EQ(run({"-q", "--tree", str("tree"), str("refout")}).status, 0);
+  const auto reference = filesBelow(path("refout"));
+
+  for (const char* fault : {"victim=abort", "victim=crash", "victim=hang", "victim=allocate"})
+  {
+    SCOPED_TRACE(fault);
+    setFault(fault);
+    fs::remove_all(path("out"));
+    fs::create_directories(path("out"));
+    const RunResult result = run({"--keep-going", "--time-limit", "2", "-j2", "--tree", str("tree"), str("out")});
+    setFault(nullptr);
+    EXPECT_EQ(result.status, 3) << result.err;
+    EXPECT_NE(result.err.find("1 of 4 models failed"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("  " + str("tree/victim.primitives") + ": "), std::string::npos) << result.err;
+    auto expected = reference;
+    expected.erase("tree/victim.geometry");
+    EXPECT_EQ(filesBelow(path("out")), expected);
+  }
+}
+#endif
+
+TEST_F(Robustness, ReportPathRules)
+{
+  writeGoodModels("tree");
+  fs::create_directories(path("out"));
+  const std::string source = readFile(path("tree/a.primitives"));
+
+  // A path that is one of the run's inputs, a directory, or in a missing directory: refused
+  // before any model is converted.
+  for (const std::string& report :
+       {str("tree/a.primitives"), str("tree/sub/z.collision"), str("tree"), str("nowhere/r.json")})
+  {
+    SCOPED_TRACE(report);
+    const RunResult result = run({"-q", "--report", report, "--tree", str("tree"), str("out")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err.rfind("ERROR: cannot write report '" + report + "': ", 0), 0u) << result.err;
+    EXPECT_TRUE(filesBelow(path("out")).empty());
+  }
+  EXPECT_EQ(readFile(path("tree/a.primitives")), source);
+  EXPECT_EQ(readFile(path("tree/sub/z.collision")), std::string(64, '\x07'));
+  const RunResult single = run({"--report", str("tree/a.primitives"), str("tree/a.primitives"), str("out")});
+  EXPECT_EQ(single.status, 1);
+  EXPECT_TRUE(filesBelow(path("out")).empty());
+
+  // "-": the document on standard output, the messages on standard error.
+  const RunResult toStdout = run({"--verbose", "--keep-going", "--report", "-", "--tree", str("tree"), str("out")});
+  EXPECT_EQ(toStdout.status, 0) << toStdout.err;
+  const auto document = nlohmann::json::parse(toStdout.out, nullptr, false);
+  ASSERT_FALSE(document.is_discarded()) << toStdout.out;
+  EXPECT_EQ(document["totals"]["models"], 3);
+  EXPECT_EQ(toStdout.err.find('{'), std::string::npos) << toStdout.err;
+  EXPECT_NE(toStdout.err.find(str("tree/a.primitives") + "\n"), std::string::npos) << toStdout.err;
+  EXPECT_FALSE(fs::exists(path("-")));
+
+#ifndef _WIN32
+  // A symbolic link is written through and stays a link.
+  fs::create_directories(path("reports"));
+  fs::create_symlink(path("reports/real.json"), path("link.json"));
+  const RunResult linked = run({"-q", "--report", str("link.json"), "--tree", str("tree"), str("out")});
+  EXPECT_EQ(linked.status, 0);
+  EXPECT_TRUE(fs::is_symlink(fs::symlink_status(path("link.json"))));
+  EXPECT_FALSE(nlohmann::json::parse(readFile(path("reports/real.json")), nullptr, false).is_discarded());
+#endif
+}
+
+TEST_F(Robustness, UpToDateModelsCountInTheReportTotals)
+{
+  writeGoodModels("tree");
+  fs::create_directories(path("out"));
+  // A copy of the tool and sources older than any output, whatever the clock's resolution.
+  const fs::path tool = m_root / "bin" / fs::path(kToolPath).filename();
+  fs::create_directories(tool.parent_path());
+  fs::copy_file(kToolPath, tool);
+  const auto now = fs::file_time_type::clock::now();
+  fs::last_write_time(tool, now - std::chrono::hours(3));
+  for (const auto& entry : fs::recursive_directory_iterator(path("tree")))
+  {
+    if (entry.is_regular_file())
+      fs::last_write_time(entry.path(), now - std::chrono::hours(2));
+  }
+  for (const char* keepGoing : {"--incremental", "--keep-going"})
+  {
+    SCOPED_TRACE(keepGoing);
+    fs::remove_all(path("out/tree"));
+    const auto args = [&](const char* report) {
+      return std::vector<std::string>{"-q", keepGoing, "--incremental", "--report", str(report), "--tree", str("tree"),
+                                      str("out")};
+    };
+    ASSERT_EQ(run(args("first.json"), {}, u8(tool)).status, 0);
+    ASSERT_EQ(run(args("second.json"), {}, u8(tool)).status, 0);
+    const auto first = nlohmann::json::parse(readFile(path("first.json")));
+    const auto second = nlohmann::json::parse(readFile(path("second.json")));
+    EXPECT_EQ(first["totals"]["converted"], 3);
+    EXPECT_EQ(second["totals"]["upToDate"], 3);
+    for (const char* figure : {"vertices", "triangles", "rawBytes", "storedBytes", "outputBytes"})
+    {
+      EXPECT_EQ(second["totals"][figure], first["totals"][figure]) << figure;
+      EXPECT_GT(second["totals"][figure].get<uint64_t>(), 0u) << figure;
+    }
+    EXPECT_EQ(second["models"][0]["buffers"], first["models"][0]["buffers"]);
+  }
+}
+
+TEST(ReportJson, ModelEntryRoundTrips)
+{
+  vertexmill::ModelReport model;
+  model.source = "art/a.primitives";
+  model.output = "out/a.geometry";
+  model.status = "converted";
+  model.seconds = 0.25;
+  model.statistics.sections.push_back({"hull.vertices", "vertices", "xyznuv", 3});
+  model.statistics.renderSets.push_back({"hull", 3, 1, 24, 0.1f, true, {1.0f, 1.0f, 1.0f, 1.0f}, {0.7f, 1.0f, 1.05f, 1.0f}});
+  model.statistics.buffers.push_back({"indices", "list", 2, 3, 6, 6, false});
+  model.statistics.companions.push_back({"a.collision", "collision", 64});
+  model.statistics.verifier.push_back({"hull.vertices", 0, 1, 0, 0, 0});
+  model.statistics.outputBytes = 400;
+  model.warnings.push_back("a warning\n");
+  model.errors.push_back("an error\n");
+  vertexmill::ModelReport back;
+  ASSERT_TRUE(vertexmill::modelReportFromJson(vertexmill::modelReportToJson(model), back));
+  EXPECT_EQ(vertexmill::modelReportToJson(back), vertexmill::modelReportToJson(model));
+  EXPECT_FALSE(vertexmill::modelReportFromJson("{\"source\": 1}", back));
+  EXPECT_FALSE(vertexmill::modelReportFromJson("not json", back));
+}
+
+} // namespace
+} // namespace vertexmill_test

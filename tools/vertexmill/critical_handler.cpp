@@ -1,0 +1,44 @@
+#include "critical_handler.hpp"
+
+#include "console_router.hpp"
+#include "cstdmf/parallel.hpp"
+#include "cstdmf/platform.hpp"
+#include "display_text.hpp"
+#include "geometry_compiler/geometry_compiler.hpp"
+#include "resmgr/file_io.hpp"
+
+#include <cstdio>
+
+namespace vertexmill
+{
+
+std::string ToolCriticalErrorHandler::currentModel() const
+{
+  if (const auto* log = dynamic_cast<const ModelLog*>(cstdmf::currentWorkContext()))
+  {
+    if (!log->model().empty())
+      return log->model();
+  }
+  return m_singleModel;
+}
+
+std::string ToolCriticalErrorHandler::modelLine(const std::string& source)
+{
+  return "CRITICAL: while converting " + toDisplayText(source) + "\n";
+}
+
+void ToolCriticalErrorHandler::handle(const char*, const cstdmf::SourceLocation&)
+{
+  const std::string model = currentModel();
+  if (m_verbosity > 0 && !model.empty())
+  {
+    std::fflush(stdout);
+    std::fputs(modelLine(model).c_str(), stderr);
+  }
+  (void)fileio::removeTemporaryFiles();
+  std::fflush(stdout);
+  std::fflush(stderr);
+  platform::exitProcess(-1);
+}
+
+} // namespace vertexmill

@@ -1,0 +1,379 @@
+#include "model_worker.hpp"
+
+#include "console_router.hpp"
+#include "cstdmf/critical_error.hpp"
+#include "cstdmf/debug.hpp"
+#include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
+#include "display_text.hpp"
+#include "exit_status.hpp"
+#include "geometry_compiler/geometry_compiler.hpp"
+#include "model_cache.hpp"
+#include "moo/primitive_vertex_format.hpp"
+#include "report.hpp"
+#include "resmgr/file_io.hpp"
+#include "resmgr/zrresource.hpp"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/sink.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+#include <thread>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VERTEXMILL_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VERTEXMILL_ADDRESS_SANITIZER 1
+#endif
+#endif
+
+namespace vertexmill
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+// Frames on the child's standard output:
+//   "M<level> <length>\n<text>"  a message, in the order logged
+//   "R <length>\n<json>"         the model's report entry
+//   "O <outcome>\n"              0 converted, 1 up to date, 2 failed
+constexpr int kOutcomeCodes[] = {0, 1, 2};
+
+// Writes every message of the child as a frame, at once (the child may end without warning).
+class FrameSink final : public spdlog::sinks::sink
+{
+public:
+  void log(const spdlog::details::log_msg& msg) override
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::fprintf(stdout, "M%d %zu\n", static_cast<int>(msg.level), msg.payload.size());
+    std::fwrite(msg.payload.data(), 1, msg.payload.size(), stdout);
+    std::fflush(stdout);
+  }
+  void flush() override { std::fflush(stdout); }
+  void set_pattern(const std::string&) override {}
+  void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
+
+private:
+  std::mutex m_mutex;
+};
+
+// In the child the parent names the model; here only the temporary files are removed.
+class WorkerCriticalErrorHandler final : public cstdmf::CriticalErrorHandler
+{
+public:
+  void handle(const char*, const cstdmf::SourceLocation&) override
+  {
+    (void)fileio::removeTemporaryFiles();
+    std::fflush(stdout);
+    platform::exitProcess(-1);
+  }
+};
+
+// A fault the tests ask a child to commit, through the environment: "<model stem>=<kind>" makes
+// the child converting that model abort, crash, hang or allocate without bound.
+void commitTestFault(const fs::path& source)
+{
+  const char* request = std::getenv("VERTEXMILL_WORKER_FAULT");
+  if (!request)
+    return;
+  const std::string_view text(request);
+  const size_t equals = text.find('=');
+  if (equals == std::string_view::npos || text.substr(0, equals) != cstdmf::toUtf8(source.stem()))
+    return;
+  const std::string_view kind = text.substr(equals + 1);
+  if (kind == "abort")
+    std::abort();
+  if (kind == "crash")
+    std::raise(SIGSEGV);
+  if (kind == "hang")
+    std::this_thread::sleep_for(std::chrono::hours(1));
+  if (kind == "allocate")
+  {
+    // Address space only: the pages are never touched, so the bound is met without using memory.
+    std::vector<std::unique_ptr<char[]>> blocks;
+    for (;;)
+      blocks.emplace_back(new char[size_t{256} << 20]);
+  }
+}
+
+bool readWhole(const fs::path& path, std::string& text)
+{
+  std::ifstream in(path, std::ios::binary);
+  if (!in)
+    return false;
+  std::ostringstream buffer;
+  buffer << in.rdbuf();
+  text = buffer.str();
+  return true;
+}
+
+struct ChildOutput
+{
+  std::optional<ModelOutcome> outcome;
+  std::optional<ModelReport> report;
+};
+
+void appendRecord(ModelLog& log, int level, std::string_view text, const std::function<bool(int)>& keep)
+{
+  const auto spdLevel = static_cast<spdlog::level::level_enum>(level);
+  spdlog::details::log_msg msg(spdlog::source_loc{}, cstdmf::appLogger().name(), spdLevel,
+                               spdlog::string_view_t(text.data(), text.size()));
+  log.append(msg, toDisplayText(text), keep(level));
+}
+
+// Reads the frames back; stops at the first one that is cut short (the child ended mid-write).
+ChildOutput readFrames(std::string_view data, ModelLog& log, const std::function<bool(int)>& keep)
+{
+  ChildOutput result;
+  while (!data.empty())
+  {
+    const size_t lineEnd = data.find('\n');
+    if (lineEnd == std::string_view::npos)
+      break;
+    const std::string_view header = data.substr(0, lineEnd);
+    data.remove_prefix(lineEnd + 1);
+    if (header.size() >= 3 && header[0] == 'O')
+    {
+      const int code = header[2] - '0';
+      if (code == kOutcomeCodes[0] || code == kOutcomeCodes[1] || code == kOutcomeCodes[2])
+        result.outcome = static_cast<ModelOutcome>(code);
+      continue;
+    }
+    const size_t space = header.find(' ');
+    if (space == std::string_view::npos || (header[0] != 'M' && header[0] != 'R'))
+      break;
+    int level = 0;
+    size_t length = 0;
+    const std::string_view levelText = header.substr(1, space - 1);
+    const std::string_view lengthText = header.substr(space + 1);
+    if (header[0] == 'M' &&
+        std::from_chars(levelText.data(), levelText.data() + levelText.size(), level).ec != std::errc())
+      break;
+    if (std::from_chars(lengthText.data(), lengthText.data() + lengthText.size(), length).ec != std::errc() ||
+        length > data.size())
+      break;
+    const std::string_view body = data.substr(0, length);
+    data.remove_prefix(length);
+    if (header[0] == 'M')
+      appendRecord(log, level, body, keep);
+    else
+    {
+      ModelReport report;
+      if (modelReportFromJson(body, report))
+        result.report = std::move(report);
+    }
+  }
+  return result;
+}
+
+// Temporary files of a child's writes sit beside the output, named after its process id.
+void removeChildTemporaries(const fs::path& output, unsigned long processId)
+{
+  const std::string prefix = ".vm" + std::to_string(processId) + "-";
+  std::error_code error;
+  const fs::path directory = output.parent_path().empty() ? fs::path(".") : output.parent_path();
+  std::vector<fs::path> leftovers;
+  for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error))
+  {
+    const std::string name = cstdmf::toUtf8(it->path().filename());
+    if (name.starts_with(prefix) && name.ends_with(".tmp"))
+      leftovers.push_back(it->path());
+  }
+  for (const fs::path& path : leftovers)
+    fs::remove(path, error);
+}
+
+fs::path scratchPath(const char* extension)
+{
+  static std::atomic<unsigned> s_counter{0};
+  std::error_code error;
+  fs::path directory = fs::temp_directory_path(error);
+  if (error)
+    directory = fs::current_path(error);
+  return directory / cstdmf::u8path("vertexmill-" + std::to_string(platform::processId()) + "-" +
+                                    std::to_string(s_counter.fetch_add(1)) + extension);
+}
+} // namespace
+
+WorkerLimits defaultWorkerLimits()
+{
+  WorkerLimits limits;
+  limits.timeoutSeconds = 600;
+#if !defined(VERTEXMILL_ADDRESS_SANITIZER)
+  limits.memoryBytes = 4ull << 30;
+#endif
+  return limits;
+}
+
+ModelOutcome convertModelInWorker(const std::string& program, const fs::path& source, const fs::path& output, const ModelSettings& settings,
+                                  const WorkerLimits& limits, ModelLog& log, const std::function<bool(int)>& keep)
+{
+  const auto started = std::chrono::steady_clock::now();
+  const std::string sourceText = cstdmf::toUtf8(source);
+  platform::ChildIo io;
+  const fs::path outPath = scratchPath(".out");
+  const fs::path errPath = scratchPath(".err");
+  io.stdoutPath = cstdmf::toUtf8(outPath);
+  io.stderrPath = cstdmf::toUtf8(errPath);
+  const std::vector<std::string> arguments = {kWorkerOption,
+                                              sourceText,
+                                              cstdmf::toUtf8(output),
+                                              std::to_string(settings.compilerJobs),
+                                              settings.incremental ? "1" : "0",
+                                              settings.report || settings.stats ? "1" : "0"};
+  // The worker opens the run's cache itself; the folder is bounded once, by this process.
+  std::vector<std::string> workerArguments = arguments;
+  if (settings.cache)
+  {
+    const CacheSettings& cache = settings.cache->settings();
+    workerArguments.push_back(cstdmf::toUtf8(cache.directory));
+    workerArguments.push_back(cache.url);
+    workerArguments.push_back(std::to_string(cache.timeoutSeconds));
+  }
+  platform::ChildLimits childLimits;
+  childLimits.timeoutMilliseconds = limits.timeoutSeconds * 1000u;
+  childLimits.memoryBytes = limits.memoryBytes;
+  const platform::ChildRun run =
+    platform::runLimitedProcess(program, workerArguments, io, childLimits);
+
+  std::string frames, errors;
+  (void)readWhole(outPath, frames);
+  (void)readWhole(errPath, errors);
+  std::error_code ignored;
+  fs::remove(outPath, ignored);
+  fs::remove(errPath, ignored);
+
+  ChildOutput child = readFrames(frames, log, keep);
+  // Whatever the child wrote outside the logger (a runtime's last words) is an error of the model.
+  for (size_t start = 0; start < errors.size();)
+  {
+    size_t end = errors.find('\n', start);
+    if (end == std::string::npos)
+      end = errors.size();
+    const std::string_view line = std::string_view(errors).substr(start, end - start);
+    if (!line.empty())
+      appendRecord(log, static_cast<int>(DebugMessagePriority::Error), std::string(line) + "\n", keep);
+    start = end + 1;
+  }
+
+  const bool normalEnd = run.started && !run.timedOut && child.outcome &&
+                         (run.status == kExitSuccess || run.status == kExitConversionFailed);
+  if (!normalEnd)
+  {
+    std::string reason;
+    // The closing list puts the model's path before this, its first error when it said nothing.
+    if (!run.started)
+      reason = "could not start a worker process for " + sourceText;
+    else if (run.timedOut)
+      reason = "the conversion was stopped after " + std::to_string(limits.timeoutSeconds) + " seconds";
+    else if (run.status == 255 || run.status == -1)
+      reason = "a critical error ended the conversion";
+#ifndef _WIN32
+    else if (run.status > 128 && run.status < 128 + 65)
+      reason = "the conversion ended abnormally (signal " + std::to_string(run.status - 128) + ")";
+#endif
+    else
+      reason = "the conversion ended abnormally (status " + std::to_string(run.status) + ")";
+    appendRecord(log, static_cast<int>(DebugMessagePriority::Error), reason + "\n", keep);
+    if (run.started)
+      removeChildTemporaries(output, run.processId);
+  }
+  const ModelOutcome outcome = normalEnd ? *child.outcome : ModelOutcome::Failed;
+
+  if (settings.report || settings.stats)
+  {
+    ModelReport report;
+    if (normalEnd && child.report)
+      report = std::move(*child.report);
+    else
+    {
+      report.source = sourceText;
+      report.output = cstdmf::toUtf8(output);
+      report.status = "failed";
+      report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+      const std::string firstError = log.firstError();
+      if (!firstError.empty())
+        report.errors.push_back(firstError + "\n");
+    }
+    // The worker gathers the figures; the line is printed here, in the model's place in the walk.
+    if (settings.stats)
+      log.appendOutput(statsLine(report));
+    if (settings.report)
+      settings.report->addModel(settings.reportOrder, std::move(report));
+  }
+  return outcome;
+}
+
+int runModelWorker(const std::vector<std::string>& arguments)
+{
+  if (arguments.size() != 5 && arguments.size() != 8)
+  {
+    std::fputs("ERROR: the worker needs source, output, jobs, incremental, report and maybe the cache\n", stderr);
+    return kExitBadCommandLine;
+  }
+  platform::useBinaryStandardStreams();
+  static WorkerCriticalErrorHandler s_handler;
+  cstdmf::setCriticalErrorHandler(&s_handler);
+  cstdmf::appLogger().sinks().push_back(std::make_shared<FrameSink>());
+  (void)ZRResource::init(std::vector<std::string>{});
+  Moo::PrimitiveVertexFormat::init(0);
+
+  const fs::path source = cstdmf::u8path(arguments[0]);
+  const fs::path output = cstdmf::u8path(arguments[1]);
+  ModelSettings settings;
+  unsigned jobs = 1;
+  (void)std::from_chars(arguments[2].data(), arguments[2].data() + arguments[2].size(), jobs);
+  settings.compilerJobs = jobs == 0 ? 1 : jobs;
+  settings.incremental = arguments[3] == "1";
+  Report report;
+  if (arguments[4] == "1")
+    settings.report = &report;
+  if (settings.incremental)
+  {
+    std::error_code error;
+    const fs::file_time_type toolTime = fs::last_write_time(cstdmf::u8path(platform::executablePath()), error);
+    if (!error)
+      settings.toolTime = toolTime;
+  }
+
+  std::unique_ptr<ModelCache> cache;
+  if (arguments.size() == 8)
+  {
+    CacheSettings cacheSettings;
+    cacheSettings.directory = cstdmf::u8path(arguments[5]);
+    cacheSettings.url = arguments[6];
+    (void)std::from_chars(arguments[7].data(), arguments[7].data() + arguments[7].size(),
+                          cacheSettings.timeoutSeconds);
+    cache = std::make_unique<ModelCache>(cacheSettings);
+    settings.cache = cache.get();
+  }
+
+  commitTestFault(source);
+  const ModelOutcome outcome = convertModel(source, output, settings);
+  for (const ModelReport& model : report.takeModels())
+  {
+    const std::string json = modelReportToJson(model);
+    std::fprintf(stdout, "R %zu\n", json.size());
+    std::fwrite(json.data(), 1, json.size(), stdout);
+  }
+  std::fprintf(stdout, "O %d\n", static_cast<int>(outcome));
+  std::fflush(stdout);
+  Moo::PrimitiveVertexFormat::fini();
+  ZRResource::fini();
+  return outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
+}
+
+} // namespace vertexmill
