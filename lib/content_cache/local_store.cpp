@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 namespace content_cache
@@ -72,7 +73,15 @@ LocalStore::Lookup LocalStore::load(const Digest& key, CacheEntry& entry, std::s
   const fs::path path = entryPath(key);
   std::string bytes;
   bool missing = false;
-  if (!readWholeFile(path, bytes, problem, &missing))
+  bool read = readWholeFile(path, bytes, problem, &missing);
+  // On Windows a file that another process is renaming into place cannot be opened for a moment:
+  // try again briefly before calling the entry unreadable.
+  for (int attempt = 0; !read && !missing && attempt < 5; ++attempt)
+  {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10 << attempt));
+    read = readWholeFile(path, bytes, problem, &missing);
+  }
+  if (!read)
   {
     if (missing)
       return Lookup::Miss;
