@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <system_error>
 #include <vector>
 
@@ -23,6 +25,7 @@ struct TemporaryRegistry
 {
   std::mutex mutex;
   std::vector<std::filesystem::path> paths;
+  bool closed = false; // the process is ending: no new temporary file may appear
 };
 
 TemporaryRegistry& registry()
@@ -31,11 +34,21 @@ TemporaryRegistry& registry()
   return instance;
 }
 
-void registerTemporary(const std::filesystem::path& path)
+// Registers the temporary file and creates it in one step under the registry's lock, so that a
+// clean-up either sees the file or runs before it exists. Once the process is ending, a writer
+// waits for the end instead of leaving a new file behind.
+std::FILE* createRegistered(const std::filesystem::path& path)
 {
   TemporaryRegistry& r = registry();
-  const std::lock_guard lock(r.mutex);
+  std::unique_lock lock(r.mutex);
+  while (r.closed)
+  {
+    lock.unlock();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    lock.lock();
+  }
   r.paths.push_back(path);
+  return platform::openFile(cstdmf::toUtf8(path), "wb");
 }
 
 void unregisterTemporary(const std::filesystem::path& path)
@@ -111,7 +124,6 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
                                           std::to_string(s_writeCounter.fetch_add(1)) + ".tmp");
 
   WriteResult result;
-  registerTemporary(temporary);
   const auto discard = [&](WriteStatus status, std::string reason) {
     std::error_code ignored;
     std::filesystem::remove(temporary, ignored);
@@ -126,7 +138,7 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
     return code != 0 ? std::generic_category().message(code) : std::string(fallback);
   };
   errno = 0;
-  std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
+  std::FILE* file = createRegistered(temporary);
   if (!file)
     return discard(WriteStatus::CannotCreate, systemReason(errno, "cannot create a file beside it"));
   const size_t written = bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), file);
@@ -151,10 +163,11 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
   return result;
 }
 
-size_t removeTemporaryFiles()
+size_t removeTemporaryFiles(bool processEnding)
 {
   TemporaryRegistry& r = registry();
   const std::lock_guard lock(r.mutex);
+  r.closed = r.closed || processEnding;
   size_t removed = 0;
   for (const std::filesystem::path& path : r.paths)
   {

@@ -72,7 +72,8 @@ struct WriteResult
 
 // Deletes every temporary file of a write that this process has in flight, returning how many
 // were removed. Safe to call from any thread, also while writes run (their rename then fails and
-// they report it); not safe from a signal handler.
-size_t removeTemporaryFiles();
+// they report it); not safe from a signal handler. With `processEnding` (a fatal error's last
+// moments) no write may create a temporary file afterwards: such a write waits for the end.
+size_t removeTemporaryFiles(bool processEnding = false);
 
 } // namespace fileio

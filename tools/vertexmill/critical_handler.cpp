@@ -35,7 +35,7 @@ void ToolCriticalErrorHandler::handle(const char*, const cstdmf::SourceLocation&
     std::fflush(stdout);
     std::fputs(modelLine(model).c_str(), stderr);
   }
-  (void)fileio::removeTemporaryFiles();
+  (void)fileio::removeTemporaryFiles(true);
   std::fflush(stdout);
   std::fflush(stderr);
   platform::exitProcess(-1);

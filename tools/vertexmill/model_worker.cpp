@@ -76,7 +76,7 @@ class WorkerCriticalErrorHandler final : public cstdmf::CriticalErrorHandler
 public:
   void handle(const char*, const cstdmf::SourceLocation&) override
   {
-    (void)fileio::removeTemporaryFiles();
+    (void)fileio::removeTemporaryFiles(true);
     std::fflush(stdout);
     platform::exitProcess(-1);
   }
