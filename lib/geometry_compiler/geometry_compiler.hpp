@@ -168,6 +168,10 @@ private:
   void updateTexelDensity(GeometryCompilerDetail::MappingEntry& vertices, GeometryCompilerDetail::MappingEntry& indices);
 
   void optimizeMesh();
+  // With statistics and encoding: measures every render set's figures after optimisation on the
+  // indices as the file will hold them (the codec may rotate a triangle's corners), so that they
+  // agree with what a reader of the file measures.
+  void measureStoredRenderSets();
   bool saveArmor(SaveState& state, const std::string& resourcePath);
   void saveCollisionModels(SaveState& state);
   void encodeBuffers(SaveState& state);

@@ -4,10 +4,12 @@
 
 #include "cstdmf/debug.hpp"
 #include "cstdmf/parallel.hpp"
+#include "mesh_data_optimizer/coder.hpp"
 #include "mesh_data_optimizer/optimizer.hpp"
 #include "moo/index_format.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 using namespace GeometryCompilerDetail;
 
@@ -129,4 +131,55 @@ void GeometryCompiler::optimizeMesh()
   });
   if (m_statistics)
     m_progress.renderSets = describeRenderSets(tasks, true, &before);
+}
+
+namespace
+{
+// The merged index buffer after a trip through the codec, in its own index width.
+template <typename IndexT>
+std::vector<std::byte> storedIndices(const std::vector<std::byte>& raw)
+{
+  const std::span<const IndexT> indices(reinterpret_cast<const IndexT*>(raw.data()), raw.size() / sizeof(IndexT));
+  uint32_t maxIndex = 0;
+  for (const IndexT index : indices)
+    maxIndex = std::max<uint32_t>(maxIndex, index);
+  // Sized past every index, so the encoder cannot refuse it (and log) here.
+  const std::vector<std::byte> encoded =
+    MeshDataOptimizer::encodeIndexData(indices, indices.empty() ? 0 : size_t{maxIndex} + 1);
+  std::vector<IndexT> decoded;
+  if (!MeshDataOptimizer::decodeIndexData(std::span<const std::byte>(encoded), decoded) ||
+      decoded.size() != indices.size())
+    return raw;
+  std::vector<std::byte> bytes(decoded.size() * sizeof(IndexT));
+  std::memcpy(bytes.data(), decoded.data(), bytes.size());
+  return bytes;
+}
+} // namespace
+
+void GeometryCompiler::measureStoredRenderSets()
+{
+  const std::vector<MeshTask> tasks = gatherMeshTasks(false);
+  if (!m_statistics || tasks.size() != m_progress.renderSets.size())
+    return;
+  MergedGeometry::IndexBuffers& indexBuffers = m_mergedGeometry.indices();
+  std::vector<std::vector<std::byte>> stored(indexBuffers.data.size());
+  cstdmf::parallelFor(stored.size(), m_jobs, [&](size_t k) {
+    const bool wide = indexBuffers.records[k].second.indexFormat == static_cast<uint32_t>(IndexFormat::LIST32);
+    const std::vector<std::byte>& raw = indexBuffers.data[k].data;
+    stored[k] = wide ? storedIndices<uint32_t>(raw) : storedIndices<uint16_t>(raw);
+  });
+  cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t i) {
+    const MeshTask& task = tasks[i];
+    for (size_t k = 0; k < stored.size(); ++k)
+    {
+      const std::vector<std::byte>& raw = indexBuffers.data[k].data;
+      if (task.indices.data() < raw.data() || task.indices.data() >= raw.data() + raw.size() ||
+          stored[k].size() != raw.size())
+        continue;
+      const size_t offset = static_cast<size_t>(task.indices.data() - raw.data());
+      const std::span<const std::byte> indices(stored[k].data() + offset, task.indices.size());
+      m_progress.renderSets[i].after = analyzeTask(task.vertices, task.stride, indices, task.format);
+      break;
+    }
+  });
 }

@@ -54,6 +54,8 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   SaveState state;
   if (!saveArmor(state, resourcePath))
     return false;
+  if (m_statistics && m_settings.encodeBuffers)
+    measureStoredRenderSets();
   encodeBuffers(state);
   saveCollisionModels(state);
   saveVerticesData(state);

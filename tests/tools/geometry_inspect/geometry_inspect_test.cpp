@@ -139,6 +139,36 @@ TEST(geometry_inspect, StatsReflectTheOptimisation)
   EXPECT_TRUE(contains(text.out, "ACMR ")) << text.out;
 }
 
+TEST(geometry_inspect, StatsAreTheCompilersFiguresForTheSameFile)
+{
+  // The report's figures after optimisation and the inspector's are one measurement of one file:
+  // also when the index codec rotated triangles while encoding.
+  testutil::TempDir dir("inspect");
+  const testutil::Sections sections = {
+    {"hull.vertices", testutil::vertexSection(testutil::gridVertices(24))},
+    {"hull.indices", testutil::indexSection(testutil::gridIndices<uint16_t>(24))},
+  };
+  const fs::path source = dir.path / "ship.primitives";
+  const fs::path output = dir.path / "ship.geometry";
+  testutil::writeFile(source, testutil::container(sections));
+  GeometryCompiler::Request request;
+  request.primitivesPath = source.string();
+  CompileStatistics statistics;
+  GeometryCompiler compiler;
+  compiler.setStatistics(&statistics);
+  ASSERT_TRUE(compiler.compile(request, output.string(), true, true, true));
+  ASSERT_EQ(statistics.renderSets.size(), 1u);
+
+  const RunResult run = inspect({"--json", "--stats", output.string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  const nlohmann::json set = jsonOf(run)["renderSets"][0];
+  const MeshDataOptimizer::MeshStatistics& after = statistics.renderSets[0].after;
+  EXPECT_DOUBLE_EQ(set["acmr"].get<double>(), double(after.acmr));
+  EXPECT_DOUBLE_EQ(set["atvr"].get<double>(), double(after.atvr));
+  EXPECT_DOUBLE_EQ(set["overdraw"].get<double>(), double(after.overdraw));
+  EXPECT_DOUBLE_EQ(set["overfetch"].get<double>(), double(after.overfetch));
+}
+
 // ---------------------------------------------------------------------------------------------
 // Validation
 
