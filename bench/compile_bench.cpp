@@ -117,7 +117,7 @@ struct Model
   std::string name;
   std::string primitivesPath;
   std::string outputPath;
-  VertexmillBench::GpuMesh converted; // before optimisation: each run starts from a copy
+  vertexmill_bench::GpuMesh converted; // before optimisation: each run starts from a copy
   uint64_t triangles = 0;
   std::vector<SourceSection> sources;
   StoredMesh stored;
@@ -205,7 +205,7 @@ bool prepareStages(Model& model, std::string& error)
     model.sources.push_back(std::move(section));
   }
 
-  for (const VertexmillBench::GpuMesh::VertexBuffer& buffer : model.converted.vertexBuffers)
+  for (const vertexmill_bench::GpuMesh::VertexBuffer& buffer : model.converted.vertexBuffers)
   {
     const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByGPUFormatName(buffer.gpuFormatName);
     if (!format)
@@ -216,7 +216,7 @@ bool prepareStages(Model& model, std::string& error)
     model.stored.vertexBuffers.push_back(buffer.bytes);
     model.stored.gpuFormats.push_back(&format->m_gpuFormat);
   }
-  for (const VertexmillBench::GpuMesh::IndexBuffer& buffer : model.converted.indexBuffers)
+  for (const vertexmill_bench::GpuMesh::IndexBuffer& buffer : model.converted.indexBuffers)
   {
     std::vector<std::byte> bytes(buffer.indices.size() * buffer.storedIndexSize);
     for (size_t i = 0; i < buffer.indices.size(); ++i)
@@ -242,7 +242,7 @@ struct SetRanges
   std::span<std::byte> indices;
 };
 
-SetRanges rangesOf(StoredMesh& stored, const VertexmillBench::GpuMesh::RenderSet& set, uint32_t stride,
+SetRanges rangesOf(StoredMesh& stored, const vertexmill_bench::GpuMesh::RenderSet& set, uint32_t stride,
                    uint32_t indexSize)
 {
   return {std::span<std::byte>(stored.vertexBuffers[set.vertexBuffer])
@@ -287,10 +287,10 @@ void runStages(const Model& model, StageTimes& times)
   }
   times.convert += seconds(ThreadCpuClock::now() - start);
 
-  const VertexmillBench::GpuMesh& mesh = model.converted;
+  const vertexmill_bench::GpuMesh& mesh = model.converted;
   StoredMesh stored = model.stored; // optimisation works in place
   start = ThreadCpuClock::now();
-  for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+  for (const vertexmill_bench::GpuMesh::RenderSet& set : mesh.sets)
   {
     const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
     const SetRanges ranges = rangesOf(stored, set, stride, mesh.indexBuffers[set.indexBuffer].storedIndexSize);
@@ -301,7 +301,7 @@ void runStages(const Model& model, StageTimes& times)
   times.verify += seconds(ThreadCpuClock::now() - start);
 
   start = ThreadCpuClock::now();
-  for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+  for (const vertexmill_bench::GpuMesh::RenderSet& set : mesh.sets)
   {
     const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
     const SetRanges ranges = rangesOf(stored, set, stride, mesh.indexBuffers[set.indexBuffer].storedIndexSize);
@@ -312,7 +312,7 @@ void runStages(const Model& model, StageTimes& times)
   times.texel += seconds(ThreadCpuClock::now() - start);
 
   start = ThreadCpuClock::now();
-  for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+  for (const vertexmill_bench::GpuMesh::RenderSet& set : mesh.sets)
   {
     const uint32_t stride = mesh.vertexBuffers[set.vertexBuffer].stride;
     const SetRanges ranges = rangesOf(stored, set, stride, mesh.indexBuffers[set.indexBuffer].storedIndexSize);
@@ -333,7 +333,7 @@ void runStages(const Model& model, StageTimes& times)
   for (size_t b = 0; b < stored.indexBuffers.size(); ++b)
   {
     size_t vertexCount = 0;
-    for (const VertexmillBench::GpuMesh::RenderSet& set : mesh.sets)
+    for (const vertexmill_bench::GpuMesh::RenderSet& set : mesh.sets)
       if (set.indexBuffer == b)
         vertexCount = std::max<size_t>(vertexCount, set.vertexCount);
     const std::vector<std::byte>& bytes = stored.indexBuffers[b];
@@ -367,8 +367,8 @@ bool sameEncodedSizes(const Model& model)
   uint64_t vertexBytes = 0, indexBytes = 0;
   for (const CompileStatistics::Buffer& buffer : statistics.buffers)
     (buffer.kind == "vertices" ? vertexBytes : indexBytes) += buffer.storedBytes - 8; // less the header
-  VertexmillBench::GpuMesh mesh = model.converted;
-  const VertexmillBench::EncodedSizes bare = VertexmillBench::runMeshoptimizer(mesh);
+  vertexmill_bench::GpuMesh mesh = model.converted;
+  const vertexmill_bench::EncodedSizes bare = vertexmill_bench::runMeshoptimizer(mesh);
   std::printf("%-22s %2zu sets %9llu triangles  raw %10llu B  encoded by compiler %9llu + %8llu B, bare %9llu + "
               "%8llu B, output file %10llu B\n",
               model.name.c_str(), model.converted.sets.size(), static_cast<unsigned long long>(model.triangles),
@@ -397,10 +397,10 @@ void compileBenchmark(benchmark::State& state, const Model* model)
       break;
     }
 
-    VertexmillBench::GpuMesh mesh = model->converted;
+    vertexmill_bench::GpuMesh mesh = model->converted;
     const Clock::time_point bareStart = Clock::now();
     const ThreadCpuClock::time_point bareCpuStart = ThreadCpuClock::now();
-    const VertexmillBench::EncodedSizes sizes = VertexmillBench::runMeshoptimizer(mesh);
+    const vertexmill_bench::EncodedSizes sizes = vertexmill_bench::runMeshoptimizer(mesh);
     const ThreadCpuClock::duration bareCpuTime = ThreadCpuClock::now() - bareCpuStart;
     const Clock::duration bareTime = Clock::now() - bareStart;
     benchmark::DoNotOptimize(sizes);
@@ -437,9 +437,9 @@ void bareBenchmark(benchmark::State& state, const Model* model)
 {
   for (auto _ : state)
   {
-    VertexmillBench::GpuMesh mesh = model->converted;
+    vertexmill_bench::GpuMesh mesh = model->converted;
     const Clock::time_point start = Clock::now();
-    const VertexmillBench::EncodedSizes sizes = VertexmillBench::runMeshoptimizer(mesh);
+    const vertexmill_bench::EncodedSizes sizes = vertexmill_bench::runMeshoptimizer(mesh);
     state.SetIterationTime(seconds(Clock::now() - start));
     benchmark::DoNotOptimize(sizes);
   }
@@ -502,7 +502,7 @@ int main(int argc, char** argv)
     model->outputPath = (folder.path / (model->name + ".geometry")).string();
     std::string message;
     if (!importModel(objFile, model->primitivesPath, message) ||
-        !VertexmillBench::loadGpuMesh(model->primitivesPath, model->converted, message) ||
+        !vertexmill_bench::loadGpuMesh(model->primitivesPath, model->converted, message) ||
         !prepareStages(*model, message))
     {
       std::fprintf(stderr, "bench_compile: skipping %s: %s\n", objFile.string().c_str(), message.c_str());

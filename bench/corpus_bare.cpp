@@ -20,14 +20,14 @@ int main(int argc, char** argv)
     std::fputs("usage: bench_corpus_bare MESH.gpumesh\n", stderr);
     return 1;
   }
-  VertexmillBench::GpuMesh mesh;
+  vertexmill_bench::GpuMesh mesh;
   std::string error;
-  if (!VertexmillBench::readGpuMesh(argv[1], mesh, error))
+  if (!vertexmill_bench::readGpuMesh(argv[1], mesh, error))
   {
     std::fprintf(stderr, "bench_corpus_bare: %s\n", error.c_str());
     return 2;
   }
-  const VertexmillBench::EncodedSizes sizes = VertexmillBench::runMeshoptimizer(mesh);
+  const vertexmill_bench::EncodedSizes sizes = vertexmill_bench::runMeshoptimizer(mesh);
   std::printf("encoded_vertex_bytes=%llu encoded_index_bytes=%llu\n",
               static_cast<unsigned long long>(sizes.vertexBytes), static_cast<unsigned long long>(sizes.indexBytes));
   return 0;

@@ -24,10 +24,10 @@ int main(int argc, char** argv)
   }
   cstdmf::setupConsoleLogging(1);
   Moo::PrimitiveVertexFormat::init(0);
-  VertexmillBench::GpuMesh mesh;
+  vertexmill_bench::GpuMesh mesh;
   std::string error;
-  const bool done = VertexmillBench::loadGpuMesh(argv[1], mesh, error) &&
-                    VertexmillBench::writeGpuMesh(argv[2], mesh, error);
+  const bool done = vertexmill_bench::loadGpuMesh(argv[1], mesh, error) &&
+                    vertexmill_bench::writeGpuMesh(argv[2], mesh, error);
   Moo::PrimitiveVertexFormat::fini();
   if (!done)
   {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-namespace VertexmillBench
+namespace vertexmill_bench
 {
 
 namespace
@@ -287,4 +287,4 @@ bool readGpuMesh(const std::string& path, GpuMesh& mesh, std::string& error)
   return true;
 }
 
-} // namespace VertexmillBench
+} // namespace vertexmill_bench

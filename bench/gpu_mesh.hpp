@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace VertexmillBench
+namespace vertexmill_bench
 {
 
 struct GpuMesh
@@ -75,4 +75,4 @@ EncodedSizes runMeshoptimizer(GpuMesh& mesh);
 // truncated, has trailing bytes or describes an invalid mesh.
 [[nodiscard]] bool readGpuMesh(const std::string& path, GpuMesh& mesh, std::string& error);
 
-} // namespace VertexmillBench
+} // namespace vertexmill_bench

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-namespace VertexmillBench
+namespace vertexmill_bench
 {
 
 namespace
@@ -127,4 +127,4 @@ bool loadGpuMesh(const std::string& primitivesPath, GpuMesh& mesh, std::string& 
   return true;
 }
 
-} // namespace VertexmillBench
+} // namespace vertexmill_bench

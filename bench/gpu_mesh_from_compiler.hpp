@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace VertexmillBench
+namespace vertexmill_bench
 {
 
 // Loads a .primitives file the way the compiler does (reading, conversion to the GPU formats,
@@ -16,4 +16,4 @@ namespace VertexmillBench
 // or its state cannot be expressed as a GpuMesh.
 [[nodiscard]] bool loadGpuMesh(const std::string& primitivesPath, GpuMesh& mesh, std::string& error);
 
-} // namespace VertexmillBench
+} // namespace vertexmill_bench

@@ -79,9 +79,11 @@ ReadResult readFailure(ReadStatus status, std::string reason, uint64_t fileSize 
 
 ReadResult readWholeFile(const std::string& utf8Path, const char* allocationTag, uint64_t maxSize)
 {
+  errno = 0;
   const std::unique_ptr<std::FILE, FileCloser> file(platform::openFile(utf8Path, "rb"));
   if (!file)
-    return readFailure(ReadStatus::CannotOpen, "cannot open the file");
+    return readFailure(ReadStatus::CannotOpen,
+                       errno != 0 ? std::generic_category().message(errno) : std::string("cannot open the file"));
 
   std::error_code error;
   const uintmax_t fileSize = std::filesystem::file_size(cstdmf::u8path(utf8Path), error);

@@ -2,6 +2,7 @@
 
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
@@ -27,40 +28,19 @@ size_t Issues::count(Severity severity) const
 bool readWholeFile(const std::string& path, BinaryPtr& block, std::string& error)
 {
   block = nullptr;
-  errno = 0;
-  std::ifstream stream(cstdmf::u8path(path), std::ios::binary);
-  if (!stream)
-  {
-    error = std::error_code(errno != 0 ? errno : EIO, std::generic_category()).message();
-    return false;
-  }
   std::error_code folderCheck;
   if (std::filesystem::is_directory(cstdmf::u8path(path), folderCheck))
   {
     error = std::make_error_code(std::errc::is_a_directory).message();
     return false;
   }
-  stream.seekg(0, std::ios::end);
-  const std::streamoff length = stream.tellg();
-  stream.seekg(0, std::ios::beg);
-  if (length < 0 || !stream || static_cast<unsigned long long>(length) > std::numeric_limits<size_t>::max())
+  fileio::ReadResult read = fileio::readWholeFile(path, "Geometry");
+  if (!read)
   {
-    error = "its size cannot be read";
+    error = read.reason;
     return false;
   }
-  const size_t size = static_cast<size_t>(length);
-  BinaryPtr bytes(new BinaryBlock(nullptr, size, "Geometry"));
-  if (bytes->len() != size)
-  {
-    error = "not enough memory";
-    return false;
-  }
-  if (size != 0 && !stream.read(bytes->cdata(), static_cast<std::streamsize>(size)))
-  {
-    error = std::error_code(errno != 0 ? errno : EIO, std::generic_category()).message();
-    return false;
-  }
-  block = std::move(bytes);
+  block = std::move(read.block);
   return true;
 }
 

@@ -7,6 +7,7 @@
 #include "moo/vertex_format.hpp"
 #include "moo/vertex_section.hpp"
 #include "resmgr/bin_section.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <fmt/format.h>
 
@@ -341,41 +342,13 @@ BinaryPtr encodePrimitives(const std::vector<RenderSet>& sets, const Moo::Primit
 
 bool writeFileReplacing(const std::string& path, const void* data, size_t size, std::string& error)
 {
-  const std::string temporary = path + ".tmp";
-  std::FILE* file = platform::openFile(temporary, "wb");
-  if (file == nullptr)
-  {
-    error = fmt::format("cannot write '{}': {}", path, std::strerror(errno));
-    return false;
-  }
-  bool ok = size == 0 || std::fwrite(data, 1, size, file) == size;
-  int savedErrno = errno;
-  if (std::fflush(file) != 0 && ok)
-  {
-    ok = false;
-    savedErrno = errno;
-  }
-  if (std::fclose(file) != 0 && ok)
-  {
-    ok = false;
-    savedErrno = errno;
-  }
-  std::error_code ec;
-  if (!ok)
-  {
-    error = fmt::format("cannot write '{}': {}", path, std::strerror(savedErrno));
-    std::filesystem::remove(cstdmf::u8path(temporary), ec);
-    return false;
-  }
-  std::filesystem::rename(cstdmf::u8path(temporary), cstdmf::u8path(path), ec);
-  if (ec)
-  {
-    error = fmt::format("cannot replace '{}': {}", path, ec.message());
-    std::error_code ignored;
-    std::filesystem::remove(cstdmf::u8path(temporary), ignored);
-    return false;
-  }
-  return true;
+  const fileio::WriteResult written =
+    fileio::writeWholeFile(path, std::span<const std::byte>(static_cast<const std::byte*>(data), size));
+  if (written)
+    return true;
+  const char* verb = written.status == fileio::WriteStatus::CannotReplace ? "replace" : "write";
+  error = fmt::format("cannot {} '{}': {}", verb, path, written.reason);
+  return false;
 }
 
 } // namespace objimport

@@ -1,8 +1,10 @@
 #include "depfile.hpp"
 
-#include "content_cache/file_io.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "resmgr/file_io.hpp"
+
+#include <span>
 
 namespace vertexmill
 {
@@ -47,10 +49,13 @@ std::string depfileText(const std::string& target, const std::vector<std::string
 bool writeDepfile(const std::filesystem::path& path, const std::string& target,
                   const std::vector<std::string>& prerequisites)
 {
-  std::string problem;
-  if (!content_cache::writeFileAtomically(path, depfileText(target, prerequisites), problem))
+  const std::string text = depfileText(target, prerequisites);
+  const fileio::WriteResult written =
+    fileio::writeWholeFile(cstdmf::toUtf8(path), std::as_bytes(std::span<const char>(text)));
+  if (!written)
   {
-    ZR_MSG_FMT(DebugMessagePriority::Error, "", "cannot write depfile '{}': {}\n", cstdmf::toUtf8(path), problem);
+    ZR_MSG_FMT(DebugMessagePriority::Error, "", "cannot write depfile '{}': {}\n", cstdmf::toUtf8(path),
+               written.reason);
     return false;
   }
   return true;

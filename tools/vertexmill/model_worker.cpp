@@ -111,12 +111,10 @@ void commitTestFault(const fs::path& source)
 
 bool readWhole(const fs::path& path, std::string& text)
 {
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
+  const fileio::ReadResult read = fileio::readWholeFile(cstdmf::toUtf8(path), "WorkerOutput");
+  if (!read)
     return false;
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  text = buffer.str();
+  text.assign(read.block->data(), read.block->len());
   return true;
 }
 
