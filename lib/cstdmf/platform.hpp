@@ -92,15 +92,6 @@ struct ChildIo
   unsigned timeLimitMilliseconds = 0;
 };
 
-// Runs `program` (a path, not searched for) with `arguments` (UTF-8, passed exactly as given, each
-// one argument of the child) and waits for it. Returns its exit status as a parent sees it: on
-// POSIX systems the low 8 bits of the exit code, or 128 + the signal number when a signal ended
-// it; on Windows the whole 32-bit exit code (-1 stays -1). Empty when the program could not be
-// started or a redirection file not opened, and when the child was ended at its time limit (then
-// `*timedOut` is set, when given).
-std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
-                              const ChildIo& io, bool* timedOut = nullptr);
-
 // Bounds on a child process; 0 means no bound.
 struct ChildLimits
 {
@@ -116,10 +107,31 @@ struct ChildRun
   unsigned long processId = 0;
 };
 
-// runProcess within limits: a child that runs out of time is killed (timedOut); one that asks for
+// A child process within limits (the status as runProcess gives it): a child that runs out of time is killed (timedOut); one that asks for
 // more memory than allowed sees its allocations fail.
 ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
                            const ChildLimits& limits);
+
+// Runs `program` (a path, not searched for) with `arguments` (UTF-8, passed exactly as given, each
+// one argument of the child) and waits for it. Returns its exit status as a parent sees it: on
+// POSIX systems the low 8 bits of the exit code, or 128 + the signal number when a signal ended
+// it; on Windows the whole 32-bit exit code (-1 stays -1). Empty when the program could not be
+// started or a redirection file not opened, and when the child was ended at its time limit (then
+// `*timedOut` is set, when given).
+inline std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
+                                     const ChildIo& io, bool* timedOut = nullptr)
+{
+  if (timedOut != nullptr)
+    *timedOut = false;
+  ChildLimits limits;
+  limits.timeoutMilliseconds = io.timeLimitMilliseconds;
+  const ChildRun run = runLimitedProcess(program, arguments, io, limits);
+  if (timedOut != nullptr)
+    *timedOut = run.timedOut;
+  if (!run.started || run.timedOut)
+    return std::nullopt;
+  return run.status;
+}
 
 // Makes standard output and error pass bytes through unchanged, so that a line ends in "\n" on
 // every platform: Windows opens them in text mode, which writes "\n" as "\r\n" for the C library

@@ -246,21 +246,6 @@ void useBinaryStandardStreams()
   ::_setmode(::_fileno(stderr), _O_BINARY);
 }
 
-std::optional<int> runProcess(const std::string& program, const std::vector<std::string>& arguments,
-                              const ChildIo& io, bool* timedOut)
-{
-  if (timedOut != nullptr)
-    *timedOut = false;
-  ChildLimits limits;
-  limits.timeoutMilliseconds = io.timeLimitMilliseconds;
-  const ChildRun run = runLimitedProcess(program, arguments, io, limits);
-  if (timedOut != nullptr)
-    *timedOut = run.timedOut;
-  if (!run.started || run.timedOut)
-    return std::nullopt;
-  return run.status;
-}
-
 ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
                            const ChildLimits& limits)
 {
