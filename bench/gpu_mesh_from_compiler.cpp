@@ -64,7 +64,11 @@ bool loadGpuMesh(const std::string& primitivesPath, GpuMesh& mesh, std::string& 
       strides[buffer] = mapping.strideInBytes;
   }
   for (size_t i = 0; i < compiler.vertexData().size(); ++i)
-    mesh.vertexBuffers.push_back({strides[i], compiler.vertexData()[i].data, compiler.vertexData()[i].formatName});
+  {
+    const cstdmf::ByteVector& bytes = compiler.vertexData()[i].data;
+    mesh.vertexBuffers.push_back(
+      {strides[i], std::vector<std::byte>(bytes.begin(), bytes.end()), compiler.vertexData()[i].formatName});
+  }
 
   for (const GeometryCompilerDetail::DataEntry& entry : compiler.indexData())
   {

@@ -118,7 +118,7 @@ void fuzzEncodedVertices(std::span<const uint8_t> input, size_t stride)
   const auto raw = input.subspan(editListSize(input));
   const std::span<const std::byte> vertices(reinterpret_cast<const std::byte*>(raw.data()),
                                             raw.size() / stride * stride);
-  std::vector<std::byte> encoded = MeshDataOptimizer::encodeVertexData(vertices, stride);
+  cstdmf::ByteVector encoded = MeshDataOptimizer::encodeVertexData(vertices, stride);
   const bool edited = applyEdits(input, encoded);
   std::vector<std::byte> decoded;
   const bool ok = MeshDataOptimizer::decodeVertexData(encoded, stride, decoded);
@@ -138,7 +138,7 @@ void fuzzEncodedIndices(std::span<const uint8_t> input)
   if (!indices.empty())
     std::memcpy(indices.data(), raw.data(), indices.size() * sizeof(IndexT));
   const size_t vertexCount = indices.empty() ? 0 : size_t(*std::max_element(indices.begin(), indices.end())) + 1;
-  std::vector<std::byte> encoded = MeshDataOptimizer::encodeIndexData<IndexT>(indices, vertexCount);
+  cstdmf::ByteVector encoded = MeshDataOptimizer::encodeIndexData<IndexT>(indices, vertexCount);
   const bool edited = applyEdits(input, encoded);
   std::vector<IndexT> decoded;
   const bool ok = MeshDataOptimizer::decodeIndexData<IndexT>(encoded, decoded);

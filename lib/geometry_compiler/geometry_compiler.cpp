@@ -1,6 +1,7 @@
 #include "geometry_compiler/geometry_compiler.hpp"
 
 #include "cstdmf/debug.hpp"
+#include "cstdmf/parallel.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/span_reader.hpp"
 #include "geometry_compiler/texel_density.hpp"
@@ -12,6 +13,8 @@
 #include "moo/vertex_section.hpp"
 #include "resmgr/file_io.hpp"
 
+#include <algorithm>
+#include <cstring>
 #include <limits>
 
 using namespace GeometryCompilerDetail;
@@ -99,6 +102,7 @@ void GeometryCompiler::clear()
 {
   m_resourceName.clear();
   m_mergedGeometry.clear();
+  m_pendingColumns.clear();
   m_collisionData.clear();
   m_armorData.clear();
   m_stringPool.clear();
@@ -177,6 +181,7 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
 bool GeometryCompiler::packLOD(const BinFile& binFile)
 {
   m_resourceName = binFile.resourceName;
+  reserveMergedBuffers(binFile);
   for (const auto& [name, block] : binFile.children)
   {
     if (name.empty())
@@ -270,23 +275,121 @@ bool GeometryCompiler::packVertices(const std::string& sectionName, const Binary
     return false;
   }
 
-  std::vector<std::byte> converted(convertedSize);
-  if (header.vertexCount > 0 &&
-      !Moo::convertVertices(converted.data(), primFormat->m_gpuFormat, header.payload.data(), primFormat->m_format,
-                            header.vertexCount))
+  const VertexBufferInfo info{static_cast<uint16_t>(gpuStride), primFormat->m_gpuFormat.isSkinned(),
+                              primFormat->m_gpuFormat.isBumped()};
+  // A new section is converted straight into its merged buffer. One the merged buffers will not
+  // take (a repeated name, a buffer past 4 GiB) is still converted and verified on its own, and
+  // addVertices then says why it is left out.
+  const std::optional<std::span<std::byte>> room =
+    m_mergedGeometry.appendVertexRoom(sectionName, convertedSize, primFormat->gpuFormatName, info);
+  cstdmf::ByteVector converted;
+  if (!room)
+    converted.resize(convertedSize);
+  const std::span<std::byte> destination = room ? *room : std::span<std::byte>(converted);
+
+  const bool verifying = m_settings.verifyVertices && header.vertexCount > 0;
+  Verifier verifier;
+  PositionAndUVColumns columns;
+  if (verifying && room)
+  {
+    if (primFormat->m_gpuFormat.findElement(VertexSemantic::POSITION, 0, 0))
+      columns.positions.resize(header.vertexCount);
+    if (primFormat->m_gpuFormat.findElement(VertexSemantic::TEXCOORD, 0, 0))
+      columns.uvs.resize(header.vertexCount);
+  }
+  if (header.vertexCount > 0 && !convertAndVerify(destination, header.payload, *primFormat, header.vertexCount,
+                                                  verifying ? &verifier : nullptr, room ? &columns : nullptr))
   {
     ZR_MSG_FMT(kError, kCategory, "GeometryCompiler::packVertices convertVertices for formats '{}'->'{}' failed.\n",
                primFormat->formatName, primFormat->gpuFormatName);
     return false;
   }
+  if (verifying)
+    reportVerifier(sectionName, verifier);
 
-  if (m_settings.verifyVertices && header.vertexCount > 0)
-    verifyVertices(sectionName, converted.data(), converted.size(), primFormat->m_gpuFormat);
+  if (!room)
+    return m_mergedGeometry.addVertices(sectionName, converted, primFormat->gpuFormatName, info);
+  if (!columns.positions.empty() && !columns.uvs.empty())
+    m_pendingColumns.emplace_back(sectionName, std::move(columns));
+  return true;
+}
 
-  return m_mergedGeometry.addVertices(sectionName, converted, primFormat->gpuFormatName,
-                                      VertexBufferInfo{static_cast<uint16_t>(gpuStride),
-                                                       primFormat->m_gpuFormat.isSkinned(),
-                                                       primFormat->m_gpuFormat.isBumped()});
+bool GeometryCompiler::convertAndVerify(std::span<std::byte> destination, std::span<const std::byte> source,
+                                        const Moo::PrimitiveVertexFormat& format, uint32_t vertexCount,
+                                        Verifier* verifier, PositionAndUVColumns* columns)
+{
+  const size_t sourceStride = ari::VertexDeclaration::computeStreamDataSize(format.m_format, 0);
+  const size_t gpuStride = ari::VertexDeclaration::computeStreamDataSize(format.m_gpuFormat, 0);
+  // Slices small enough that a slice's source and converted bytes stay in the cache while it is
+  // converted and then checked.
+  constexpr size_t kSliceVertices = 4096;
+  const size_t slices = (size_t{vertexCount} + kSliceVertices - 1) / kSliceVertices;
+  std::vector<uint8_t> converted(slices, 0);
+  std::vector<Verifier> verifiers(verifier ? slices : 0);
+  cstdmf::parallelFor(slices, m_jobs, [&](size_t slice) {
+    const size_t first = slice * kSliceVertices;
+    const size_t count = std::min<size_t>(kSliceVertices, vertexCount - first);
+    converted[slice] = Moo::convertVertices(destination.data() + first * gpuStride, format.m_gpuFormat,
+                                            source.data() + first * sourceStride, format.m_format, count);
+    if (converted[slice] && verifier)
+      verifiers[slice].verifyRange(destination, format.m_gpuFormat, first, count, columns);
+  });
+  if (std::find(converted.begin(), converted.end(), 0) != converted.end())
+    return false;
+  for (const Verifier& slice : verifiers)
+    verifier->add(slice);
+  return true;
+}
+
+void GeometryCompiler::reserveMergedBuffers(const BinFile& binFile)
+{
+  MergedGeometry::VertexBuffers& vertices = m_mergedGeometry.vertices();
+  MergedGeometry::IndexBuffers& indices = m_mergedGeometry.indices();
+  const auto expect = [](auto& buffers, const std::string& formatName, uint64_t bytes) {
+    for (auto& [name, size] : buffers.expectedSizes)
+      if (name == formatName)
+      {
+        size += bytes;
+        return;
+      }
+    buffers.expectedSizes.emplace_back(formatName, bytes);
+  };
+  for (const auto& [name, block] : binFile.children)
+  {
+    const std::span<const std::byte> section = bytesOf(block);
+    const std::string_view kind = sectionKind(name);
+    if (kind == kVerticesKind)
+    {
+      Moo::VertexSectionHeader header;
+      if (!Moo::peekVertexSectionHeader(section, header))
+        continue;
+      const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByFormatName(header.formatName);
+      if (!format || format->m_format.streams.size() != 1 || format->m_gpuFormat.streams.size() != 1)
+        continue;
+      const uint64_t sourceStride = ari::VertexDeclaration::computeStreamDataSize(format->m_format, 0);
+      if (uint64_t{header.vertexCount} * sourceStride > header.payload.size())
+        continue;
+      expect(vertices, format->gpuFormatName,
+             uint64_t{header.vertexCount} * ari::VertexDeclaration::computeStreamDataSize(format->m_gpuFormat, 0));
+    }
+    else if (kind == kIndicesKind)
+    {
+      if (section.size() < sizeof(Moo::IndexSectionHeaderRecord))
+        continue;
+      Moo::IndexSectionHeaderRecord record;
+      std::memcpy(&record, section.data(), sizeof(record));
+      const std::optional<IndexFormat> format =
+        Moo::getIndexFormatFromName(std::string_view(record.formatName, strnlen(record.formatName, sizeof(record.formatName))));
+      if (!format)
+        continue;
+      const uint64_t bytes = uint64_t{record.indexCount} * ari::getIndexSize(*format);
+      if (bytes <= section.size() - sizeof(record))
+        expect(indices, std::string(Moo::getIndexFormatName(*format)), bytes);
+    }
+  }
+  // A buffer that could not be addressed anyway is left to grow (and be refused) as it goes.
+  std::erase_if(vertices.expectedSizes, [](const auto& entry) { return entry.second > std::numeric_limits<uint32_t>::max(); });
+  std::erase_if(indices.expectedSizes, [](const auto& entry) { return entry.second > std::numeric_limits<uint32_t>::max(); });
 }
 
 bool GeometryCompiler::packIndices(const std::string& sectionName, const BinaryPtr& section)
@@ -295,8 +398,37 @@ bool GeometryCompiler::packIndices(const std::string& sectionName, const BinaryP
   if (!Moo::readIndexSectionHeader(bytesOf(section), sectionName, header))
     return false;
   m_progress.sections.push_back({sectionName, "indices", header.formatName, header.indexCount});
-  return m_mergedGeometry.addIndices(sectionName, header.indices, std::string(Moo::getIndexFormatName(header.format)),
-                                     IndexBufferInfo{static_cast<uint32_t>(header.format), 0});
+  const std::string formatName(Moo::getIndexFormatName(header.format));
+  const IndexBufferInfo info{static_cast<uint32_t>(header.format), 0};
+  const std::optional<std::span<std::byte>> room =
+    m_mergedGeometry.appendIndexRoom(sectionName, header.indices.size(), formatName, info);
+  if (!room)
+    return m_mergedGeometry.addIndices(sectionName, header.indices, formatName, info);
+
+  // Copied in slices, each measured while it is still in the cache, so that the range check
+  // needs no pass of its own.
+  const uint32_t indexSize = ari::getIndexSize(header.format);
+  constexpr size_t kSliceBytes = 65536;
+  uint32_t maxIndex = 0;
+  for (size_t offset = 0; offset < header.indices.size(); offset += kSliceBytes)
+  {
+    const size_t size = std::min(kSliceBytes, header.indices.size() - offset);
+    std::memcpy(room->data() + offset, header.indices.data() + offset, size);
+    if (indexSize == 2)
+    {
+      const auto* indices = reinterpret_cast<const uint16_t*>(room->data() + offset);
+      maxIndex = std::max<uint32_t>(maxIndex, *std::max_element(indices, indices + size / 2));
+    }
+    else
+    {
+      const auto* indices = reinterpret_cast<const uint32_t*>(room->data() + offset);
+      maxIndex = std::max(maxIndex, *std::max_element(indices, indices + size / 4));
+    }
+  }
+  // The room's mapping is the one added last.
+  if (header.indexCount > 0)
+    m_mergedGeometry.indices().mappings.back().maxIndex = maxIndex;
+  return true;
 }
 
 bool GeometryCompiler::updateCorrespondingBuffers(const std::string& verticesName, const std::string& indicesName)
@@ -319,9 +451,21 @@ void GeometryCompiler::updateTexelDensity(MappingEntry& vertices, MappingEntry& 
   if (!primFormat || !indexBuffer || !m_mergedGeometry.vertices().find(vertices.formatName))
     return;
   const auto format = static_cast<IndexFormat>(m_mergedGeometry.indices().records[*indexBuffer].second.indexFormat);
-  const float density =
-    Moo::Utils::calculateTexelDensity(primFormat->m_gpuFormat, m_mergedGeometry.vertices().bytesOf(vertices),
-                                      m_mergedGeometry.indices().bytesOf(indices), format);
+  const std::span<const std::byte> indexBytes = m_mergedGeometry.indices().bytesOf(indices);
+  const auto pending = std::find_if(m_pendingColumns.begin(), m_pendingColumns.end(),
+                                    [&](const auto& entry) { return entry.first == vertices.sectionName; });
+  float density = 0.0f;
+  if (pending != m_pendingColumns.end())
+  {
+    density = Moo::Utils::calculateTexelDensity(pending->second.positions, pending->second.uvs, indexBytes, format,
+                                                m_jobs);
+    m_pendingColumns.erase(pending);
+  }
+  else
+  {
+    density = Moo::Utils::calculateTexelDensity(primFormat->m_gpuFormat, m_mergedGeometry.vertices().bytesOf(vertices),
+                                                indexBytes, format);
+  }
   vertices.texelDensity = density;
   indices.texelDensity = density;
 }
@@ -372,6 +516,11 @@ void GeometryCompiler::verifyVertices(const std::string& sectionName, const void
 {
   Verifier verifier;
   verifier.verify(vertices, size, format);
+  reportVerifier(sectionName, verifier);
+}
+
+void GeometryCompiler::reportVerifier(const std::string& sectionName, const Verifier& verifier)
+{
   m_progress.verifier.push_back({sectionName, verifier.invalidPositions(), verifier.invalidNormals(),
                                 verifier.invalidTangents(), verifier.invalidBinormals(), verifier.invalidUVs()});
   const char* name = sectionName.c_str();

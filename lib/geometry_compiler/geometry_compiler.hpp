@@ -5,6 +5,7 @@
 // one packed prototype.
 
 #include "geometry_compiler/compile_statistics.hpp"
+#include "geometry_compiler/element_columns.hpp"
 #include "geometry_compiler/merged_geometry.hpp"
 #include "geometry_compiler/string_pool.hpp"
 #include "moo/index_format.hpp"
@@ -19,9 +20,12 @@
 #include <utility>
 #include <vector>
 
+class Verifier;
+
 namespace Moo
 {
 class VertexFormat;
+class PrimitiveVertexFormat;
 struct MergedGeometryPrototype;
 } // namespace Moo
 
@@ -75,6 +79,9 @@ public:
   // Where the next compile records what it did (null: nothing is recorded). Not owned; must
   // outlive the compile.
   void setStatistics(CompileStatistics* statistics) { m_statistics = statistics; }
+  // With statistics: whether the render sets' overdraw is measured too (costly: about a third of
+  // the optimisation again). Off by default.
+  void setOverdrawAnalysis(bool measure) { m_overdraw = measure; }
 
   // The whole conversion: reads the request's files and writes outputPath whole or not at all.
   // Returns false (after logging why) when no file was written.
@@ -118,6 +125,8 @@ public:
   // Runs the converted vertices of one section through the verifier and reports what it found.
   void verifyVertices(const std::string& sectionName, const void* vertices, size_t size,
                       const Moo::VertexFormat& format);
+  // Reports what the verifier found in one section.
+  void reportVerifier(const std::string& sectionName, const Verifier& verifier);
 
   // Packs the filled prototype into one block; null (reported) on failure.
   BinaryPtr packData(const Moo::MergedGeometryPrototype& prototype);
@@ -166,15 +175,44 @@ private:
   std::vector<CompileStatistics::RenderSet> describeRenderSets(
     const std::vector<MeshTask>& tasks, bool optimized, const std::vector<MeshDataOptimizer::MeshStatistics>* before);
   void updateTexelDensity(GeometryCompilerDetail::MappingEntry& vertices, GeometryCompilerDetail::MappingEntry& indices);
+  // Reserves every merged buffer's final size from the section headers, so that no buffer moves
+  // while sections are added. Headers it cannot read are left to the packing to report.
+  void reserveMergedBuffers(const BinFile& binFile);
+  // Converts `vertexCount` vertices from `source` into `destination` (in slices, on up to m_jobs
+  // threads) and, when verifying, checks them as they are converted, keeping the decoded
+  // positions and texture coordinates in `columns` when it is given. False when the formats
+  // have no conversion.
+  [[nodiscard]] bool convertAndVerify(std::span<std::byte> destination, std::span<const std::byte> source,
+                                      const Moo::PrimitiveVertexFormat& format, uint32_t vertexCount,
+                                      Verifier* verifier, GeometryCompilerDetail::PositionAndUVColumns* columns);
 
   void optimizeMesh();
+  // Where a render set lies in the merged buffers, by position, so that it can be found again once
+  // the buffers are encoded.
+  struct StoredSet
+  {
+    size_t vertexBuffer = 0;
+    size_t vertexOffset = 0;
+    size_t vertexBytes = 0;
+    size_t vertexCount = 0;
+    uint16_t stride = 0;
+    size_t indexBuffer = 0;
+    size_t indexOffset = 0;
+    size_t indexBytes = 0;
+    IndexFormat format = IndexFormat::LIST;
+  };
+  // With statistics: where every described render set lies (empty when they cannot be paired).
+  std::vector<StoredSet> locateStoredSets();
   // With statistics and encoding: measures every render set's figures after optimisation on the
-  // indices as the file will hold them (the codec may rotate a triangle's corners), so that they
-  // agree with what a reader of the file measures.
-  void measureStoredRenderSets();
+  // indices as the file holds them, decoded from the encoded buffers (the codec may rotate a
+  // triangle's corners), so that they agree with what a reader of the file measures. Overdraw
+  // reads the vertex buffers as they were before encoding (`rawVertices`).
+  void measureStoredRenderSets(const std::vector<StoredSet>& sets, const std::vector<cstdmf::ByteVector>& rawVertices);
   bool saveArmor(SaveState& state, const std::string& resourcePath);
   void saveCollisionModels(SaveState& state);
-  void encodeBuffers(SaveState& state);
+  // Encodes every merged buffer in place. With `keepRawVertices`, the vertex buffers as they were
+  // are moved there rather than freed.
+  void encodeBuffers(SaveState& state, std::vector<cstdmf::ByteVector>* keepRawVertices = nullptr);
   void saveVerticesData(SaveState& state);
   void saveVerticesMapping(SaveState& state);
   void saveIndicesData(SaveState& state);
@@ -186,10 +224,14 @@ private:
   Settings m_settings;
   unsigned m_jobs = 1;
   bool m_refuseUnpackableNormals = false;
+  bool m_overdraw = false;
   CompileStatistics* m_statistics = nullptr;
   std::string m_resourceName; // the .primitives file being compiled, for messages
 
   MergedGeometry m_mergedGeometry;
+  // Decoded positions and texture coordinates of merged vertex sections whose index section has
+  // not been merged yet, by section name; texel density takes them instead of decoding again.
+  std::vector<std::pair<std::string, GeometryCompilerDetail::PositionAndUVColumns>> m_pendingColumns;
   std::vector<DataSectionPtr> m_collisionData;
   std::vector<DataSectionPtr> m_armorData;
   GeometryCompilerDetail::StringPool m_stringPool;

@@ -21,6 +21,12 @@ bool fitsIn32Bits(const MergedBuffers<Info>& buffers, const std::string& formatN
   const uint64_t current = index ? buffers.data[*index].data.size() : 0;
   return current + size <= std::numeric_limits<uint32_t>::max();
 }
+
+void copyInto(std::span<std::byte> destination, std::span<const std::byte> data)
+{
+  if (!data.empty())
+    std::memcpy(destination.data(), data.data(), data.size());
+}
 } // namespace
 
 uint32_t readIndex(const std::byte* indices, size_t i, uint32_t indexSize)
@@ -37,8 +43,8 @@ uint32_t readIndex(const std::byte* indices, size_t i, uint32_t indexSize)
 }
 
 template <typename Info>
-void MergedGeometry::addToContainer(MergedBuffers<Info>& buffers, MappingEntry mapping, std::span<const std::byte> data,
-                                    const Info& info)
+std::span<std::byte> MergedGeometry::addToContainer(MergedBuffers<Info>& buffers, MappingEntry mapping, size_t size,
+                                                    const Info& info)
 {
   std::optional<size_t> index = buffers.find(mapping.formatName);
   if (!index)
@@ -46,13 +52,36 @@ void MergedGeometry::addToContainer(MergedBuffers<Info>& buffers, MappingEntry m
     index = buffers.data.size();
     buffers.data.push_back(DataEntry{mapping.formatName, {}});
     buffers.records.emplace_back(mapping.formatName, info);
+    for (const auto& [formatName, bytes] : buffers.expectedSizes)
+      if (formatName == mapping.formatName)
+        buffers.data.back().data.reserve(bytes);
   }
-  std::vector<std::byte>& bytes = buffers.data[*index].data;
+  cstdmf::ByteVector& bytes = buffers.data[*index].data;
   const size_t offset = bytes.size();
   mapping.info.offsetInBytes = ZR::range_check_cast<uint32_t>(static_cast<uint64_t>(offset));
-  mapping.info.sizeInBytes = ZR::range_check_cast<uint32_t>(static_cast<uint64_t>(data.size()));
-  bytes.insert(bytes.end(), data.begin(), data.end());
+  mapping.info.sizeInBytes = ZR::range_check_cast<uint32_t>(static_cast<uint64_t>(size));
+  bytes.resize(offset + size);
   buffers.mappings.push_back(std::move(mapping));
+  return std::span<std::byte>(bytes).subspan(offset, size);
+}
+
+std::optional<std::span<std::byte>> MergedGeometry::appendVertexRoom(const std::string& sectionName, size_t size,
+                                                                     const std::string& formatName,
+                                                                     const VertexBufferInfo& info)
+{
+  if (m_vertices.findMapping(sectionName) || !fitsIn32Bits(m_vertices, formatName, size))
+    return std::nullopt;
+  return addToContainer(m_vertices, MappingEntry{sectionName, formatName, {}, info.strideInBytes, 0.0f, {}}, size,
+                        info);
+}
+
+std::optional<std::span<std::byte>> MergedGeometry::appendIndexRoom(const std::string& sectionName, size_t size,
+                                                                    const std::string& formatName,
+                                                                    const IndexBufferInfo& info)
+{
+  if (m_indices.findMapping(sectionName) || !fitsIn32Bits(m_indices, formatName, size))
+    return std::nullopt;
+  return addToContainer(m_indices, MappingEntry{sectionName, formatName, {}, 0, 0.0f, {}}, size, info);
 }
 
 bool MergedGeometry::addVertices(const std::string& sectionName, std::span<const std::byte> data,
@@ -72,7 +101,9 @@ bool MergedGeometry::addVertices(const std::string& sectionName, std::span<const
            sectionName.c_str());
     return false;
   }
-  addToContainer(m_vertices, MappingEntry{sectionName, formatName, {}, info.strideInBytes, 0.0f}, data, info);
+  copyInto(addToContainer(m_vertices, MappingEntry{sectionName, formatName, {}, info.strideInBytes, 0.0f, {}},
+                          data.size(), info),
+           data);
   return true;
 }
 
@@ -93,7 +124,7 @@ bool MergedGeometry::addIndices(const std::string& sectionName, std::span<const 
            sectionName.c_str());
     return false;
   }
-  addToContainer(m_indices, MappingEntry{sectionName, formatName, {}, 0, 0.0f}, data, info);
+  copyInto(addToContainer(m_indices, MappingEntry{sectionName, formatName, {}, 0, 0.0f, {}}, data.size(), info), data);
   return true;
 }
 
@@ -104,6 +135,8 @@ bool MergedGeometry::checkIndexRange(const MappingEntry& vertices, const Mapping
   ZR_ASSERT(buffer && vertices.strideInBytes != 0);
   const uint32_t vertexCount = vertices.info.sizeInBytes / vertices.strideInBytes;
   const uint32_t indexSize = ari::getIndexSize(static_cast<IndexFormat>(m_indices.records[*buffer].second.indexFormat));
+  if (indices.maxIndex && *indices.maxIndex < vertexCount)
+    return true;
   const std::byte* first = m_indices.data[*buffer].data.data() + indices.info.offsetInBytes;
   const size_t indexCount = indices.info.sizeInBytes / indexSize;
   for (size_t i = 0; i < indexCount; ++i)

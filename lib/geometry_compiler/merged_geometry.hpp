@@ -2,6 +2,8 @@
 // The merged state of one model: one growable buffer per vertex format and per index format, in
 // order of first appearance, and for every source section the range it occupies.
 
+#include "cstdmf/byte_vector.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -18,7 +20,7 @@ namespace GeometryCompilerDetail
 struct DataEntry
 {
   std::string formatName;
-  std::vector<std::byte> data;
+  cstdmf::ByteVector data;
 };
 
 // Where one source section lives inside a merged buffer.
@@ -35,6 +37,9 @@ struct MappingEntry
   MappingInfo info;
   uint16_t strideInBytes = 0; // vertices only
   float texelDensity = 0.0f;
+  // Indices only: the largest index of the section when it was measured while copying it in, so
+  // the range check needs no second pass.
+  std::optional<uint32_t> maxIndex;
 };
 
 // Per merged vertex buffer: what the file stores beside the bytes.
@@ -60,6 +65,9 @@ struct MergedBuffers
   std::vector<DataEntry> data;
   std::vector<std::pair<std::string, Info>> records; // keyed by format name
   std::vector<MappingEntry> mappings;
+  // Bytes to reserve for a buffer when it is created (format name, bytes): a buffer that grows to
+  // its final size at once is never moved.
+  std::vector<std::pair<std::string, size_t>> expectedSizes;
 
   // Position of the buffer of that format (its merged buffer index), if there is one.
   std::optional<size_t> find(std::string_view formatName) const
@@ -97,6 +105,7 @@ struct MergedBuffers
     data.clear();
     records.clear();
     mappings.clear();
+    expectedSizes.clear();
   }
 };
 
@@ -115,6 +124,18 @@ public:
   // The same for one section's indices, kept unchanged.
   [[nodiscard]] bool addIndices(const std::string& sectionName, std::span<const std::byte> data,
                                 const std::string& formatName, const IndexBufferInfo& info);
+
+  // Room for a new section's `size` bytes at the end of the buffer of formatName (created with
+  // `info` on first use), recorded as addVertices / addIndices record it, for the caller to fill at
+  // once (the span is valid until the next append). Nullopt, with nothing changed or reported, when
+  // the section name is taken or the buffer would pass 4 GiB: addVertices / addIndices deal with
+  // those.
+  [[nodiscard]] std::optional<std::span<std::byte>> appendVertexRoom(const std::string& sectionName, size_t size,
+                                                                     const std::string& formatName,
+                                                                     const VertexBufferInfo& info);
+  [[nodiscard]] std::optional<std::span<std::byte>> appendIndexRoom(const std::string& sectionName, size_t size,
+                                                                    const std::string& formatName,
+                                                                    const IndexBufferInfo& info);
 
   // Whether every index of the index section is below the vertex count of the vertex section;
   // reports the first one that is not, naming both sections and resourceName.
@@ -136,8 +157,8 @@ private:
   // Appends data to the buffer of formatName, creating it (and its record) on first use, and
   // records where the section went.
   template <typename Info>
-  static void addToContainer(MergedBuffers<Info>& buffers, MappingEntry mapping, std::span<const std::byte> data,
-                             const Info& info);
+  static std::span<std::byte> addToContainer(MergedBuffers<Info>& buffers, MappingEntry mapping, size_t size,
+                                             const Info& info);
 
   VertexBuffers m_vertices;
   IndexBuffers m_indices;

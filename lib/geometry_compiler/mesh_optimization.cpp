@@ -18,18 +18,54 @@ namespace
 constexpr const char* kCategory = "Other";
 constexpr auto kError = DebugMessagePriority::Error;
 
-MeshDataOptimizer::MeshStatistics analyzeTask(std::span<const std::byte> vertices, size_t stride,
-                                              std::span<const std::byte> indices, IndexFormat format)
+MeshDataOptimizer::MeshStatistics analyzeTask(std::span<const std::byte> vertices, size_t vertexCount, size_t stride,
+                                              std::span<const std::byte> indices, IndexFormat format,
+                                              bool withOverdraw)
 {
-  const size_t vertexCount = vertices.size() / stride;
   if (format == IndexFormat::LIST)
     return MeshDataOptimizer::analyze<uint16_t>(
       vertices, vertexCount, stride,
-      std::span<const uint16_t>(reinterpret_cast<const uint16_t*>(indices.data()), indices.size() / 2));
+      std::span<const uint16_t>(reinterpret_cast<const uint16_t*>(indices.data()), indices.size() / 2), withOverdraw);
   return MeshDataOptimizer::analyze<uint32_t>(
     vertices, vertexCount, stride,
-    std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(indices.data()), indices.size() / 4));
+    std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(indices.data()), indices.size() / 4), withOverdraw);
 }
+
+// Runs fn on a thread of its own with the caller's work context, or on the caller's thread when
+// the system will not start one; join() waits for it.
+class SideTask
+{
+public:
+  // fn is called by reference: it must outlive join().
+  template <typename Fn>
+  explicit SideTask(Fn& fn)
+  {
+    cstdmf::WorkContext* const context = cstdmf::currentWorkContext();
+    try
+    {
+      m_thread = std::thread([context, &fn]() {
+        const cstdmf::ScopedWorkContext scope(context);
+        fn();
+      });
+    }
+    catch (const std::system_error&)
+    {
+      fn();
+    }
+  }
+  ~SideTask() { join(); }
+  SideTask(const SideTask&) = delete;
+  SideTask& operator=(const SideTask&) = delete;
+
+  void join()
+  {
+    if (m_thread.joinable())
+      m_thread.join();
+  }
+
+private:
+  std::thread m_thread;
+};
 } // namespace
 
 std::vector<GeometryCompiler::MeshTask> GeometryCompiler::gatherMeshTasks(bool optimizing)
@@ -89,35 +125,65 @@ std::vector<GeometryCompiler::MeshTask> GeometryCompiler::gatherMeshTasks(bool o
 std::vector<CompileStatistics::RenderSet> GeometryCompiler::describeRenderSets(
   const std::vector<MeshTask>& tasks, bool optimized, const std::vector<MeshDataOptimizer::MeshStatistics>* before)
 {
-  std::vector<CompileStatistics::RenderSet> sets;
-  for (size_t i = 0; i < tasks.size(); ++i)
-  {
+  // Figures after optimising that saving will measure again on the stored indices are left out.
+  const bool measureAfter = !m_settings.encodeBuffers;
+  std::vector<CompileStatistics::RenderSet> sets(tasks.size());
+  cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t i) {
     const MeshTask& task = tasks[i];
-    CompileStatistics::RenderSet set;
+    CompileStatistics::RenderSet& set = sets[i];
     set.name = task.name;
     set.vertexCount = static_cast<uint32_t>(task.vertices.size() / task.stride);
     set.triangleCount = static_cast<uint32_t>(task.indices.size() / (task.format == IndexFormat::LIST ? 2 : 4) / 3);
     set.strideInBytes = task.stride;
     set.texelDensity = task.texelDensity;
     set.optimized = optimized;
-    set.after = analyzeTask(task.vertices, task.stride, task.indices, task.format);
-    set.before = before ? (*before)[i] : set.after;
-    sets.push_back(std::move(set));
-  }
+    if (before)
+      set.before = (*before)[i];
+    else
+      set.before = analyzeTask(task.vertices, set.vertexCount, task.stride, task.indices, task.format, m_overdraw);
+    if (measureAfter)
+      set.after = before ? analyzeTask(task.vertices, set.vertexCount, task.stride, task.indices, task.format,
+                                       m_overdraw)
+                         : set.before;
+  });
   return sets;
 }
 
 void GeometryCompiler::optimizeMesh()
 {
   const std::vector<MeshTask> tasks = gatherMeshTasks(true);
-  // The state before optimising is measured only when statistics are asked for.
+
+  // With statistics, the state before optimising is measured on copies of the indices, on a thread
+  // of its own: with one job that is an otherwise idle core, and the optimisation does not wait.
+  // Overdraw reads positions, which the optimisation reorders: it is measured here, before.
   std::vector<MeshDataOptimizer::MeshStatistics> before(m_statistics ? tasks.size() : 0);
+  std::vector<cstdmf::ByteVector> indexCopies;
+  const auto measureBefore = [&]() {
+    // Only the order of the indices matters to the cache and fetch figures: no vertex is read.
+    for (size_t i = 0; i < tasks.size(); ++i)
+      before[i] = analyzeTask({}, tasks[i].vertices.size() / tasks[i].stride, tasks[i].stride, indexCopies[i],
+                              tasks[i].format, false);
+  };
+  std::optional<SideTask> measuring;
+  if (m_statistics && m_overdraw)
+  {
+    cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t i) {
+      const MeshTask& task = tasks[i];
+      before[i] = analyzeTask(task.vertices, task.vertices.size() / task.stride, task.stride, task.indices,
+                              task.format, true);
+    });
+  }
+  else if (m_statistics)
+  {
+    indexCopies.resize(tasks.size());
+    for (size_t i = 0; i < tasks.size(); ++i)
+      indexCopies[i].assign(tasks[i].indices.begin(), tasks[i].indices.end());
+    measuring.emplace(measureBefore);
+  }
 
   // Every pair owns disjoint ranges of the merged buffers, so pairs can be optimised at once.
   cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t i) {
     const MeshTask& task = tasks[i];
-    if (!before.empty())
-      before[i] = analyzeTask(task.vertices, task.stride, task.indices, task.format);
     if (task.format == IndexFormat::LIST)
     {
       std::span<uint16_t> indices(reinterpret_cast<uint16_t*>(task.indices.data()), task.indices.size() / 2);
@@ -129,57 +195,90 @@ void GeometryCompiler::optimizeMesh()
       MeshDataOptimizer::optimizeMeshData<uint32_t>(task.vertices, task.stride, indices);
     }
   });
+  if (measuring)
+    measuring->join();
   if (m_statistics)
     m_progress.renderSets = describeRenderSets(tasks, true, &before);
 }
 
+std::vector<GeometryCompiler::StoredSet> GeometryCompiler::locateStoredSets()
+{
+  std::vector<StoredSet> located;
+  if (!m_statistics)
+    return located;
+  const std::vector<MeshTask> tasks = gatherMeshTasks(false);
+  if (tasks.size() != m_progress.renderSets.size())
+    return located;
+  const auto locate = [](const auto& buffers, std::span<const std::byte> range, size_t& buffer, size_t& offset) {
+    for (size_t k = 0; k < buffers.data.size(); ++k)
+    {
+      const cstdmf::ByteVector& bytes = buffers.data[k].data;
+      if (range.data() >= bytes.data() && range.data() + range.size() <= bytes.data() + bytes.size())
+      {
+        buffer = k;
+        offset = static_cast<size_t>(range.data() - bytes.data());
+        return true;
+      }
+    }
+    return false;
+  };
+  for (const MeshTask& task : tasks)
+  {
+    StoredSet set;
+    set.stride = task.stride;
+    set.vertexCount = task.vertices.size() / task.stride;
+    set.vertexBytes = task.vertices.size();
+    set.indexBytes = task.indices.size();
+    set.format = task.format;
+    if (!locate(m_mergedGeometry.vertices(), task.vertices, set.vertexBuffer, set.vertexOffset) ||
+        !locate(m_mergedGeometry.indices(), task.indices, set.indexBuffer, set.indexOffset))
+      return {};
+    located.push_back(set);
+  }
+  return located;
+}
+
 namespace
 {
-// The merged index buffer after a trip through the codec, in its own index width.
+// The merged index buffer as the file stores it, decoded again, in its own index width.
 template <typename IndexT>
-std::vector<std::byte> storedIndices(const std::vector<std::byte>& raw)
+cstdmf::ByteVector decodedIndices(std::span<const std::byte> encoded, size_t indexCount)
 {
-  const std::span<const IndexT> indices(reinterpret_cast<const IndexT*>(raw.data()), raw.size() / sizeof(IndexT));
-  uint32_t maxIndex = 0;
-  for (const IndexT index : indices)
-    maxIndex = std::max<uint32_t>(maxIndex, index);
-  // Sized past every index, so the encoder cannot refuse it (and log) here.
-  const std::vector<std::byte> encoded =
-    MeshDataOptimizer::encodeIndexData(indices, indices.empty() ? 0 : size_t{maxIndex} + 1);
   std::vector<IndexT> decoded;
-  if (!MeshDataOptimizer::decodeIndexData(std::span<const std::byte>(encoded), decoded) ||
-      decoded.size() != indices.size())
-    return raw;
-  std::vector<std::byte> bytes(decoded.size() * sizeof(IndexT));
+  if (!MeshDataOptimizer::decodeIndexData(encoded, decoded) || decoded.size() != indexCount)
+    return {};
+  cstdmf::ByteVector bytes(decoded.size() * sizeof(IndexT));
   std::memcpy(bytes.data(), decoded.data(), bytes.size());
   return bytes;
 }
 } // namespace
 
-void GeometryCompiler::measureStoredRenderSets()
+void GeometryCompiler::measureStoredRenderSets(const std::vector<StoredSet>& sets,
+                                               const std::vector<cstdmf::ByteVector>& rawVertices)
 {
-  const std::vector<MeshTask> tasks = gatherMeshTasks(false);
-  if (!m_statistics || tasks.size() != m_progress.renderSets.size())
+  if (!m_statistics || sets.empty() || sets.size() != m_progress.renderSets.size())
     return;
   MergedGeometry::IndexBuffers& indexBuffers = m_mergedGeometry.indices();
-  std::vector<std::vector<std::byte>> stored(indexBuffers.data.size());
-  cstdmf::parallelFor(stored.size(), m_jobs, [&](size_t k) {
+  const std::vector<uint64_t>& rawIndexSizes = m_rawBufferSizes->second;
+  // With one job the measuring still takes a second, otherwise idle, core.
+  const unsigned jobs = std::max(m_jobs, 2u);
+  std::vector<cstdmf::ByteVector> stored(indexBuffers.data.size());
+  cstdmf::parallelFor(stored.size(), jobs, [&](size_t k) {
     const bool wide = indexBuffers.records[k].second.indexFormat == static_cast<uint32_t>(IndexFormat::LIST32);
-    const std::vector<std::byte>& raw = indexBuffers.data[k].data;
-    stored[k] = wide ? storedIndices<uint32_t>(raw) : storedIndices<uint16_t>(raw);
+    const std::span<const std::byte> encoded(indexBuffers.data[k].data);
+    const size_t indexCount = rawIndexSizes[k] / (wide ? 4 : 2);
+    stored[k] = wide ? decodedIndices<uint32_t>(encoded, indexCount) : decodedIndices<uint16_t>(encoded, indexCount);
   });
-  cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t i) {
-    const MeshTask& task = tasks[i];
-    for (size_t k = 0; k < stored.size(); ++k)
-    {
-      const std::vector<std::byte>& raw = indexBuffers.data[k].data;
-      if (task.indices.data() < raw.data() || task.indices.data() >= raw.data() + raw.size() ||
-          stored[k].size() != raw.size())
-        continue;
-      const size_t offset = static_cast<size_t>(task.indices.data() - raw.data());
-      const std::span<const std::byte> indices(stored[k].data() + offset, task.indices.size());
-      m_progress.renderSets[i].after = analyzeTask(task.vertices, task.stride, indices, task.format);
-      break;
-    }
+  cstdmf::parallelFor(sets.size(), jobs, [&](size_t i) {
+    const StoredSet& set = sets[i];
+    if (stored[set.indexBuffer].size() != rawIndexSizes[set.indexBuffer])
+      return; // the codec could not take the buffer: the figures stay as measured
+    const std::span<const std::byte> indices =
+      std::span<const std::byte>(stored[set.indexBuffer]).subspan(set.indexOffset, set.indexBytes);
+    std::span<const std::byte> vertices;
+    if (m_overdraw && set.vertexBuffer < rawVertices.size())
+      vertices = std::span<const std::byte>(rawVertices[set.vertexBuffer]).subspan(set.vertexOffset, set.vertexBytes);
+    MeshDataOptimizer::MeshStatistics& after = m_progress.renderSets[i].after;
+    after = analyzeTask(vertices, set.vertexCount, set.stride, indices, set.format, !vertices.empty());
   });
 }

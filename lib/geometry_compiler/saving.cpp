@@ -54,9 +54,12 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   SaveState state;
   if (!saveArmor(state, resourcePath))
     return false;
-  if (m_statistics && m_settings.encodeBuffers)
-    measureStoredRenderSets();
-  encodeBuffers(state);
+  const std::vector<StoredSet> storedSets =
+    m_settings.encodeBuffers ? locateStoredSets() : std::vector<StoredSet>{};
+  std::vector<cstdmf::ByteVector> rawVertices;
+  encodeBuffers(state, m_overdraw && !storedSets.empty() ? &rawVertices : nullptr);
+  measureStoredRenderSets(storedSets, rawVertices);
+  rawVertices = {};
   saveCollisionModels(state);
   saveVerticesData(state);
   saveVerticesMapping(state);
@@ -111,7 +114,7 @@ void GeometryCompiler::saveCollisionModels(SaveState& state)
   state.prototype.collisionModels = arrayOf(state.collisionModels);
 }
 
-void GeometryCompiler::encodeBuffers(SaveState& state)
+void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteVector>* keepRawVertices)
 {
   MergedGeometry::VertexBuffers& vertices = m_mergedGeometry.vertices();
   MergedGeometry::IndexBuffers& indices = m_mergedGeometry.indices();
@@ -124,6 +127,8 @@ void GeometryCompiler::encodeBuffers(SaveState& state)
   state.indexEncodingFailed.assign(indices.data.size(), 0);
   if (!m_settings.encodeBuffers)
     return;
+  if (keepRawVertices)
+    keepRawVertices->resize(vertices.data.size());
 
   // Every merged buffer is encoded on its own, so vertex and index buffers share one loop. A
   // buffer's record sits at the buffer's own position.
@@ -132,9 +137,11 @@ void GeometryCompiler::encodeBuffers(SaveState& state)
     if (task < vertexBuffers)
     {
       DataEntry& entry = vertices.data[task];
-      std::vector<std::byte> encoded =
+      cstdmf::ByteVector encoded =
         MeshDataOptimizer::encodeVertexData(entry.data, vertices.records[task].second.strideInBytes);
       state.vertexEncodingFailed[task] = encoded.size() <= sizeof(MeshDataOptimizer::EncodedBufferHeader);
+      if (keepRawVertices)
+        (*keepRawVertices)[task] = std::move(entry.data);
       entry.data = std::move(encoded);
       return;
     }
@@ -145,13 +152,29 @@ void GeometryCompiler::encodeBuffers(SaveState& state)
     const size_t stride = wide ? 4 : 2;
     const size_t indexCount = entry.data.size() / stride;
     // The vertex count only sizes the encoder's worst case; an index range that no vertex range
-    // was paired with may still reach past the recorded count, so the bound covers both.
-    uint32_t maxIndex = 0;
-    for (size_t k = 0; k < indexCount; ++k)
-      maxIndex = std::max(maxIndex, readIndex(entry.data.data(), k, static_cast<uint32_t>(stride)));
+    // was paired with may still reach past the recorded count, so the bound covers both. The
+    // largest index of every range was measured when it was merged (optimising only lowers it
+    // below the paired vertex count); a range merged without that measure is scanned.
+    std::optional<uint32_t> maxIndex = 0;
+    for (const MappingEntry& mapping : indices.mappings)
+      if (mapping.formatName == entry.formatName && mapping.info.sizeInBytes != 0)
+      {
+        if (!mapping.maxIndex)
+        {
+          maxIndex.reset();
+          break;
+        }
+        maxIndex = std::max(*maxIndex, *mapping.maxIndex);
+      }
+    if (!maxIndex)
+    {
+      maxIndex = 0;
+      for (size_t k = 0; k < indexCount; ++k)
+        maxIndex = std::max(*maxIndex, readIndex(entry.data.data(), k, static_cast<uint32_t>(stride)));
+    }
     const size_t vertexCount =
-      std::max<size_t>(info.maxVertexCount, indexCount ? static_cast<size_t>(maxIndex) + 1 : 0);
-    std::vector<std::byte> encoded;
+      std::max<size_t>(info.maxVertexCount, indexCount ? static_cast<size_t>(*maxIndex) + 1 : 0);
+    cstdmf::ByteVector encoded;
     if (wide)
       encoded = MeshDataOptimizer::encodeIndexData(
         std::span<const uint32_t>(reinterpret_cast<const uint32_t*>(entry.data.data()), indexCount), vertexCount);

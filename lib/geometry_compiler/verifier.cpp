@@ -54,13 +54,52 @@ void Verifier::verifyUVs(const Values& uvs)
 void Verifier::verify(const void* vertices, size_t size, const Moo::VertexFormat& format)
 {
   reset();
-  // Each element is converted for all vertices in one pass (what the element accessor does for
-  // one vertex), then checked.
-  using GeometryCompilerDetail::decodeElementColumn;
   const std::span<const std::byte> buffer(static_cast<const std::byte*>(vertices), size);
-  verifyPositions(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::POSITION, buffer));
-  verifyNormals(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::NORMAL, buffer), m_invalidNormals);
-  verifyNormals(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::TANGENT, buffer), m_invalidTangents);
-  verifyNormals(decodeElementColumn<Moo::Vector3>(format, VertexSemantic::BINORMAL, buffer), m_invalidBinormals);
-  verifyUVs(decodeElementColumn<Moo::Vector2>(format, VertexSemantic::TEXCOORD, buffer));
+  const uint32_t stride = ari::VertexDeclaration::computeStreamDataSize(format, 0);
+  verifyRange(buffer, format, 0, stride ? size / stride : 0, nullptr);
+}
+
+void Verifier::verifyRange(std::span<const std::byte> vertices, const Moo::VertexFormat& format, size_t first,
+                           size_t count, GeometryCompilerDetail::PositionAndUVColumns* columns)
+{
+  using GeometryCompilerDetail::decodeElementColumnInto;
+  const uint32_t stride = ari::VertexDeclaration::computeStreamDataSize(format, 0);
+  const std::span<const std::byte> range = vertices.subspan(first * stride, count * stride);
+
+  // Each element is converted for all vertices of the range in one pass (what the element
+  // accessor does for one vertex), then checked.
+  std::vector<Moo::Vector3> vectors;
+  std::span<Moo::Vector3> positions;
+  if (columns && !columns->positions.empty())
+    positions = std::span<Moo::Vector3>(columns->positions).subspan(first, count);
+  else
+    positions = (vectors.resize(count), std::span<Moo::Vector3>(vectors));
+  if (decodeElementColumnInto<Moo::Vector3>(format, VertexSemantic::POSITION, range, positions))
+    verifyPositions(positions);
+
+  vectors.resize(count);
+  if (decodeElementColumnInto<Moo::Vector3>(format, VertexSemantic::NORMAL, range, std::span<Moo::Vector3>(vectors)))
+    verifyNormals(vectors, m_invalidNormals);
+  if (decodeElementColumnInto<Moo::Vector3>(format, VertexSemantic::TANGENT, range, std::span<Moo::Vector3>(vectors)))
+    verifyNormals(vectors, m_invalidTangents);
+  if (decodeElementColumnInto<Moo::Vector3>(format, VertexSemantic::BINORMAL, range, std::span<Moo::Vector3>(vectors)))
+    verifyNormals(vectors, m_invalidBinormals);
+
+  std::vector<Moo::Vector2> pairs;
+  std::span<Moo::Vector2> uvs;
+  if (columns && !columns->uvs.empty())
+    uvs = std::span<Moo::Vector2>(columns->uvs).subspan(first, count);
+  else
+    uvs = (pairs.resize(count), std::span<Moo::Vector2>(pairs));
+  if (decodeElementColumnInto<Moo::Vector2>(format, VertexSemantic::TEXCOORD, range, uvs))
+    verifyUVs(uvs);
+}
+
+void Verifier::add(const Verifier& other)
+{
+  m_invalidPositions += other.m_invalidPositions;
+  m_invalidNormals += other.m_invalidNormals;
+  m_invalidTangents += other.m_invalidTangents;
+  m_invalidBinormals += other.m_invalidBinormals;
+  m_invalidUVs += other.m_invalidUVs;
 }

@@ -4,10 +4,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace Moo
 {
 class VertexFormat;
+}
+
+namespace GeometryCompilerDetail
+{
+struct PositionAndUVColumns;
 }
 
 class Verifier
@@ -17,6 +23,15 @@ public:
 
   // Resets, then checks every element the format has over `size` bytes of vertices.
   void verify(const void* vertices, size_t size, const Moo::VertexFormat& format);
+
+  // Checks the vertices [first, first + count) of `vertices`, adding to the counts. With
+  // `columns`, the positions and texture coordinates it decodes are left in its columns at
+  // [first, first + count): each column must then hold one value per vertex of the whole buffer,
+  // or be empty when the format lacks the element. Separate ranges may be checked at once by
+  // separate verifiers sharing one `columns`; add() then sums their counts.
+  void verifyRange(std::span<const std::byte> vertices, const Moo::VertexFormat& format, size_t first, size_t count,
+                   GeometryCompilerDetail::PositionAndUVColumns* columns);
+  void add(const Verifier& other);
 
   int32_t invalidPositions() const { return m_invalidPositions; }
   int32_t invalidNormals() const { return m_invalidNormals; }

@@ -26,7 +26,7 @@ bool isValidVertexSize(size_t vertexSize)
   return vertexSize >= 4 && vertexSize <= kMaxVertexSize && vertexSize % 4 == 0;
 }
 
-unsigned char* payloadOf(std::vector<std::byte>& encoded)
+unsigned char* payloadOf(cstdmf::ByteVector& encoded)
 {
   return reinterpret_cast<unsigned char*>(encoded.data() + EncodedBufferHeader::kSize);
 }
@@ -38,7 +38,7 @@ const unsigned char* payloadOf(std::span<const std::byte> encoded)
 
 // Trims the buffer to header + stream and writes the header. A failed encoding (size 0) leaves the
 // header alone, which is what the file then holds.
-void finishEncoded(std::vector<std::byte>& encoded, size_t encodedSize, uint32_t elementCount)
+void finishEncoded(cstdmf::ByteVector& encoded, size_t encodedSize, uint32_t elementCount)
 {
   encoded.resize(EncodedBufferHeader::kSize + encodedSize);
   EncodedBufferHeader header;
@@ -67,7 +67,7 @@ bool EncodedBufferHeader::checkHeaderData() const
   return true;
 }
 
-std::vector<std::byte> encodeVertexData(std::span<const std::byte> vertices, size_t vertexSize)
+cstdmf::ByteVector encodeVertexData(std::span<const std::byte> vertices, size_t vertexSize)
 {
   ZR_ASSERT(isValidVertexSize(vertexSize));
   ZR_ASSERT(vertices.size() % vertexSize == 0);
@@ -75,7 +75,7 @@ std::vector<std::byte> encodeVertexData(std::span<const std::byte> vertices, siz
   const uint32_t elementCount = ZR::range_check_cast<uint32_t>(vertexCount);
 
   const size_t bound = meshopt_encodeVertexBufferBound(vertexCount, vertexSize);
-  std::vector<std::byte> encoded(EncodedBufferHeader::kSize + bound);
+  cstdmf::ByteVector encoded(EncodedBufferHeader::kSize + bound);
   const size_t encodedSize =
     meshopt_encodeVertexBuffer(payloadOf(encoded), bound, vertices.data(), vertexCount, vertexSize);
   if (encodedSize == 0)
@@ -86,13 +86,13 @@ std::vector<std::byte> encodeVertexData(std::span<const std::byte> vertices, siz
 }
 
 template <MeshIndex IndexT>
-std::vector<std::byte> encodeIndexData(std::span<const IndexT> indices, size_t vertexCount)
+cstdmf::ByteVector encodeIndexData(std::span<const IndexT> indices, size_t vertexCount)
 {
   ZR_ASSERT(indices.size() % 3 == 0);
   const uint32_t elementCount = ZR::range_check_cast<uint32_t>(indices.size());
 
   const size_t bound = meshopt_encodeIndexBufferBound(indices.size(), vertexCount);
-  std::vector<std::byte> encoded(EncodedBufferHeader::kSize + bound);
+  cstdmf::ByteVector encoded(EncodedBufferHeader::kSize + bound);
   size_t encodedSize = 0;
   if constexpr (std::same_as<IndexT, uint32_t>)
   {
@@ -167,8 +167,8 @@ bool decodeIndexData(std::span<const std::byte> encoded, std::vector<IndexT>& in
   return false;
 }
 
-template std::vector<std::byte> encodeIndexData<uint16_t>(std::span<const uint16_t>, size_t);
-template std::vector<std::byte> encodeIndexData<uint32_t>(std::span<const uint32_t>, size_t);
+template cstdmf::ByteVector encodeIndexData<uint16_t>(std::span<const uint16_t>, size_t);
+template cstdmf::ByteVector encodeIndexData<uint32_t>(std::span<const uint32_t>, size_t);
 template bool decodeIndexData<uint16_t>(std::span<const std::byte>, std::vector<uint16_t>&);
 template bool decodeIndexData<uint32_t>(std::span<const std::byte>, std::vector<uint32_t>&);
 

@@ -6,6 +6,7 @@
 // All functions are re-entrant (no shared mutable state). Failures are logged at ERROR in the
 // category "Other".
 
+#include "cstdmf/byte_vector.hpp"
 #include "mesh_data_optimizer/optimizer.hpp"
 
 #include <bit>
@@ -51,7 +52,7 @@ static_assert(std::is_standard_layout_v<EncodedBufferHeader>);
 // multiple of vertexSize and a vertex count that fits 32 bits (fatal assertions otherwise). If the
 // library cannot encode, logs "MeshDataOptimizer::encodeVertexData: The Vertex data can't be
 // encoded.\n" and returns the 8-byte header alone. Zero vertices give a header with count 0.
-[[nodiscard]] std::vector<std::byte> encodeVertexData(std::span<const std::byte> vertices, size_t vertexSize);
+[[nodiscard]] cstdmf::ByteVector encodeVertexData(std::span<const std::byte> vertices, size_t vertexSize);
 
 // Encodes a triangle list into header + codec stream; `vertexCount` sizes the encoder's worst-case
 // buffer and should exceed every index. Needs indices.size() a multiple of 3 that fits 32 bits
@@ -60,7 +61,7 @@ static_assert(std::is_standard_layout_v<EncodedBufferHeader>);
 // "MeshDataOptimizer::encodeIndexData: The Index data can't be encoded.\n" and returns the 8-byte
 // header alone.
 template <MeshIndex IndexT>
-[[nodiscard]] std::vector<std::byte> encodeIndexData(std::span<const IndexT> indices, size_t vertexCount);
+[[nodiscard]] cstdmf::ByteVector encodeIndexData(std::span<const IndexT> indices, size_t vertexCount);
 
 // Decodes an encoded vertex buffer into `vertices` (count * vertexSize bytes). Returns false, with
 // `vertices` empty and one ERROR logged, when: vertexSize is not a multiple of 4 in 4..256; the
@@ -82,8 +83,8 @@ template <MeshIndex IndexT>
 template <MeshIndex IndexT>
 [[nodiscard]] bool decodeIndexData(std::span<const std::byte> encoded, std::vector<IndexT>& indices);
 
-extern template std::vector<std::byte> encodeIndexData<uint16_t>(std::span<const uint16_t>, size_t);
-extern template std::vector<std::byte> encodeIndexData<uint32_t>(std::span<const uint32_t>, size_t);
+extern template cstdmf::ByteVector encodeIndexData<uint16_t>(std::span<const uint16_t>, size_t);
+extern template cstdmf::ByteVector encodeIndexData<uint32_t>(std::span<const uint32_t>, size_t);
 extern template bool decodeIndexData<uint16_t>(std::span<const std::byte>, std::vector<uint16_t>&);
 extern template bool decodeIndexData<uint32_t>(std::span<const std::byte>, std::vector<uint32_t>&);
 

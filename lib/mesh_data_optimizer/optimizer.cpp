@@ -76,20 +76,35 @@ template <MeshIndex IndexT>
 void optimizeMeshData(std::span<std::byte> vertices, size_t vertexStride, std::span<IndexT> indices)
 {
   ZR_ASSERT(vertexStride > 0);
-  if constexpr (std::is_same_v<IndexT, uint16_t>)
-  {
-    // The library works on 32-bit indices: widen once for all three steps rather than per step.
-    // Every result index is below the vertex count, which a 16-bit buffer's count never passes,
-    // so narrowing back is exact.
-    std::vector<uint32_t> wide(indices.begin(), indices.end());
-    optimizeMeshData<uint32_t>(vertices, vertexStride, wide);
-    std::transform(wide.begin(), wide.end(), indices.begin(), [](uint32_t i) { return static_cast<uint16_t>(i); });
-    return;
-  }
   const size_t vertexCount = vertices.size() / vertexStride;
-  optimizeVertexCache<IndexT>(vertexCount, indices);
-  optimizeOverdraw<IndexT>(vertices, vertexCount, vertexStride, indices);
-  optimizeFetch<IndexT>(vertices, vertexCount, vertexStride, indices);
+  // One check for the three steps: each keeps every index below the vertex count.
+  checkVertices(vertices, vertexCount, vertexStride);
+  checkTriangles<IndexT>(indices, vertexCount);
+  if (indices.empty())
+    return;
+  const float* positions = positionsOf(vertices, vertexStride);
+
+  // The library works on 32-bit indices: a 16-bit buffer is widened once for all three steps.
+  // Every result index is below the vertex count, which a 16-bit buffer's count never passes, so
+  // narrowing back is exact.
+  std::vector<uint32_t> wide;
+  std::span<uint32_t> work;
+  if constexpr (std::same_as<IndexT, uint32_t>)
+    work = indices;
+  else
+    work = (wide.assign(indices.begin(), indices.end()), std::span<uint32_t>(wide));
+
+  // The first two steps pass the indices back and forth between the buffer and one scratch copy.
+  std::vector<uint32_t> scratch(work.size());
+  meshopt_optimizeVertexCache(scratch.data(), work.data(), work.size(), vertexCount);
+  meshopt_optimizeOverdraw(work.data(), scratch.data(), work.size(), positions, vertexCount, vertexStride, 1.0f);
+  scratch = {};
+  const std::vector<std::byte> source(vertices.begin(), vertices.end());
+  // The unique vertex count it returns is not needed: unreferenced vertices stay, at the end.
+  meshopt_optimizeVertexFetch(vertices.data(), work.data(), work.size(), source.data(), vertexCount, vertexStride);
+
+  if constexpr (!std::same_as<IndexT, uint32_t>)
+    narrow(wide, indices);
 }
 
 template <MeshIndex IndexT>
@@ -142,27 +157,35 @@ void optimizeFetch(std::span<std::byte> vertices, size_t vertexCount, size_t ver
 
 template <MeshIndex IndexT>
 MeshStatistics analyze(std::span<const std::byte> vertices, size_t vertexCount, size_t vertexStride,
-                       std::span<const IndexT> indices)
+                       std::span<const IndexT> indices, bool withOverdraw)
 {
-  checkVertices(vertices, vertexCount, vertexStride);
+  ZR_ASSERT(vertexStride > 0 && vertexStride <= kMaxVertexSize);
+  // Only the overdraw reads vertices.
+  if (withOverdraw)
+    checkVertices(vertices, vertexCount, vertexStride);
   checkTriangles<IndexT>(indices, vertexCount);
-  const float* positions = positionsOf(vertices, vertexStride);
   if (indices.empty())
     return {};
 
-  const std::vector<uint32_t> wide(indices.begin(), indices.end());
-  const uint32_t* source = wide.data();
-  const size_t indexCount = wide.size();
+  // The library reads 32-bit indices: a 16-bit buffer is widened for it.
+  std::vector<uint32_t> wide;
+  const uint32_t* source = nullptr;
+  if constexpr (std::same_as<IndexT, uint32_t>)
+    source = indices.data();
+  else
+    source = (wide.assign(indices.begin(), indices.end()), wide.data());
+  const size_t indexCount = indices.size();
   const meshopt_VertexCacheStatistics cache =
     meshopt_analyzeVertexCache(source, indexCount, vertexCount, kVertexCacheSize, 0, 0);
-  const meshopt_OverdrawStatistics overdraw =
-    meshopt_analyzeOverdraw(source, indexCount, positions, vertexCount, vertexStride);
   const meshopt_VertexFetchStatistics fetch = meshopt_analyzeVertexFetch(source, indexCount, vertexCount, vertexStride);
 
   MeshStatistics result;
   result.acmr = cache.acmr;
   result.atvr = cache.atvr;
-  result.overdraw = overdraw.overdraw;
+  if (withOverdraw)
+    result.overdraw =
+      meshopt_analyzeOverdraw(source, indexCount, positionsOf(vertices, vertexStride), vertexCount, vertexStride)
+        .overdraw;
   result.overfetch = fetch.overfetch;
   return result;
 }
@@ -175,7 +198,7 @@ template void optimizeOverdraw<uint16_t>(std::span<const std::byte>, size_t, siz
 template void optimizeOverdraw<uint32_t>(std::span<const std::byte>, size_t, size_t, std::span<uint32_t>);
 template void optimizeFetch<uint16_t>(std::span<std::byte>, size_t, size_t, std::span<uint16_t>);
 template void optimizeFetch<uint32_t>(std::span<std::byte>, size_t, size_t, std::span<uint32_t>);
-template MeshStatistics analyze<uint16_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint16_t>);
-template MeshStatistics analyze<uint32_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint32_t>);
+template MeshStatistics analyze<uint16_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint16_t>, bool);
+template MeshStatistics analyze<uint32_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint32_t>, bool);
 
 } // namespace MeshDataOptimizer

@@ -20,6 +20,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace MeshDataOptimizer
@@ -59,14 +60,17 @@ struct MeshStatistics
 {
   float acmr = 0.0f;      // transformed vertices per triangle (FIFO cache of 16 entries); 0.5..3
   float atvr = 0.0f;      // transformed vertices per vertex; 1 is ideal
-  float overdraw = 0.0f;  // shaded pixels per covered pixel of the software rasteriser; 1 is ideal
+  // Shaded pixels per covered pixel of the software rasteriser; 1 is ideal. Costly to measure (about
+  // a third of what optimising the mesh costs), so only measured when asked for.
+  std::optional<float> overdraw;
   float overfetch = 0.0f; // fetched bytes per vertex buffer byte; 1 is ideal
 };
 
-// Analyses one mesh without changing it. Needs the shared preconditions (positions are read).
+// Analyses one mesh without changing it; overdraw only with `withOverdraw`, which alone reads the
+// vertices (positions): without it `vertices` may be empty. Needs the shared preconditions.
 template <MeshIndex IndexT>
 [[nodiscard]] MeshStatistics analyze(std::span<const std::byte> vertices, size_t vertexCount, size_t vertexStride,
-                                     std::span<const IndexT> indices);
+                                     std::span<const IndexT> indices, bool withOverdraw = true);
 
 extern template void optimizeMeshData<uint16_t>(std::span<std::byte>, size_t, std::span<uint16_t>);
 extern template void optimizeMeshData<uint32_t>(std::span<std::byte>, size_t, std::span<uint32_t>);
@@ -76,7 +80,7 @@ extern template void optimizeOverdraw<uint16_t>(std::span<const std::byte>, size
 extern template void optimizeOverdraw<uint32_t>(std::span<const std::byte>, size_t, size_t, std::span<uint32_t>);
 extern template void optimizeFetch<uint16_t>(std::span<std::byte>, size_t, size_t, std::span<uint16_t>);
 extern template void optimizeFetch<uint32_t>(std::span<std::byte>, size_t, size_t, std::span<uint32_t>);
-extern template MeshStatistics analyze<uint16_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint16_t>);
-extern template MeshStatistics analyze<uint32_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint32_t>);
+extern template MeshStatistics analyze<uint16_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint16_t>, bool);
+extern template MeshStatistics analyze<uint32_t>(std::span<const std::byte>, size_t, size_t, std::span<const uint32_t>, bool);
 
 } // namespace MeshDataOptimizer

@@ -16,27 +16,41 @@ constexpr char kProcessedMagic[4] = {'B', 'P', 'V', 'T'};
 
 } // namespace
 
-bool readVertexSectionHeader(std::span<const std::byte> section, std::string_view sectionName,
-                             VertexSectionHeader& out)
+namespace
+{
+size_t headerSizeOf(std::span<const std::byte> section)
 {
   const bool processed =
     section.size() >= sizeof(kProcessedMagic) && std::memcmp(section.data(), kProcessedMagic, sizeof(kProcessedMagic)) == 0;
-  const size_t headerSize = processed ? kProcessedVertexSectionHeaderSize : kVertexSectionHeaderSize;
-  if (section.size() < headerSize)
-  {
-    ZR_MSG_FMT(DebugMessagePriority::Error, "Moo",
-               "Moo::readVertexSectionHeader section '{}' has {} bytes, fewer than its {}-byte {}header.\n",
-               sectionName, section.size(), headerSize, processed ? "processed-vertices " : "");
-    return false;
-  }
+  return processed ? kProcessedVertexSectionHeaderSize : kVertexSectionHeaderSize;
+}
+} // namespace
 
+bool peekVertexSectionHeader(std::span<const std::byte> section, VertexSectionHeader& out)
+{
+  const size_t headerSize = headerSizeOf(section);
+  if (section.size() < headerSize)
+    return false;
   VertexSectionHeaderRecord record;
   std::memcpy(&record, section.data() + (headerSize - kVertexSectionHeaderSize), sizeof(record));
   out.formatName.assign(record.formatName, static_cast<size_t>(std::find(record.formatName, std::end(record.formatName), '\0') - record.formatName));
   out.vertexCount = record.vertexCount;
-  out.processed = processed;
+  out.processed = headerSize == kProcessedVertexSectionHeaderSize;
   out.payload = section.subspan(headerSize);
   return true;
+}
+
+bool readVertexSectionHeader(std::span<const std::byte> section, std::string_view sectionName,
+                             VertexSectionHeader& out)
+{
+  if (peekVertexSectionHeader(section, out))
+    return true;
+  const size_t headerSize = headerSizeOf(section);
+  ZR_MSG_FMT(DebugMessagePriority::Error, "Moo",
+             "Moo::readVertexSectionHeader section '{}' has {} bytes, fewer than its {}-byte {}header.\n",
+             sectionName, section.size(), headerSize,
+             headerSize == kProcessedVertexSectionHeaderSize ? "processed-vertices " : "");
+  return false;
 }
 
 void writeVertexSectionHeader(std::span<std::byte> section, std::string_view formatName, uint32_t vertexCount)

@@ -45,6 +45,9 @@ struct VertexSectionHeader
 [[nodiscard]] bool checkVertexPayload(VertexSectionHeader& header, uint32_t sourceStride,
                                       std::string_view sectionName);
 
+// readVertexSectionHeader without a message: false when the section is shorter than its header.
+[[nodiscard]] bool peekVertexSectionHeader(std::span<const std::byte> section, VertexSectionHeader& out);
+
 // Writes the header of a vertex section at the start of `section` (at least
 // kVertexSectionHeaderSize bytes, asserted): the name (shorter than its field, asserted) NUL-padded
 // and the count. The reader of what it writes is readVertexSectionHeader.

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 using namespace testutil;
 
@@ -335,19 +336,43 @@ TEST(Compile, OutputIsDeterministicForAnyJobCount)
     else
       sections.push_back({name + ".indices", indexSection(gridIndices<uint16_t>(10 + set))});
   }
+  // Sections large enough to be converted, verified and measured in several slices, one with
+  // unusable vertices in different slices: the verifier's counts and the texel density are
+  // whole-section figures whatever thread measured which slice.
+  sections.push_back({"large.vertices", vertexSection(gridVertices(150, 0.5f))});
+  sections.push_back({"large.indices", indexSection(gridIndices<uint16_t>(150))});
+  std::vector<XyzNuv> loose = gridVertices(120);
+  for (const size_t bad : {size_t(7), size_t(5000), size_t(12345)})
+    loose[bad].px = std::numeric_limits<float>::quiet_NaN();
+  loose[9000].u = std::numeric_limits<float>::infinity();
+  sections.push_back({"loose.vertices", vertexSection(loose)});
   writeFile(model.source, container(sections));
   std::vector<std::byte> first;
+  std::string firstLog;
   for (unsigned jobs : {1u, 1u, 3u})
   {
+    LogCapture log;
     GeometryCompiler compiler;
     compiler.setJobs(jobs);
     ASSERT_TRUE(compiler.compile({model.source.string()}, model.output.string(), true, true, true));
     const auto bytes = readFile(model.output);
     if (first.empty())
+    {
       first = bytes;
+      firstLog = log.text();
+      EXPECT_TRUE(log.contains("Found 3 vertices with invalid positions in \"loose.vertices\"")) << firstLog;
+      EXPECT_TRUE(log.contains("Found 1 vertices with invalid UVs in \"loose.vertices\"")) << firstLog;
+    }
     else
+    {
       EXPECT_EQ(bytes, first) << "jobs " << jobs;
+      EXPECT_EQ(log.text(), firstLog) << "jobs " << jobs;
+    }
   }
+  // Without the verifier, texel density decodes the converted vertices itself: the same file.
+  GeometryCompiler unverified;
+  ASSERT_TRUE(unverified.compile({model.source.string()}, model.output.string(), true, true, false));
+  EXPECT_EQ(readFile(model.output), first);
 }
 
 } // namespace

@@ -63,13 +63,14 @@ bool sameTriangles(const std::vector<IndexT>& decoded, const std::vector<IndexT>
 // decode(bytes) -> (result, output size). Every prefix, a trailing byte and a wrong codec version
 // are refused, each with exactly one error and an empty output.
 template <typename Decode>
-void expectDamageRefused(const std::vector<std::byte>& encoded, Decode decode)
+void expectDamageRefused(std::span<const std::byte> encodedBytes, Decode decode)
 {
   CapturedLog log;
   auto expectRefused = [&](std::span<const std::byte> bytes, size_t length) {
     EXPECT_EQ(decode(bytes), std::make_pair(false, size_t(0))) << "length " << length;
     EXPECT_EQ(log.takeErrorCount(), 1u) << "length " << length;
   };
+  const std::vector<std::byte> encoded(encodedBytes.begin(), encodedBytes.end());
   for (size_t length = 0; length < encoded.size(); ++length)
     expectRefused(std::span(encoded).first(length), length);
   std::vector<std::byte> damaged = encoded;
@@ -84,7 +85,7 @@ TEST(EncodedBufferHeader, LayoutAndChecks)
 {
   CapturedLog log;
   EXPECT_EQ(EncodedBufferHeader::kMagic, 1145261637u);
-  const std::vector<std::byte> encoded = MeshDataOptimizer::encodeVertexData(makeSphere(1, 2, 12, 1).vertices, 12);
+  const auto encoded = MeshDataOptimizer::encodeVertexData(makeSphere(1, 2, 12, 1).vertices, 12);
   const unsigned char golden[8] = {'E', 'N', 'C', 'D', 6, 0, 0, 0};
   ASSERT_GT(encoded.size(), 8u);
   EXPECT_EQ(std::memcmp(encoded.data(), golden, 8), 0);
@@ -98,7 +99,7 @@ TEST(EncodedBufferHeader, LayoutAndChecks)
   EXPECT_FALSE(empty.checkHeaderData());
   EXPECT_EQ(log.take(), kInvalidHeader);
 
-  std::vector<std::byte> wrongMagic = encoded;
+  cstdmf::ByteVector wrongMagic = encoded;
   wrongMagic[3] = std::byte('X');
   EXPECT_FALSE(EncodedBufferHeader::readFrom(wrongMagic).checkHeaderMagicVal());
   EXPECT_FALSE(EncodedBufferHeader::readFrom(wrongMagic).checkHeaderData());
@@ -111,7 +112,7 @@ TEST(VertexCoder, RoundTripAndRefusals)
   for (const size_t stride : {size_t(4), size_t(28), size_t(32), size_t(256)})
   {
     const TestMesh mesh = makeSphere(20, 30, stride, 5);
-    const std::vector<std::byte> encoded = MeshDataOptimizer::encodeVertexData(mesh.vertices, stride);
+    const auto encoded = MeshDataOptimizer::encodeVertexData(mesh.vertices, stride);
     EXPECT_EQ(EncodedBufferHeader::readFrom(encoded).getElementCount(), mesh.vertexCount());
     std::vector<std::byte> decoded;
     ASSERT_TRUE(MeshDataOptimizer::decodeVertexData(encoded, stride, decoded)) << stride;
@@ -162,7 +163,7 @@ void checkIndexCoder()
                       decode);
   // Counts the library would assert on, or that the payload cannot hold.
   CapturedLog log;
-  std::vector<std::byte> notTriangles = encoded;
+  cstdmf::ByteVector notTriangles = encoded;
   notTriangles[4] = std::byte(uint8_t(notTriangles[4]) + 1);
   EXPECT_FALSE(decode(notTriangles).first);
   EXPECT_FALSE(decode(withHeader(0xFFFFFFFCu, 100)).first);

@@ -177,7 +177,7 @@ void writeRenderSetStats(std::ostream& out, const GeometryInspection& inspection
                        set.indices.itemsCount / 3);
     if (const auto stats = analyzeRenderSet(inspection, set))
       out << fmt::format(", ACMR {:.3f} ATVR {:.3f} overdraw {:.3f} fetch {:.3f}\n", stats->acmr, stats->atvr,
-                         stats->overdraw, stats->overfetch);
+                         stats->overdraw.value_or(0.0f), stats->overfetch);
     else
       out << ", no statistics: " << (set.usable ? "nothing to analyse" : set.problem) << '\n';
   }
@@ -285,7 +285,7 @@ nlohmann::json geometryToJson(const GeometryInspection& inspection, bool withSta
         {"problem", set.usable ? nlohmann::json(nullptr) : nlohmann::json(set.problem)},
         {"acmr", figure(stats ? stats->acmr : 0.0f)},
         {"atvr", figure(stats ? stats->atvr : 0.0f)},
-        {"overdraw", figure(stats ? stats->overdraw : 0.0f)},
+        {"overdraw", figure(stats ? stats->overdraw.value_or(0.0f) : 0.0f)},
         {"overfetch", figure(stats ? stats->overfetch : 0.0f)},
       });
     }

@@ -200,6 +200,7 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   compiler.setJobs(settings.compilerJobs);
   if (report)
     compiler.setStatistics(&report->statistics);
+  compiler.setOverdrawAnalysis(settings.reportOverdraw);
   std::unique_ptr<MessageRecorder> recorder = cached.record();
   const bool converted = compiler.compile(request, outputText, true, true, true);
   cached.keep(converted, std::move(recorder));

@@ -23,6 +23,8 @@ struct ModelSettings
   // Where the model's statistics go (--report), or null; `reportOrder` is its place in the walk.
   Report* report = nullptr;
   size_t reportOrder = 0;
+  // With a report: measure every render set's overdraw too (--report-overdraw).
+  bool reportOverdraw = false;
   // Print the model's figures as one line on standard output (--stats).
   bool stats = false;
   // The converted-model cache (--cache, --cache-url), or null.

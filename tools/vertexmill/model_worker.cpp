@@ -231,7 +231,9 @@ ModelOutcome convertModelInWorker(const std::string& program, const fs::path& so
                                               cstdmf::toUtf8(output),
                                               std::to_string(settings.compilerJobs),
                                               settings.incremental ? "1" : "0",
-                                              settings.report || settings.stats ? "1" : "0"};
+                                              !settings.report && !settings.stats ? "0"
+                                              : settings.reportOverdraw         ? "2"
+                                                                                : "1"};
   // The worker opens the run's cache itself; the folder is bounded once, by this process.
   std::vector<std::string> workerArguments = arguments;
   if (settings.cache)
@@ -337,8 +339,9 @@ int runModelWorker(const std::vector<std::string>& arguments)
   settings.compilerJobs = jobs == 0 ? 1 : jobs;
   settings.incremental = arguments[3] == "1";
   Report report;
-  if (arguments[4] == "1")
+  if (arguments[4] != "0")
     settings.report = &report;
+  settings.reportOverdraw = arguments[4] == "2";
   if (settings.incremental)
   {
     std::error_code error;

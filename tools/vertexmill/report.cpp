@@ -29,7 +29,12 @@ constexpr int kSchemaVersion = 1;
 
 ordered_json meshStatistics(const MeshDataOptimizer::MeshStatistics& s)
 {
-  return ordered_json{{"acmr", s.acmr}, {"atvr", s.atvr}, {"overdraw", s.overdraw}, {"overfetch", s.overfetch}};
+  // Overdraw is only there when it was measured (--report-overdraw).
+  ordered_json json{{"acmr", s.acmr}, {"atvr", s.atvr}};
+  if (s.overdraw)
+    json["overdraw"] = *s.overdraw;
+  json["overfetch"] = s.overfetch;
+  return json;
 }
 
 double ratio(double numerator, double denominator)
@@ -240,8 +245,11 @@ bool modelReportFromJson(std::string_view text, ModelReport& model)
   try
   {
     const auto mesh = [](const ordered_json& j) {
-      return MeshDataOptimizer::MeshStatistics{j.at("acmr").get<float>(), j.at("atvr").get<float>(),
-                                               j.at("overdraw").get<float>(), j.at("overfetch").get<float>()};
+      MeshDataOptimizer::MeshStatistics statistics{j.at("acmr").get<float>(), j.at("atvr").get<float>(), std::nullopt,
+                                                   j.at("overfetch").get<float>()};
+      if (j.contains("overdraw"))
+        statistics.overdraw = j.at("overdraw").get<float>();
+      return statistics;
     };
     model.source = json.at("source").get<std::string>();
     model.output = json.at("output").get<std::string>();

@@ -156,8 +156,10 @@ TEST(geometry_inspect, StatsAreTheCompilersFiguresForTheSameFile)
   CompileStatistics statistics;
   GeometryCompiler compiler;
   compiler.setStatistics(&statistics);
+  compiler.setOverdrawAnalysis(true);
   ASSERT_TRUE(compiler.compile(request, output.string(), true, true, true));
   ASSERT_EQ(statistics.renderSets.size(), 1u);
+  ASSERT_TRUE(statistics.renderSets[0].before.overdraw && statistics.renderSets[0].after.overdraw);
 
   const RunResult run = inspect({"--json", "--stats", output.string()});
   ASSERT_EQ(run.status, 0) << run.err;
@@ -165,7 +167,7 @@ TEST(geometry_inspect, StatsAreTheCompilersFiguresForTheSameFile)
   const MeshDataOptimizer::MeshStatistics& after = statistics.renderSets[0].after;
   EXPECT_DOUBLE_EQ(set["acmr"].get<double>(), double(after.acmr));
   EXPECT_DOUBLE_EQ(set["atvr"].get<double>(), double(after.atvr));
-  EXPECT_DOUBLE_EQ(set["overdraw"].get<double>(), double(after.overdraw));
+  EXPECT_DOUBLE_EQ(set["overdraw"].get<double>(), double(*after.overdraw));
   EXPECT_DOUBLE_EQ(set["overfetch"].get<double>(), double(after.overfetch));
 }
 

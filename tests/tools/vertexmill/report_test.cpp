@@ -16,10 +16,16 @@ TEST_F(VertexmillTool, ReportDescribesEveryModelInWalkOrder)
   fs::create_directories(path("out"));
 
   std::vector<std::string> orderWithOneJob;
+  nlohmann::json setWithOneJob;
   for (const char* jobs : {"1", "3"})
   {
-    const RunResult result = run({"--tree", "--keep-going", "--jobs", jobs, "--report", str("out/report.json"),
-                                  "--src-path", str("art"), "--dst-path", str("out")});
+    // The second run also asks for overdraw figures, which only that run's report holds.
+    const bool overdraw = std::string(jobs) == "3";
+    std::vector<std::string> arguments = {"--tree", "--keep-going", "--jobs", jobs, "--report", str("out/report.json"),
+                                          "--src-path", str("art"), "--dst-path", str("out")};
+    if (overdraw)
+      arguments.push_back("--report-overdraw");
+    const RunResult result = run(arguments);
     EXPECT_EQ(result.status, 3) << result.err;
     const auto report = nlohmann::json::parse(readFile(path("out/report.json")));
     EXPECT_EQ(report["schema"], "vertexmill-report");
@@ -55,6 +61,20 @@ TEST_F(VertexmillTool, ReportDescribesEveryModelInWalkOrder)
     EXPECT_EQ(ship["renderSets"][0]["name"], "hull");
     EXPECT_TRUE(ship["renderSets"][0]["optimized"].get<bool>());
     EXPECT_GT(ship["renderSets"][0]["before"]["acmr"].get<double>(), 0.0);
+    nlohmann::json set = ship["renderSets"][0];
+    for (const char* when : {"before", "after"})
+    {
+      EXPECT_EQ(set[when].contains("overdraw"), overdraw) << set.dump();
+      if (overdraw)
+      {
+        EXPECT_GE(set[when]["overdraw"].get<double>(), 1.0) << set.dump();
+      }
+      set[when].erase("overdraw");
+    }
+    // The other figures do not depend on the jobs or on measuring overdraw.
+    if (setWithOneJob.is_null())
+      setWithOneJob = set;
+    EXPECT_EQ(set, setWithOneJob);
     EXPECT_EQ(ship["companions"][0]["name"], "a_ship.collision");
     EXPECT_EQ(ship["companions"][0]["bytes"], 100);
     EXPECT_EQ(ship["verifier"].size(), 2u);

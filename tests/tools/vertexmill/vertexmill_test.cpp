@@ -54,6 +54,8 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "files the model was made from, for Ninja and Make\n"
     "      --report-html <FILE>       write the report as one self-contained HTML page, with previews, "
     "to FILE\n"
+    "      --report-overdraw          with --report or --report-html, also measure the overdraw of every "
+    "render set (costly: about a third of the optimisation again)\n"
     "      --stats                    print one line of figures per model on standard output\n"
     "      --no-progress              do not show the progress line on a terminal\n"
     "  -V, --version                  print the tool's name and version\n"
