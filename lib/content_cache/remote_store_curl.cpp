@@ -60,6 +60,7 @@ constexpr const char* kCurlLibrary = "libcurl.so.4";
 
 struct Curl
 {
+  std::unique_ptr<platform::SharedLibrary> library;
   decltype(&curl_global_init) globalInit = nullptr;
   decltype(&curl_easy_init) easyInit = nullptr;
   decltype(&curl_easy_setopt) easySetopt = nullptr;
@@ -77,14 +78,14 @@ const Curl* loadCurl(std::string& problem)
   static const Curl* s_curl = nullptr;
   static std::string s_problem;
   std::call_once(s_once, [] {
-    auto* library = new platform::SharedLibrary(kCurlLibrary);
+    auto api = std::make_unique<Curl>();
+    api->library = std::make_unique<platform::SharedLibrary>(kCurlLibrary);
+    const platform::SharedLibrary* library = api->library.get();
     if (!library->loaded())
     {
       s_problem = std::string("cannot load ") + kCurlLibrary + ": " + library->error();
-      delete library;
       return;
     }
-    auto* api = new Curl;
     std::string missing;
     const auto resolve = [&](auto& slot, const char* name) {
       if (!missing.empty())
@@ -106,12 +107,8 @@ const Curl* loadCurl(std::string& problem)
     else if (api->globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK)
       s_problem = "cannot initialise the HTTP library";
     if (!s_problem.empty())
-    {
-      delete api;
-      delete library;
       return;
-    }
-    s_curl = api; // the library stays loaded for as long as the process runs
+    s_curl = api.release(); // the library stays loaded for as long as the process runs
   });
   if (!s_curl)
     problem = s_problem;

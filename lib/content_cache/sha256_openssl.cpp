@@ -6,6 +6,7 @@
 
 #include <openssl/evp.h>
 
+#include <memory>
 #include <mutex>
 #include <type_traits>
 
@@ -20,6 +21,7 @@ constexpr const char* kCryptoLibrary = "libcrypto.so.3";
 
 struct Crypto
 {
+  std::unique_ptr<platform::SharedLibrary> library;
   decltype(&EVP_MD_CTX_new) contextNew = nullptr;
   decltype(&EVP_MD_CTX_free) contextFree = nullptr;
   decltype(&EVP_sha256) sha256 = nullptr;
@@ -36,14 +38,14 @@ const Crypto* loadCrypto(std::string& problem)
   static const Crypto* s_crypto = nullptr;
   static std::string s_problem;
   std::call_once(s_once, [] {
-    auto* library = new platform::SharedLibrary(kCryptoLibrary);
+    auto api = std::make_unique<Crypto>();
+    api->library = std::make_unique<platform::SharedLibrary>(kCryptoLibrary);
+    const platform::SharedLibrary* library = api->library.get();
     if (!library->loaded())
     {
       s_problem = std::string("cannot load ") + kCryptoLibrary + ": " + library->error();
-      delete library;
       return;
     }
-    auto* api = new Crypto;
     const auto resolve = [&](auto& slot, const char* name) {
       if (!s_problem.empty())
         return;
@@ -59,12 +61,8 @@ const Crypto* loadCrypto(std::string& problem)
     resolve(api->digestUpdate, "EVP_DigestUpdate");
     resolve(api->digestFinal, "EVP_DigestFinal_ex");
     if (!s_problem.empty())
-    {
-      delete api;
-      delete library;
       return;
-    }
-    s_crypto = api; // the library stays loaded for as long as the process runs
+    s_crypto = api.release(); // the library stays loaded for as long as the process runs
   });
   if (!s_crypto)
     problem = s_problem;
