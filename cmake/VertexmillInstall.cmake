@@ -81,5 +81,9 @@ else()
   set(CPACK_DEBIAN_PACKAGE_SECTION devel)
   # Depends worked out from the shared libraries the tools link (dpkg-shlibdeps, from dpkg-dev).
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # and those vertexmill loads when first used, which no link names (lib/content_cache): libcurl
+  # for --cache-url, libcrypto for the cache and --shard. The versions are those of the oldest
+  # packages with every function it looks up.
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS "libcurl4 (>= 7.16.2), libssl3 (>= 3.0.0)")
 endif()
 include(CPack)

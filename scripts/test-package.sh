@@ -30,7 +30,8 @@ echo "   $(basename "$deb"), $(stat -c %s "$deb") bytes"
 # Depends: each package named must be installed here, in a version that satisfies it.
 depends=$(dpkg-deb -f "$deb" Depends)
 [[ -n "$depends" ]] || fail "the package has no Depends"
-for library in libmeshoptimizer libspdlog libfmt zlib1g libstdc++; do
+# libcurl4 and libssl3 hold libraries that vertexmill loads while it runs, which shlibdeps cannot see.
+for library in libmeshoptimizer libspdlog libfmt zlib1g libstdc++ libcurl4 libssl3; do
   [[ "$depends" == *"$library"* ]] || fail "Depends does not name $library: $depends"
 done
 IFS=',' read -ra clauses <<<"$depends"
@@ -84,4 +85,7 @@ run "$bin/geometry_inspect" --validate "$work/installed/examples/props/crate.geo
 run "$bin/primitives_from_obj" --procedural cube "$work/cube.primitives" >/dev/null || fail "the installed importer failed"
 run "$bin/vertexmill" "$work/cube.primitives" "$work" || fail "the imported cube does not convert"
 [[ -s "$work/cube.geometry" ]] || fail "no cube.geometry"
+# The cache hashes with a library loaded only when it is needed: it must be found from here too.
+run "$bin/vertexmill" --cache "$work/cache" "$work/cube.primitives" "$work" || fail "the installed vertexmill cannot use a cache"
+[[ -n "$(find "$work/cache" -type f)" ]] || fail "the installed vertexmill kept nothing in its cache"
 echo "   installed with dpkg into an empty root; the tools run from it and convert the examples"

@@ -1,10 +1,14 @@
 #include "content_cache/remote_store.hpp"
 
+#include "cstdmf/platform.hpp"
+
 #include <curl/curl.h>
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <type_traits>
 
 namespace content_cache
 {
@@ -49,57 +53,118 @@ size_t provide(char* buffer, size_t size, size_t count, void* user)
   return bytes;
 }
 
+// libcurl is loaded on the first request, not linked: it pulls in some twenty libraries of its
+// own, which every run would pay for at start-up, and only runs with a remote cache use it. The
+// header still gives the types and constants.
+constexpr const char* kCurlLibrary = "libcurl.so.4";
+
+struct Curl
+{
+  std::unique_ptr<platform::SharedLibrary> library;
+  decltype(&curl_global_init) globalInit = nullptr;
+  decltype(&curl_easy_init) easyInit = nullptr;
+  decltype(&curl_easy_setopt) easySetopt = nullptr;
+  decltype(&curl_easy_perform) easyPerform = nullptr;
+  decltype(&curl_easy_getinfo) easyGetinfo = nullptr;
+  decltype(&curl_easy_cleanup) easyCleanup = nullptr;
+  decltype(&curl_easy_strerror) easyStrerror = nullptr;
+};
+
+// The library, loaded and initialised once for the process and never unloaded (requests may run
+// on several threads until the end). Null with the reason when it cannot be used.
+const Curl* loadCurl(std::string& problem)
+{
+  static std::once_flag s_once;
+  static const Curl* s_curl = nullptr;
+  static std::string s_problem;
+  std::call_once(s_once, [] {
+    auto api = std::make_unique<Curl>();
+    api->library = std::make_unique<platform::SharedLibrary>(kCurlLibrary);
+    const platform::SharedLibrary* library = api->library.get();
+    if (!library->loaded())
+    {
+      s_problem = std::string("cannot load ") + kCurlLibrary + ": " + library->error();
+      return;
+    }
+    std::string missing;
+    const auto resolve = [&](auto& slot, const char* name) {
+      if (!missing.empty())
+        return;
+      std::string reason;
+      slot = library->function<std::remove_reference_t<decltype(slot)>>(name, &reason);
+      if (!slot)
+        missing = reason;
+    };
+    resolve(api->globalInit, "curl_global_init");
+    resolve(api->easyInit, "curl_easy_init");
+    resolve(api->easySetopt, "curl_easy_setopt");
+    resolve(api->easyPerform, "curl_easy_perform");
+    resolve(api->easyGetinfo, "curl_easy_getinfo");
+    resolve(api->easyCleanup, "curl_easy_cleanup");
+    resolve(api->easyStrerror, "curl_easy_strerror");
+    if (!missing.empty())
+      s_problem = std::string("cannot use ") + kCurlLibrary + ": " + missing;
+    else if (api->globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK)
+      s_problem = "cannot initialise the HTTP library";
+    if (!s_problem.empty())
+      return;
+    s_curl = api.release(); // the library stays loaded for as long as the process runs
+  });
+  if (!s_curl)
+    problem = s_problem;
+  return s_curl;
+}
+
 struct EasyDeleter
 {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+  const Curl* api;
+  void operator()(CURL* handle) const { api->easyCleanup(handle); }
 };
 
 // One request. Returns the HTTP status, or 0 with the transport's reason in `problem`.
 long request(const std::string& url, const RemoteTimeouts& timeouts, const std::string_view* putBody,
              Download* download, std::string& problem)
 {
-  static const bool s_initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-  if (!s_initialised)
-  {
-    problem = "cannot initialise the HTTP library";
+  const Curl* api = loadCurl(problem);
+  if (!api)
     return 0;
-  }
-  std::unique_ptr<CURL, EasyDeleter> handle(curl_easy_init());
+  std::unique_ptr<CURL, EasyDeleter> handle(api->easyInit(), EasyDeleter{api});
   if (!handle)
   {
     problem = "cannot initialise the HTTP library";
     return 0;
   }
   CURL* curl = handle.get();
+  const auto setopt = api->easySetopt; // the values below are of the types the options take
   char errorText[CURL_ERROR_SIZE] = {};
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L); // several threads; no SIGALRM for timeouts
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, timeouts.connectSeconds);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, timeouts.requestSeconds);
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
+  setopt(curl, CURLOPT_URL, url.c_str());
+  setopt(curl, CURLOPT_ERRORBUFFER, errorText);
+  setopt(curl, CURLOPT_NOSIGNAL, 1L); // several threads; no SIGALRM for timeouts
+  setopt(curl, CURLOPT_CONNECTTIMEOUT, timeouts.connectSeconds);
+  setopt(curl, CURLOPT_TIMEOUT, timeouts.requestSeconds);
+  setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  setopt(curl, CURLOPT_MAXREDIRS, 5L);
   Upload upload;
   if (putBody)
   {
     upload.body = *putBody;
-    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, provide);
-    curl_easy_setopt(curl, CURLOPT_READDATA, &upload);
-    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(putBody->size()));
+    setopt(curl, CURLOPT_UPLOAD, 1L);
+    setopt(curl, CURLOPT_READFUNCTION, provide);
+    setopt(curl, CURLOPT_READDATA, &upload);
+    setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(putBody->size()));
   }
   Download ignored;
   Download* sink = download ? download : &ignored;
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
-  const CURLcode code = curl_easy_perform(curl);
+  setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+  setopt(curl, CURLOPT_WRITEDATA, sink);
+  const CURLcode code = api->easyPerform(curl);
   if (code != CURLE_OK)
   {
-    problem = sink->tooLarge ? std::string("answer too large") : std::string(errorText[0] ? errorText : curl_easy_strerror(code));
+    problem = sink->tooLarge ? std::string("answer too large") : std::string(errorText[0] ? errorText : api->easyStrerror(code));
     return 0;
   }
   long status = 0;
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+  api->easyGetinfo(curl, CURLINFO_RESPONSE_CODE, &status);
   return status;
 }
 } // namespace

@@ -1,6 +1,7 @@
 #pragma once
-// SHA-256 from the system's cryptography library: libcrypto on POSIX systems, BCrypt on Windows
-// (part of the system, so the Windows build needs no further library).
+// SHA-256 from the system's cryptography library: libcrypto on POSIX systems, loaded on first use
+// so that runs without a cache do not pay for it at start-up; BCrypt on Windows (part of the
+// system, so the Windows build needs no further library).
 
 #include <array>
 #include <cstddef>
@@ -14,6 +15,11 @@ namespace content_cache
 {
 
 using Digest = std::array<uint8_t, 32>;
+
+// True when SHA-256 can be computed; false, with the reason (naming the library), when the
+// library that computes it cannot be loaded. Hashing without it is a critical error: whatever
+// needs hashes asks this first and refuses to start otherwise.
+[[nodiscard]] bool sha256Available(std::string& problem);
 
 // Incremental hashing: update() any number of times, then finish() once.
 class Sha256

@@ -21,6 +21,11 @@ struct Sha256::State
   }
 };
 
+bool sha256Available(std::string&)
+{
+  return true;
+}
+
 Sha256::Sha256() : m_state(std::make_unique<State>())
 {
   ZR_ASSERT(BCRYPT_SUCCESS(BCryptOpenAlgorithmProvider(&m_state->algorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0)));

@@ -138,6 +138,42 @@ inline std::optional<int> runProcess(const std::string& program, const std::vect
 // but not for the logging sinks, which write to the handles directly. Nothing to do elsewhere.
 void useBinaryStandardStreams();
 
+// A shared library opened while the program runs, for a dependency that only some runs need:
+// the others do not pay for loading it (and what it pulls in) at start-up. Opened by file name
+// ("libcurl.so.4", "bcrypt.dll"), searched for where the system searches for the libraries a
+// program links; closed when the object goes.
+class SharedLibrary
+{
+public:
+  explicit SharedLibrary(const std::string& fileName);
+  ~SharedLibrary();
+  SharedLibrary(const SharedLibrary&) = delete;
+  SharedLibrary& operator=(const SharedLibrary&) = delete;
+
+  bool loaded() const { return m_handle != nullptr; }
+  // The file name it was opened with.
+  const std::string& fileName() const { return m_fileName; }
+  // The system's reason why it could not be opened; empty when it was.
+  const std::string& error() const { return m_error; }
+
+  // Address of an exported function or object; null when the library has no such symbol (or is
+  // not loaded), with the system's reason in `*problem` when given.
+  void* symbol(const char* name, std::string* problem = nullptr) const;
+
+  // The same, as a pointer of the type of the declaration it stands for:
+  // function<decltype(&curl_easy_init)>("curl_easy_init").
+  template <typename Function>
+  Function function(const char* name, std::string* problem = nullptr) const
+  {
+    return reinterpret_cast<Function>(symbol(name, problem));
+  }
+
+private:
+  std::string m_fileName;
+  std::string m_error;
+  void* m_handle = nullptr;
+};
+
 #ifdef _WIN32
 // The command line of a wide-character entry point (wmain) as UTF-8 text, in the shape of main's
 // arguments: argv()[argc()] is null. The strings live as long as this object.

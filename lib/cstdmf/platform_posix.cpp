@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -273,6 +274,46 @@ VersionStrings executableVersionStrings(const std::string&, const std::vector<st
   VersionStrings strings;
   strings.values.resize(names.size());
   return strings;
+}
+
+namespace
+{
+// dlerror's text of the last failure, or the fallback when there is none.
+std::string dynamicLinkerError(const char* fallback)
+{
+  const char* text = ::dlerror();
+  return text != nullptr && *text != '\0' ? std::string(text) : std::string(fallback);
+}
+} // namespace
+
+SharedLibrary::SharedLibrary(const std::string& fileName) : m_fileName(fileName)
+{
+  // Everything resolved now, so a library that lacks a symbol fails here rather than mid-call;
+  // its symbols stay out of the global scope.
+  m_handle = ::dlopen(fileName.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (m_handle == nullptr)
+    m_error = dynamicLinkerError("not found");
+}
+
+SharedLibrary::~SharedLibrary()
+{
+  if (m_handle != nullptr)
+    ::dlclose(m_handle);
+}
+
+void* SharedLibrary::symbol(const char* name, std::string* problem) const
+{
+  if (m_handle == nullptr)
+  {
+    if (problem != nullptr)
+      *problem = m_fileName + " is not loaded";
+    return nullptr;
+  }
+  (void)::dlerror(); // a null symbol is only an error when dlerror says so
+  void* address = ::dlsym(m_handle, name);
+  if (address == nullptr && problem != nullptr)
+    *problem = dynamicLinkerError("no such symbol");
+  return address;
 }
 
 } // namespace platform

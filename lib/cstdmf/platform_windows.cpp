@@ -415,4 +415,55 @@ VersionStrings executableVersionStrings(const std::string& utf8Path, const std::
   return strings;
 }
 
+namespace
+{
+// The system's text for an error code, without the line break it ends with.
+std::string systemErrorText(DWORD code)
+{
+  wchar_t* buffer = nullptr;
+  const DWORD length =
+    ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                     code, 0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+  std::wstring_view text(buffer != nullptr ? buffer : L"", length);
+  while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ' || text.back() == L'.'))
+    text.remove_suffix(1);
+  std::string result = narrow(text);
+  if (buffer != nullptr)
+    ::LocalFree(buffer);
+  return result.empty() ? "error " + std::to_string(code) : result;
+}
+} // namespace
+
+SharedLibrary::SharedLibrary(const std::string& fileName) : m_fileName(fileName)
+{
+  // Searched in the system's default order; no error box for a library that is missing.
+  const UINT previousMode = ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
+  const HMODULE module = ::LoadLibraryW(widen(fileName).c_str());
+  const DWORD error = ::GetLastError();
+  ::SetErrorMode(previousMode);
+  m_handle = reinterpret_cast<void*>(module);
+  if (module == nullptr)
+    m_error = systemErrorText(error);
+}
+
+SharedLibrary::~SharedLibrary()
+{
+  if (m_handle != nullptr)
+    ::FreeLibrary(static_cast<HMODULE>(m_handle));
+}
+
+void* SharedLibrary::symbol(const char* name, std::string* problem) const
+{
+  if (m_handle == nullptr)
+  {
+    if (problem != nullptr)
+      *problem = m_fileName + " is not loaded";
+    return nullptr;
+  }
+  const FARPROC address = ::GetProcAddress(static_cast<HMODULE>(m_handle), name);
+  if (address == nullptr && problem != nullptr)
+    *problem = systemErrorText(::GetLastError());
+  return reinterpret_cast<void*>(address);
+}
+
 } // namespace platform

@@ -1,6 +1,6 @@
 // The platform layer, mostly through a child process (platform_probe) that reports what it sees:
 // argument passing, exit statuses, working directories, file names outside ASCII, the executable's
-// own path and the standard folders.
+// own path and the standard folders; libraries loaded at run time.
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 #include "fatal_exit_status.hpp"
@@ -202,6 +202,32 @@ TEST_F(Platform, KnownFolders)
   EXPECT_NE(platform::knownFolder(platform::KnownFolder::RoamingAppData),
             platform::knownFolder(platform::KnownFolder::LocalAppData));
 #endif
+}
+
+TEST(SharedLibrary, LoadsTheSystemsCLibraryAndSaysWhyOthersFail)
+{
+#ifdef _WIN32
+  const std::string cLibrary = "msvcrt.dll";
+#else
+  const std::string cLibrary = "libc.so.6";
+#endif
+  const platform::SharedLibrary library(cLibrary);
+  ASSERT_TRUE(library.loaded()) << library.error();
+  EXPECT_EQ(library.error(), "");
+  std::string problem;
+  const auto length = library.function<size_t (*)(const char*)>("strlen", &problem);
+  ASSERT_NE(length, nullptr) << problem;
+  EXPECT_EQ(length("vertexmill"), 10u);
+  EXPECT_EQ(library.symbol("no_such_function_in_any_library", &problem), nullptr);
+  EXPECT_NE(problem, "");
+
+  const platform::SharedLibrary missing("libvertexmill_no_such_library.so.1");
+  EXPECT_FALSE(missing.loaded());
+  EXPECT_NE(missing.error(), "");
+  EXPECT_EQ(missing.fileName(), "libvertexmill_no_such_library.so.1");
+  problem.clear();
+  EXPECT_EQ(missing.symbol("strlen", &problem), nullptr);
+  EXPECT_NE(problem.find("libvertexmill_no_such_library.so.1"), std::string::npos) << problem;
 }
 
 #ifdef _WIN32

@@ -1,6 +1,7 @@
 #include "cache_options.hpp"
 
 #include "content_cache/remote_store.hpp"
+#include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "model_cache.hpp"
 
@@ -82,6 +83,14 @@ bool resolveCacheOptions(CacheOptions& options)
   if (options.url && !content_cache::RemoteStore::supported())
   {
     std::fputs("ERROR: --cache-url is not available in this build (no HTTP library)\n", stderr);
+    return false;
+  }
+  // Keys are SHA-256 hashes: without the library that computes them there is no cache at all,
+  // which is said before any work rather than found in the middle of it.
+  std::string problem;
+  if ((options.directory || options.url) && !content_cache::sha256Available(problem))
+  {
+    std::fprintf(stderr, "ERROR: the cache needs SHA-256, which is not available: %s\n", problem.c_str());
     return false;
   }
   return true;

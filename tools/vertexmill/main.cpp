@@ -6,6 +6,7 @@
 
 #include "cache_options.hpp"
 #include "console_router.hpp"
+#include "content_cache/sha256.hpp"
 #include "critical_handler.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
@@ -625,6 +626,12 @@ int vertexmillMain(int argc, const char* const* argv)
   if (args.shard && !args.tree)
   {
     std::fputs("ERROR: --shard works in tree mode only\n", stderr);
+    return kExitBadCommandLine;
+  }
+  if (std::string problem; args.shard && !content_cache::sha256Available(problem))
+  {
+    // Shards are chosen by SHA-256 hashes of the models' paths.
+    std::fprintf(stderr, "ERROR: --shard needs SHA-256, which is not available: %s\n", problem.c_str());
     return kExitBadCommandLine;
   }
   if (!args.depfilePath.empty() && args.tree)
