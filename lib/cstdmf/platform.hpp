@@ -47,6 +47,9 @@ int terminalWidth(int stream);
 // Opens a file by its UTF-8 path with a C stdio mode ("rb", "wb"); null on failure. Wide
 // characters are used underneath where the system needs them.
 std::FILE* openFile(const std::string& utf8Path, const char* mode);
+// Moves the file's position to `offset` bytes from its start, past 2 GiB too. False on failure
+// (errno set).
+bool seekFile(std::FILE* file, uint64_t offset);
 
 // Process id of the current process.
 unsigned long processId();

@@ -1,6 +1,9 @@
 // The POSIX side of the platform layer (Linux and other Unix-like build hosts).
 #include "cstdmf/platform.hpp"
 
+#include <cerrno>
+#include <limits>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -105,6 +108,16 @@ int terminalWidth(int stream)
 std::FILE* openFile(const std::string& utf8Path, const char* mode)
 {
   return std::fopen(utf8Path.c_str(), mode);
+}
+
+bool seekFile(std::FILE* file, uint64_t offset)
+{
+  if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()))
+  {
+    errno = EOVERFLOW;
+    return false;
+  }
+  return ::fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0;
 }
 
 unsigned long processId()

@@ -3,6 +3,9 @@
 // the process's ANSI code page is.
 #include "cstdmf/platform.hpp"
 
+#include <cerrno>
+#include <limits>
+
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
@@ -231,6 +234,16 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode)
   if (wide.empty())
     return nullptr;
   return ::_wfopen(wide.c_str(), widen(mode).c_str());
+}
+
+bool seekFile(std::FILE* file, uint64_t offset)
+{
+  if (offset > static_cast<uint64_t>(std::numeric_limits<__int64>::max()))
+  {
+    errno = EOVERFLOW;
+    return false;
+  }
+  return ::_fseeki64(file, static_cast<__int64>(offset), SEEK_SET) == 0;
 }
 
 unsigned long processId()

@@ -39,12 +39,6 @@ std::string_view sectionKind(std::string_view name)
   return name;
 }
 
-std::span<const std::byte> bytesOf(const BinaryPtr& block)
-{
-  if (!block)
-    return {};
-  return {reinterpret_cast<const std::byte*>(block->data()), block->len()};
-}
 } // namespace
 
 GeometryCompiler::GeometryCompiler() = default;
@@ -113,16 +107,60 @@ void GeometryCompiler::clear()
 bool GeometryCompiler::loadPrimitives(const Request& request)
 {
   ZR_GUARD("GeometryCompiler::loadPrimitives");
-  BinFile binFile;
-  if (!readFile(request.primitivesPath, binFile))
-    return false;
-  if (!packLOD(binFile))
+  // The file is read one section at a time: a model never holds its whole source in memory.
+  m_resourceName = request.primitivesPath;
+  const std::string& path = request.primitivesPath;
+  FileSections sections;
+  switch (sections.open(path))
   {
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load packLOD failed for '%s'.\n", request.primitivesPath.c_str());
+  case FileSections::Failure::None:
+    break;
+  case FileSections::Failure::Read:
+    reportReadFailure(path, sections.readStatus(), sections.reason(), sections.bytesRead(), sections.fileSize());
+    return false;
+  case FileSections::Failure::Empty:
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load file size is 0 for resource '%s'.\n", path.c_str());
+    return false;
+  case FileSections::Failure::Index:
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load parseBinSectionEntries for resource '%s' failed.\n", path.c_str());
     return false;
   }
-  binFile.children.clear();
+  if (m_statistics)
+    m_statistics->inputBytes = sections.fileSize();
+  if (sections.count() == 0)
+  {
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load binFile.children is empty for '%s'!.\n", path.c_str());
+    return false;
+  }
+  if (!packSections(sections))
+  {
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load packLOD failed for '%s'.\n", path.c_str());
+    return false;
+  }
   return true;
+}
+
+void GeometryCompiler::reportReadFailure(const std::string& path, fileio::ReadStatus status, const std::string& reason,
+                                         size_t bytesRead, uint64_t fileSize)
+{
+  switch (status)
+  {
+  case fileio::ReadStatus::Ok:
+    break;
+  case fileio::ReadStatus::CannotOpen:
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' failed to open.\n", path.c_str());
+    break;
+  case fileio::ReadStatus::CannotSize:
+  case fileio::ReadStatus::TooLarge:
+  case fileio::ReadStatus::OutOfMemory:
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' cannot be read: %s.\n", path.c_str(), reason.c_str());
+    break;
+  case fileio::ReadStatus::ShortRead:
+    ZR_MSG(kError, kCategory,
+           "GeometryCompiler::load file read '%d' bytes which is different with filesize '%d' for resource '%s'.\n",
+           static_cast<int>(bytesRead), static_cast<int>(fileSize), path.c_str());
+    break;
+  }
 }
 
 bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
@@ -132,23 +170,9 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
   m_resourceName = path;
 
   const fileio::ReadResult read = fileio::readWholeFile(path, "Geometry");
-  switch (read.status)
+  if (!read)
   {
-  case fileio::ReadStatus::Ok:
-    break;
-  case fileio::ReadStatus::CannotOpen:
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' failed to open.\n", path.c_str());
-    return false;
-  case fileio::ReadStatus::CannotSize:
-  case fileio::ReadStatus::TooLarge:
-  case fileio::ReadStatus::OutOfMemory:
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' cannot be read: %s.\n", path.c_str(),
-           read.reason.c_str());
-    return false;
-  case fileio::ReadStatus::ShortRead:
-    ZR_MSG(kError, kCategory,
-           "GeometryCompiler::load file read '%d' bytes which is different with filesize '%d' for resource '%s'.\n",
-           static_cast<int>(read.bytesRead), static_cast<int>(read.fileSize), path.c_str());
+    reportReadFailure(path, read.status, read.reason, read.bytesRead, read.fileSize);
     return false;
   }
   if (read.block->len() == 0)
@@ -181,21 +205,29 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
 bool GeometryCompiler::packLOD(const BinFile& binFile)
 {
   m_resourceName = binFile.resourceName;
-  reserveMergedBuffers(binFile);
-  for (const auto& [name, block] : binFile.children)
+  BlockSections sections(binFile.children);
+  return packSections(sections);
+}
+
+bool GeometryCompiler::packSections(SectionSource& sections)
+{
+  reserveMergedBuffers(sections);
+  for (size_t i = 0; i < sections.count(); ++i)
   {
+    const std::string& name = sections.name(i);
     if (name.empty())
     {
       ZR_MSG(kWarning, kCategory,
              "GeometryCompiler::packLOD found a section with the empty name for file '%s'! Ignoring it.\n",
-             binFile.resourceName.c_str());
+             m_resourceName.c_str());
       continue;
     }
 
     const std::string_view kind = sectionKind(name);
     if (kind == kVerticesKind)
     {
-      if (!packVertices(name, block))
+      const std::optional<std::span<const std::byte>> bytes = sections.bytes(i);
+      if (!bytes || !packVertices(name, *bytes))
       {
         ZR_MSG(kError, kCategory, "GeometryCompiler::packLOD packVertices for section '%s' failed.\n", name.c_str());
         return false;
@@ -206,7 +238,8 @@ bool GeometryCompiler::packLOD(const BinFile& binFile)
     }
     else if (kind == kIndicesKind)
     {
-      if (!packIndices(name, block))
+      const std::optional<std::span<const std::byte>> bytes = sections.bytes(i);
+      if (!bytes || !packIndices(name, *bytes))
       {
         ZR_MSG(kError, kCategory, "GeometryCompiler::packLOD packIndices for section '%s' failed.\n", name.c_str());
         return false;
@@ -224,16 +257,16 @@ bool GeometryCompiler::packLOD(const BinFile& binFile)
       ZR_MSG(kWarning, kCategory,
              "GeometryCompiler::packLOD found a section with an unexpected name '%s' for file '%s'! Consider removing "
              "it because it wastes space. Ignoring it.\n",
-             name.c_str(), binFile.resourceName.c_str());
+             name.c_str(), m_resourceName.c_str());
     }
   }
   return true;
 }
 
-bool GeometryCompiler::packVertices(const std::string& sectionName, const BinaryPtr& section)
+bool GeometryCompiler::packVertices(const std::string& sectionName, std::span<const std::byte> section)
 {
   Moo::VertexSectionHeader header;
-  if (!Moo::readVertexSectionHeader(bytesOf(section), sectionName, header))
+  if (!Moo::readVertexSectionHeader(section, sectionName, header))
     return false;
   if (header.processed)
     ZR_MSG(kWarning, kCategory, "GeometryCompiler::getVertexHeader got already processed vertices which is suspicious. \n");
@@ -341,7 +374,7 @@ bool GeometryCompiler::convertAndVerify(std::span<std::byte> destination, std::s
   return true;
 }
 
-void GeometryCompiler::reserveMergedBuffers(const BinFile& binFile)
+void GeometryCompiler::reserveMergedBuffers(SectionSource& sections)
 {
   MergedGeometry::VertexBuffers& vertices = m_mergedGeometry.vertices();
   MergedGeometry::IndexBuffers& indices = m_mergedGeometry.indices();
@@ -354,26 +387,29 @@ void GeometryCompiler::reserveMergedBuffers(const BinFile& binFile)
       }
     buffers.expectedSizes.emplace_back(formatName, bytes);
   };
-  for (const auto& [name, block] : binFile.children)
+  for (size_t i = 0; i < sections.count(); ++i)
   {
-    const std::span<const std::byte> section = bytesOf(block);
-    const std::string_view kind = sectionKind(name);
+    const std::string_view kind = sectionKind(sections.name(i));
     if (kind == kVerticesKind)
     {
       Moo::VertexSectionHeader header;
-      if (!Moo::peekVertexSectionHeader(section, header))
+      const size_t sectionSize = sections.sectionSize(i);
+      if (!Moo::peekVertexSectionHeader(sections.head(i, Moo::kProcessedVertexSectionHeaderSize), header))
         continue;
       const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByFormatName(header.formatName);
       if (!format || format->m_format.streams.size() != 1 || format->m_gpuFormat.streams.size() != 1)
         continue;
       const uint64_t sourceStride = ari::VertexDeclaration::computeStreamDataSize(format->m_format, 0);
-      if (uint64_t{header.vertexCount} * sourceStride > header.payload.size())
+      const size_t headerSize =
+        header.processed ? Moo::kProcessedVertexSectionHeaderSize : Moo::kVertexSectionHeaderSize;
+      if (uint64_t{header.vertexCount} * sourceStride > sectionSize - headerSize)
         continue;
       expect(vertices, format->gpuFormatName,
              uint64_t{header.vertexCount} * ari::VertexDeclaration::computeStreamDataSize(format->m_gpuFormat, 0));
     }
     else if (kind == kIndicesKind)
     {
+      const std::span<const std::byte> section = sections.head(i, sizeof(Moo::IndexSectionHeaderRecord));
       if (section.size() < sizeof(Moo::IndexSectionHeaderRecord))
         continue;
       Moo::IndexSectionHeaderRecord record;
@@ -383,7 +419,7 @@ void GeometryCompiler::reserveMergedBuffers(const BinFile& binFile)
       if (!format)
         continue;
       const uint64_t bytes = uint64_t{record.indexCount} * ari::getIndexSize(*format);
-      if (bytes <= section.size() - sizeof(record))
+      if (bytes <= sections.sectionSize(i) - sizeof(record))
         expect(indices, std::string(Moo::getIndexFormatName(*format)), bytes);
     }
   }
@@ -392,10 +428,10 @@ void GeometryCompiler::reserveMergedBuffers(const BinFile& binFile)
   std::erase_if(indices.expectedSizes, [](const auto& entry) { return entry.second > std::numeric_limits<uint32_t>::max(); });
 }
 
-bool GeometryCompiler::packIndices(const std::string& sectionName, const BinaryPtr& section)
+bool GeometryCompiler::packIndices(const std::string& sectionName, std::span<const std::byte> section)
 {
   Moo::IndexSectionHeader header;
-  if (!Moo::readIndexSectionHeader(bytesOf(section), sectionName, header))
+  if (!Moo::readIndexSectionHeader(section, sectionName, header))
     return false;
   m_progress.sections.push_back({sectionName, "indices", header.formatName, header.indexCount});
   const std::string formatName(Moo::getIndexFormatName(header.format));

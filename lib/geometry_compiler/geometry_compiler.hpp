@@ -7,6 +7,7 @@
 #include "geometry_compiler/compile_statistics.hpp"
 #include "geometry_compiler/element_columns.hpp"
 #include "geometry_compiler/merged_geometry.hpp"
+#include "geometry_compiler/section_source.hpp"
 #include "geometry_compiler/string_pool.hpp"
 #include "moo/index_format.hpp"
 #include "resmgr/binary_block.hpp"
@@ -104,10 +105,10 @@ public:
 
   // Converts one vertex section to its GPU format and merges it. False on a malformed section or
   // an unknown or unconvertible format (reported).
-  [[nodiscard]] bool packVertices(const std::string& sectionName, const BinaryPtr& section);
+  [[nodiscard]] bool packVertices(const std::string& sectionName, std::span<const std::byte> section);
 
   // Merges one index section unchanged. False on a malformed section (reported).
-  [[nodiscard]] bool packIndices(const std::string& sectionName, const BinaryPtr& section);
+  [[nodiscard]] bool packIndices(const std::string& sectionName, std::span<const std::byte> section);
 
   // Links a vertex section with its index section once both are merged: checks that every index
   // is below the section's vertex count and computes the pair's texel density. Nothing happens
@@ -177,7 +178,12 @@ private:
   void updateTexelDensity(GeometryCompilerDetail::MappingEntry& vertices, GeometryCompilerDetail::MappingEntry& indices);
   // Reserves every merged buffer's final size from the section headers, so that no buffer moves
   // while sections are added. Headers it cannot read are left to the packing to report.
-  void reserveMergedBuffers(const BinFile& binFile);
+  void reserveMergedBuffers(GeometryCompilerDetail::SectionSource& sections);
+  // packLOD over any source of sections.
+  [[nodiscard]] bool packSections(GeometryCompilerDetail::SectionSource& sections);
+  // Reports a file that could not be read, in the words of readFile.
+  void reportReadFailure(const std::string& path, fileio::ReadStatus status, const std::string& reason,
+                         size_t bytesRead, uint64_t fileSize);
   // Converts `vertexCount` vertices from `source` into `destination` (in slices, on up to m_jobs
   // threads) and, when verifying, checks them as they are converted, keeping the decoded
   // positions and texture coordinates in `columns` when it is given. False when the formats

@@ -44,27 +44,46 @@ constexpr uint64_t roundUp4(uint64_t value)
 
 } // namespace
 
-bool parseBinSectionEntries(
-  const ConstSmartPointer<BinaryBlock>& block,
-  const std::function<void(const char* name, int nameLength, const char* data, int dataLength)>& onEntry)
+std::optional<uint64_t> binSectionIndexStart(uint32_t firstWord, uint64_t fileSize, int32_t indexLength)
 {
-  if (!block || block->len() < 12)
-    return false;
-  const char* bytes = block->data();
-  const uint64_t size = block->len();
-  cstdmf::SpanReader reader(bytes, block->len());
+  if (fileSize < 12)
+    return std::nullopt;
+  const uint64_t firstPayloadOffset = firstWord == BinSection::kMagic ? 4 : 0;
+  // A non-positive index length puts the index at or past the length word; a huge one puts it
+  // before the payloads.
+  const int64_t indexStart = static_cast<int64_t>(fileSize) - indexLength - 4;
+  if (indexStart < static_cast<int64_t>(firstPayloadOffset) || static_cast<uint64_t>(indexStart) >= fileSize - 4)
+    return std::nullopt;
+  return static_cast<uint64_t>(indexStart);
+}
 
-  const bool current = reader.readAt<uint32_t>(0) == BinSection::kMagic;
+bool parseBinSectionIndex(
+  uint32_t firstWord, uint64_t fileSize, uint64_t tailOffset, std::span<const char> tail,
+  const std::function<void(const char* name, int nameLength, uint64_t dataOffset, uint32_t dataLength)>& onEntry)
+{
+  if (fileSize < 12 || tailOffset > fileSize - 4 || tail.size() != fileSize - tailOffset)
+    return false;
+  const uint64_t size = fileSize;
+  // Reads at file positions; nothing before the tail is read.
+  cstdmf::SpanReader tailReader(tail.data(), tail.size());
+  bool inTail = true;
+  const auto readAt = [&](uint64_t pos, auto value) {
+    if (pos < tailOffset)
+    {
+      inTail = false;
+      return decltype(value){};
+    }
+    return tailReader.readAt<decltype(value)>(static_cast<size_t>(pos - tailOffset));
+  };
+
+  const bool current = firstWord == BinSection::kMagic;
   const uint64_t nameMask = current ? 3 : 0;
   const uint64_t firstPayloadOffset = current ? 4 : 0;
 
-  // A non-positive index length puts the index at or past the length word; a huge one puts it
-  // before the payloads.
-  const int32_t indexLength = reader.readAt<int32_t>(size - 4);
-  const int64_t indexStart = static_cast<int64_t>(size) - indexLength - 4;
-  if (indexStart < static_cast<int64_t>(firstPayloadOffset) || static_cast<uint64_t>(indexStart) >= size - 4)
+  const std::optional<uint64_t> indexStart = binSectionIndexStart(firstWord, size, readAt(size - 4, int32_t{}));
+  if (!indexStart)
     return false;
-  const uint64_t payloadEnd = static_cast<uint64_t>(indexStart);
+  const uint64_t payloadEnd = *indexStart;
 
   uint64_t pos = payloadEnd;
   uint64_t dataOffset = firstPayloadOffset;
@@ -72,7 +91,7 @@ bool parseBinSectionEntries(
   // no further entry fits.
   while (pos <= size - 12)
   {
-    uint32_t dataLength = reader.readAt<uint32_t>(pos);
+    uint32_t dataLength = readAt(pos, uint32_t{});
     pos += 4;
     // Without room for the reserved bytes the flag stays set and the length check refuses it.
     if (((dataLength & kLegacyReservedFlag) != 0 || current) && pos + kReservedBytes <= size - 8)
@@ -80,18 +99,33 @@ bool parseBinSectionEntries(
       pos += kReservedBytes;
       dataLength &= ~kLegacyReservedFlag;
     }
-    const auto nameLength = static_cast<uint32_t>(reader.readAt<int32_t>(pos));
+    const auto nameLength = static_cast<uint32_t>(readAt(pos, int32_t{}));
     pos += 4;
-    if (!reader.ok() || dataLength > BinSection::kMaxDataLength || dataOffset + dataLength > payloadEnd ||
-        nameLength > BinSection::kMaxNameLength || pos + nameLength > size - 4)
+    if (!inTail || !tailReader.ok() || dataLength > BinSection::kMaxDataLength || dataOffset + dataLength > payloadEnd ||
+        nameLength > BinSection::kMaxNameLength || pos + nameLength > size - 4 || pos < tailOffset)
       return false;
 
-    onEntry(bytes + pos, static_cast<int>(nameLength), bytes + dataOffset, static_cast<int>(dataLength));
+    onEntry(tail.data() + (pos - tailOffset), static_cast<int>(nameLength), dataOffset, dataLength);
 
     pos += (nameLength + nameMask) & ~nameMask;
     dataOffset += roundUp4(dataLength);
   }
   return true;
+}
+
+bool parseBinSectionEntries(
+  const ConstSmartPointer<BinaryBlock>& block,
+  const std::function<void(const char* name, int nameLength, const char* data, int dataLength)>& onEntry)
+{
+  if (!block || block->len() < 12)
+    return false;
+  const char* bytes = block->data();
+  uint32_t firstWord = 0;
+  std::memcpy(&firstWord, bytes, sizeof(firstWord));
+  return parseBinSectionIndex(firstWord, block->len(), 0, std::span<const char>(bytes, block->len()),
+                              [&](const char* name, int nameLength, uint64_t dataOffset, uint32_t dataLength) {
+                                onEntry(name, nameLength, bytes + dataOffset, static_cast<int>(dataLength));
+                              });
 }
 
 BinSection::BinSection(std::string name, BinaryPtr block)

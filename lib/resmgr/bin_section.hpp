@@ -10,6 +10,8 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -25,6 +27,19 @@
 [[nodiscard]] bool parseBinSectionEntries(
   const ConstSmartPointer<BinaryBlock>& block,
   const std::function<void(const char* name, int nameLength, const char* data, int dataLength)>& onEntry);
+
+// The same walk over the index alone, for a reader that does not hold the whole file: `firstWord`
+// is the file's first 4 bytes (0 when it has fewer), `tail` the file's bytes from `tailOffset` to
+// its end, which must hold the whole index and the length word (see binSectionIndexStart). Calls
+// `onEntry` with the name (inside `tail`) and where the payload lies in the file. Fails as
+// parseBinSectionEntries does, and also when an entry would need bytes before the tail.
+[[nodiscard]] bool parseBinSectionIndex(
+  uint32_t firstWord, uint64_t fileSize, uint64_t tailOffset, std::span<const char> tail,
+  const std::function<void(const char* name, int nameLength, uint64_t dataOffset, uint32_t dataLength)>& onEntry);
+
+// Where the index of a file of fileSize bytes begins, from the file's last 4 bytes (its index
+// length); nullopt when the length puts the index outside the file.
+[[nodiscard]] std::optional<uint64_t> binSectionIndexStart(uint32_t firstWord, uint64_t fileSize, int32_t indexLength);
 
 // A data section whose value is one block and whose children are the entries of the container
 // in that block. Children are read lazily on first use and borrow the parent's bytes (no copies);

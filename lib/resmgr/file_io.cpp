@@ -77,41 +77,95 @@ ReadResult readFailure(ReadStatus status, std::string reason, uint64_t fileSize 
 
 } // namespace
 
-ReadResult readWholeFile(const std::string& utf8Path, const char* allocationTag, uint64_t maxSize)
+struct FileReader::Handle
 {
-  errno = 0;
-  const std::unique_ptr<std::FILE, FileCloser> file(platform::openFile(utf8Path, "rb"));
-  if (!file)
-    return readFailure(ReadStatus::CannotOpen,
-                       errno != 0 ? std::generic_category().message(errno) : std::string("cannot open the file"));
+  std::unique_ptr<std::FILE, FileCloser> file;
+};
 
+FileReader::FileReader() = default;
+FileReader::~FileReader() = default;
+
+ReadStatus FileReader::open(const std::string& utf8Path, uint64_t maxSize)
+{
+  m_handle.reset();
+  m_size = 0;
+  m_reason.clear();
+  errno = 0;
+  std::unique_ptr<std::FILE, FileCloser> file(platform::openFile(utf8Path, "rb"));
+  if (!file)
+  {
+    m_reason = errno != 0 ? std::generic_category().message(errno) : std::string("cannot open the file");
+    return ReadStatus::CannotOpen;
+  }
   std::error_code error;
   const uintmax_t fileSize = std::filesystem::file_size(cstdmf::u8path(utf8Path), error);
   if (error)
-    return readFailure(ReadStatus::CannotSize, "cannot take the file's size: " + error.message());
+  {
+    m_reason = "cannot take the file's size: " + error.message();
+    return ReadStatus::CannotSize;
+  }
+  m_size = fileSize;
   if (fileSize > maxSize || fileSize > std::numeric_limits<size_t>::max())
-    return readFailure(ReadStatus::TooLarge, "the file is too large", fileSize);
+  {
+    m_reason = "the file is too large";
+    return ReadStatus::TooLarge;
+  }
+  m_handle = std::make_unique<Handle>(Handle{std::move(file)});
+  return ReadStatus::Ok;
+}
 
-  const size_t size = static_cast<size_t>(fileSize);
+bool FileReader::readAt(uint64_t offset, std::span<std::byte> bytes)
+{
+  m_bytesRead = 0;
+  if (!m_handle)
+  {
+    m_reason = "the file is not open";
+    return false;
+  }
+  if (bytes.empty())
+    return true;
+  errno = 0;
+  if (!platform::seekFile(m_handle->file.get(), offset))
+  {
+    m_reason = "cannot seek to byte " + std::to_string(offset) + ": " + std::generic_category().message(errno);
+    return false;
+  }
+  m_bytesRead = std::fread(bytes.data(), 1, bytes.size(), m_handle->file.get());
+  if (m_bytesRead != bytes.size())
+  {
+    m_reason = "read " + std::to_string(m_bytesRead) + " of " + std::to_string(bytes.size()) + " bytes";
+    return false;
+  }
+  return true;
+}
+
+ReadResult readWholeFile(const std::string& utf8Path, const char* allocationTag, uint64_t maxSize)
+{
+  FileReader reader;
+  const ReadStatus opened = reader.open(utf8Path, maxSize);
+  if (opened != ReadStatus::Ok)
+    return readFailure(opened, reader.reason(), reader.size());
+
+  const size_t size = static_cast<size_t>(reader.size());
   BinaryPtr block(new BinaryBlock(nullptr, size, allocationTag));
   if (block->len() != size)
-    return readFailure(ReadStatus::OutOfMemory, "out of memory for " + std::to_string(size) + " bytes", fileSize);
+    return readFailure(ReadStatus::OutOfMemory, "out of memory for " + std::to_string(size) + " bytes", size);
 
-  const size_t readCount = size == 0 ? 0 : std::fread(block->cdata(), 1, size, file.get());
-  if (readCount != size)
+  if (!reader.readAt(0, std::span<std::byte>(reinterpret_cast<std::byte*>(block->cdata()), size)))
   {
     ReadResult result = readFailure(ReadStatus::ShortRead,
-                                    "read " + std::to_string(readCount) + " of " + std::to_string(size) + " bytes",
-                                    fileSize);
-    result.bytesRead = readCount;
+                                    "read " + std::to_string(reader.bytesRead()) + " of " + std::to_string(size) +
+                                      " bytes",
+                                    size);
+    result.bytesRead = reader.bytesRead();
     return result;
   }
 
   ReadResult result;
   result.status = ReadStatus::Ok;
   result.block = std::move(block);
-  result.fileSize = fileSize;
-  result.bytesRead = readCount;
+  result.fileSize = size;
+  result.bytesRead = size;
   return result;
 }
 

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -48,6 +49,34 @@ struct ReadResult
 // its own words.
 [[nodiscard]] ReadResult readWholeFile(const std::string& utf8Path, const char* allocationTag,
                                        uint64_t maxSize = std::numeric_limits<uint64_t>::max());
+
+// A file opened for reading pieces of it, for readers that never need all of it in memory at
+// once. Logs nothing.
+class FileReader
+{
+public:
+  FileReader();
+  ~FileReader();
+  FileReader(const FileReader&) = delete;
+  FileReader& operator=(const FileReader&) = delete;
+
+  // Opens the file and takes its size: Ok, CannotOpen, CannotSize or TooLarge (past maxSize), with
+  // reason() set on failure.
+  [[nodiscard]] ReadStatus open(const std::string& utf8Path, uint64_t maxSize = std::numeric_limits<uint64_t>::max());
+  uint64_t size() const { return m_size; }
+  // Reads exactly bytes.size() bytes at offset. False, with reason() and bytesRead() set, when
+  // fewer arrive (the file shrank, or the system failed).
+  [[nodiscard]] bool readAt(uint64_t offset, std::span<std::byte> bytes);
+  const std::string& reason() const { return m_reason; }
+  size_t bytesRead() const { return m_bytesRead; }
+
+private:
+  struct Handle;
+  std::unique_ptr<Handle> m_handle;
+  uint64_t m_size = 0;
+  size_t m_bytesRead = 0;
+  std::string m_reason;
+};
 
 enum class WriteStatus
 {

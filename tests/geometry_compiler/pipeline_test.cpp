@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 #include <limits>
+#include <optional>
 
 using namespace testutil;
 
@@ -39,30 +41,40 @@ const std::vector<XyzNuv> kTriangle = {
 
 TEST(ReadFile, RefusesEmptyUnparsableAndSectionlessFiles)
 {
+  // A file read whole (readFile) and a file read section by section (compile) are refused with
+  // the same message.
   TempDir dir("read");
-  GeometryCompiler compiler;
-  GeometryCompiler::BinFile file;
-  LogCapture log;
-
-  writeFile(dir.path / "empty.primitives", {});
-  EXPECT_FALSE(compiler.readFile((dir.path / "empty.primitives").string(), file));
-  EXPECT_TRUE(log.contains("GeometryCompiler::load file size is 0 for resource"));
-
-  EXPECT_FALSE(compiler.readFile((dir.path / "missing.primitives").string(), file));
-  EXPECT_TRUE(log.contains("failed to open.\n"));
-
-  writeFile(dir.path / "junk.primitives", std::vector<std::byte>(40, std::byte{0x7F}));
-  EXPECT_FALSE(compiler.readFile((dir.path / "junk.primitives").string(), file));
-  EXPECT_TRUE(log.contains("GeometryCompiler::load parseBinSectionEntries for resource"));
-
-  // A well-formed index too short to hold an entry parses to no sections at all.
   std::vector<std::byte> noEntries(16);
   const uint32_t magic = 0x42A14E65, indexLength = 4;
   std::memcpy(noEntries.data(), &magic, 4);
   std::memcpy(noEntries.data() + 12, &indexLength, 4);
-  writeFile(dir.path / "none.primitives", noEntries);
-  EXPECT_FALSE(compiler.readFile((dir.path / "none.primitives").string(), file));
-  EXPECT_TRUE(log.contains("binFile.children is empty for"));
+  std::vector<std::byte> indexPastTheEnd = container({{"a.vertices", vertexSection(kTriangle)}});
+  indexPastTheEnd.resize(indexPastTheEnd.size() - 4);
+  const std::vector<std::pair<std::string, std::optional<std::vector<std::byte>>>> files = {
+    {"GeometryCompiler::load file size is 0 for resource", std::vector<std::byte>{}},
+    {"failed to open.\n", std::nullopt},
+    {"GeometryCompiler::load parseBinSectionEntries for resource", std::vector<std::byte>(40, std::byte{0x7F})},
+    {"GeometryCompiler::load parseBinSectionEntries for resource", std::vector<std::byte>(7, std::byte{0x7F})},
+    {"GeometryCompiler::load parseBinSectionEntries for resource", indexPastTheEnd},
+    // A well-formed index too short to hold an entry parses to no sections at all.
+    {"binFile.children is empty for", noEntries},
+  };
+  int n = 0;
+  for (const auto& [message, bytes] : files)
+  {
+    const auto path = dir.path / ("file" + std::to_string(n++) + ".primitives");
+    if (bytes)
+      writeFile(path, *bytes);
+    GeometryCompiler compiler;
+    GeometryCompiler::BinFile file;
+    LogCapture whole;
+    EXPECT_FALSE(compiler.readFile(path.string(), file));
+    EXPECT_TRUE(whole.contains(message)) << whole.text();
+    LogCapture sections;
+    EXPECT_FALSE(compiler.compile({path.string()}, (dir.path / "out.geometry").string(), true, true, true));
+    EXPECT_TRUE(sections.contains(message)) << sections.text();
+    EXPECT_FALSE(std::filesystem::exists(dir.path / "out.geometry"));
+  }
 }
 
 TEST(ReadFile, SectionsBorrowTheFileBlock)
