@@ -9,6 +9,7 @@
 #include "moo/index_format.hpp"
 
 #include <algorithm>
+#include <numeric>
 #include <cstring>
 
 using namespace GeometryCompilerDetail;
@@ -181,9 +182,14 @@ void GeometryCompiler::optimizeMesh()
     measuring.emplace(measureBefore);
   }
 
-  // Every pair owns disjoint ranges of the merged buffers, so pairs can be optimised at once.
-  cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t i) {
-    const MeshTask& task = tasks[i];
+  // Every pair owns disjoint ranges of the merged buffers, so pairs can be optimised at once. The
+  // largest go first, so that no thread is left with a large one at the end.
+  std::vector<size_t> order(tasks.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  std::stable_sort(order.begin(), order.end(),
+                   [&](size_t a, size_t b) { return tasks[a].indices.size() > tasks[b].indices.size(); });
+  cstdmf::parallelFor(tasks.size(), m_jobs, [&](size_t k) {
+    const MeshTask& task = tasks[order[k]];
     if (task.format == IndexFormat::LIST)
     {
       std::span<uint16_t> indices(reinterpret_cast<uint16_t*>(task.indices.data()), task.indices.size() / 2);

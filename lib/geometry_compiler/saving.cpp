@@ -13,6 +13,7 @@
 #include "resmgr/file_io.hpp"
 
 #include <algorithm>
+#include <numeric>
 
 using namespace GeometryCompilerDetail;
 
@@ -132,8 +133,16 @@ void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteV
 
   // Every merged buffer is encoded on its own, so vertex and index buffers share one loop. A
   // buffer's record sits at the buffer's own position.
+  // The largest buffers go first, so that no thread is left with a large one at the end.
   const size_t vertexBuffers = vertices.data.size();
-  cstdmf::parallelFor(vertexBuffers + indices.data.size(), m_jobs, [&](size_t task) {
+  std::vector<size_t> order(vertexBuffers + indices.data.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  const auto sizeOf = [&](size_t task) {
+    return task < vertexBuffers ? vertices.data[task].data.size() : indices.data[task - vertexBuffers].data.size();
+  };
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return sizeOf(a) > sizeOf(b); });
+  cstdmf::parallelFor(order.size(), m_jobs, [&](size_t k) {
+    const size_t task = order[k];
     if (task < vertexBuffers)
     {
       DataEntry& entry = vertices.data[task];
@@ -169,8 +178,8 @@ void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteV
     if (!maxIndex)
     {
       maxIndex = 0;
-      for (size_t k = 0; k < indexCount; ++k)
-        maxIndex = std::max(*maxIndex, readIndex(entry.data.data(), k, static_cast<uint32_t>(stride)));
+      for (size_t n = 0; n < indexCount; ++n)
+        maxIndex = std::max(*maxIndex, readIndex(entry.data.data(), n, static_cast<uint32_t>(stride)));
     }
     const size_t vertexCount =
       std::max<size_t>(info.maxVertexCount, indexCount ? static_cast<size_t>(*maxIndex) + 1 : 0);
