@@ -58,7 +58,7 @@ float calculateTexelDensity(std::span<const Vector3> positions, std::span<const 
   const size_t triangleCount = indices.size() / (wide ? 4 : 2) / 3;
   // Triangles are measured in fixed slices whose ratios are gathered in slice order; the median of
   // the gathered values does not depend on how many threads measured them.
-  constexpr size_t kSlice = 32768;
+  constexpr size_t kSlice = 8192;
   const size_t slices = (triangleCount + kSlice - 1) / kSlice;
   std::vector<std::vector<float>> sliceRatios(slices);
   cstdmf::parallelFor(slices, jobs, [&](size_t slice) {
@@ -80,10 +80,13 @@ float calculateTexelDensity(std::span<const Vector3> positions, std::span<const 
       const float textureArea = 0.5f * crossLength(t1.x - t0.x, t1.y - t0.y, 0.0f, t2.x - t0.x, t2.y - t0.y, 0.0f);
       if (positionArea == 0.0f || textureArea == 0.0f)
         continue;
-      const float ratio = std::sqrt(textureArea / positionArea);
-      // A non-finite ratio has no place in an ordering; such triangles do not count.
-      if (std::isfinite(ratio))
-        ratios.push_back(ratio);
+      // The density of a triangle is the square root of this quotient of two non-negative areas.
+      // The root is monotonic, so the median is taken over the quotients and only its root is
+      // computed; a quotient is finite exactly when its root is. A non-finite density has no
+      // place in an ordering: such triangles do not count.
+      const float squared = textureArea / positionArea;
+      if (std::isfinite(squared))
+        ratios.push_back(squared);
     }
   });
 
@@ -103,6 +106,6 @@ float calculateTexelDensity(std::span<const Vector3> positions, std::span<const 
     return 0.0f;
   const auto middle = ratios.begin() + static_cast<std::ptrdiff_t>(ratios.size() / 2);
   std::nth_element(ratios.begin(), middle, ratios.end());
-  return *middle;
+  return std::sqrt(*middle);
 }
 } // namespace Moo::Utils

@@ -3,6 +3,7 @@
 #include "moo/half_float.hpp"
 
 #include <cstring>
+#include <utility>
 
 namespace Moo
 {
@@ -236,6 +237,33 @@ ConversionFunc fetchConversionFunc(VertexSemantic semantic, VertexDataType destT
   return nullptr;
 }
 
+namespace
+{
+template <ConversionFunc Convert>
+void convertAll(std::byte* dest, size_t destStride, const std::byte* src, size_t srcStride, size_t count,
+                uint32_t destSize)
+{
+  for (size_t i = 0; i < count; ++i)
+    Convert(dest + i * destStride, src + i * srcStride, destSize);
+}
+
+using ConversionLoop = void (*)(std::byte*, size_t, const std::byte*, size_t, size_t, uint32_t);
+
+constexpr std::pair<ConversionFunc, ConversionLoop> kConversionLoops[] = {
+  {convBlendWeightToGpu, convertAll<convBlendWeightToGpu>},
+  {convBlendWeightGpuToFloat3, convertAll<convBlendWeightGpuToFloat3>},
+  {convBlendIndicesToGpu, convertAll<convBlendIndicesToGpu>},
+  {convBlendIndicesGpuToUByte3, convertAll<convBlendIndicesGpuToUByte3>},
+  {convNormalFloat3To888, convertAll<convNormalFloat3To888>},
+  {convNormalPackedTo888, convertAll<convNormalPackedTo888>},
+  {convNormalPackedToFloat3, convertAll<convNormalPackedToFloat3>},
+  {convNormal888ToFloat3, convertAll<convNormal888ToFloat3>},
+  {conv_TexCoord_Float2_to_Float16_2, convertAll<conv_TexCoord_Float2_to_Float16_2>},
+  {conv_TexCoord_Float16_2_to_Float2, convertAll<conv_TexCoord_Float16_2_to_Float2>},
+  {conv_TexCoord_Float16_2_to_Float3, convertAll<conv_TexCoord_Float16_2_to_Float3>},
+};
+} // namespace
+
 bool convertElements(VertexSemantic semantic, void* destData, VertexDataType destType, size_t destOffset,
                      size_t destStride, const void* srcData, VertexDataType srcType, size_t srcOffset, size_t srcStride,
                      size_t count)
@@ -268,6 +296,13 @@ bool convertElements(VertexSemantic semantic, void* destData, VertexDataType des
   const ConversionFunc convert = fetchConversionFunc(semantic, destType, srcType);
   if (convert == nullptr)
     return false;
+  // Every conversion has a loop of its own, in which it is inlined.
+  for (const auto& [func, loop] : kConversionLoops)
+    if (func == convert)
+    {
+      loop(dest, destStride, src, srcStride, count, destSize);
+      return true;
+    }
   for (size_t i = 0; i < count; ++i)
     convert(dest + i * destStride, src + i * srcStride, destSize);
   return true;
