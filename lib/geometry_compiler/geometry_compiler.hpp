@@ -13,7 +13,11 @@
 #include "resmgr/binary_block.hpp"
 #include "resmgr/bin_section.hpp"
 
+#include <condition_variable>
 #include <cstddef>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -209,16 +213,45 @@ private:
   };
   // With statistics: where every described render set lies (empty when they cannot be paired).
   std::vector<StoredSet> locateStoredSets();
+  // The figures of one render set from its stored indices (and, for overdraw, its vertices).
+  MeshDataOptimizer::MeshStatistics analyzeStoredSet(const StoredSet& set, std::span<const std::byte> vertices,
+                                                     std::span<const std::byte> indices) const;
+
   // With statistics and encoding: measures every render set's figures after optimisation on the
-  // indices as the file holds them, decoded from the encoded buffers (the codec may rotate a
-  // triangle's corners), so that they agree with what a reader of the file measures. Overdraw
-  // reads the vertex buffers as they were before encoding (`rawVertices`).
-  void measureStoredRenderSets(const std::vector<StoredSet>& sets, const std::vector<cstdmf::ByteVector>& rawVertices);
+  // indices as the file holds them, decoded again (the codec may rotate a triangle's corners), so
+  // that they agree with what a reader of the file measures. Each index buffer is measured on a
+  // thread of its own as soon as encoding reports it done, while the rest is encoded and the file
+  // written; finish() (or the destructor) waits for the last. Overdraw reads copies of the vertex
+  // buffers taken before they were encoded.
+  class StoredMeasurement
+  {
+  public:
+    StoredMeasurement(GeometryCompiler& compiler, std::vector<StoredSet> sets);
+    ~StoredMeasurement();
+    StoredMeasurement(const StoredMeasurement&) = delete;
+    StoredMeasurement& operator=(const StoredMeasurement&) = delete;
+
+    // Index buffer `buffer` holds its encoding now. Safe from any thread.
+    void indexBufferEncoded(size_t buffer);
+    void finish();
+
+  private:
+    void run();
+    void measure(size_t buffer);
+
+    GeometryCompiler& m_compiler;
+    std::vector<StoredSet> m_sets;
+    std::vector<cstdmf::ByteVector> m_rawVertices;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::deque<size_t> m_ready;
+    bool m_finishing = false;
+    std::thread m_thread;
+  };
   bool saveArmor(SaveState& state, const std::string& resourcePath);
   void saveCollisionModels(SaveState& state);
-  // Encodes every merged buffer in place. With `keepRawVertices`, the vertex buffers as they were
-  // are moved there rather than freed.
-  void encodeBuffers(SaveState& state, std::vector<cstdmf::ByteVector>* keepRawVertices = nullptr);
+  // Encodes every merged buffer in place, telling `measurement` of each index buffer encoded.
+  void encodeBuffers(SaveState& state, StoredMeasurement* measurement = nullptr);
   void saveVerticesData(SaveState& state);
   void saveVerticesMapping(SaveState& state);
   void saveIndicesData(SaveState& state);

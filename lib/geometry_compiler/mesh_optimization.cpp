@@ -244,47 +244,10 @@ std::vector<GeometryCompiler::StoredSet> GeometryCompiler::locateStoredSets()
   return located;
 }
 
-namespace
-{
-// The merged index buffer as the file stores it, decoded again, in its own index width.
-template <typename IndexT>
-cstdmf::ByteVector decodedIndices(std::span<const std::byte> encoded, size_t indexCount)
-{
-  std::vector<IndexT> decoded;
-  if (!MeshDataOptimizer::decodeIndexData(encoded, decoded) || decoded.size() != indexCount)
-    return {};
-  cstdmf::ByteVector bytes(decoded.size() * sizeof(IndexT));
-  std::memcpy(bytes.data(), decoded.data(), bytes.size());
-  return bytes;
-}
-} // namespace
 
-void GeometryCompiler::measureStoredRenderSets(const std::vector<StoredSet>& sets,
-                                               const std::vector<cstdmf::ByteVector>& rawVertices)
+MeshDataOptimizer::MeshStatistics GeometryCompiler::analyzeStoredSet(const StoredSet& set,
+                                                                     std::span<const std::byte> vertices,
+                                                                     std::span<const std::byte> indices) const
 {
-  if (!m_statistics || sets.empty() || sets.size() != m_progress.renderSets.size())
-    return;
-  MergedGeometry::IndexBuffers& indexBuffers = m_mergedGeometry.indices();
-  const std::vector<uint64_t>& rawIndexSizes = m_rawBufferSizes->second;
-  // With one job the measuring still takes a second, otherwise idle, core.
-  const unsigned jobs = std::max(m_jobs, 2u);
-  std::vector<cstdmf::ByteVector> stored(indexBuffers.data.size());
-  cstdmf::parallelFor(stored.size(), jobs, [&](size_t k) {
-    const bool wide = indexBuffers.records[k].second.indexFormat == static_cast<uint32_t>(IndexFormat::LIST32);
-    const std::span<const std::byte> encoded(indexBuffers.data[k].data);
-    const size_t indexCount = rawIndexSizes[k] / (wide ? 4 : 2);
-    stored[k] = wide ? decodedIndices<uint32_t>(encoded, indexCount) : decodedIndices<uint16_t>(encoded, indexCount);
-  });
-  cstdmf::parallelFor(sets.size(), jobs, [&](size_t i) {
-    const StoredSet& set = sets[i];
-    if (stored[set.indexBuffer].size() != rawIndexSizes[set.indexBuffer])
-      return; // the codec could not take the buffer: the figures stay as measured
-    const std::span<const std::byte> indices =
-      std::span<const std::byte>(stored[set.indexBuffer]).subspan(set.indexOffset, set.indexBytes);
-    std::span<const std::byte> vertices;
-    if (m_overdraw && set.vertexBuffer < rawVertices.size())
-      vertices = std::span<const std::byte>(rawVertices[set.vertexBuffer]).subspan(set.vertexOffset, set.vertexBytes);
-    MeshDataOptimizer::MeshStatistics& after = m_progress.renderSets[i].after;
-    after = analyzeTask(vertices, set.vertexCount, set.stride, indices, set.format, !vertices.empty());
-  });
+  return analyzeTask(vertices, set.vertexCount, set.stride, indices, set.format, !vertices.empty());
 }

@@ -55,12 +55,11 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   SaveState state;
   if (!saveArmor(state, resourcePath))
     return false;
-  const std::vector<StoredSet> storedSets =
-    m_settings.encodeBuffers ? locateStoredSets() : std::vector<StoredSet>{};
-  std::vector<cstdmf::ByteVector> rawVertices;
-  encodeBuffers(state, m_overdraw && !storedSets.empty() ? &rawVertices : nullptr);
-  measureStoredRenderSets(storedSets, rawVertices);
-  rawVertices = {};
+  std::optional<StoredMeasurement> measurement;
+  if (m_settings.encodeBuffers && m_statistics)
+    if (std::vector<StoredSet> sets = locateStoredSets(); !sets.empty())
+      measurement.emplace(*this, std::move(sets));
+  encodeBuffers(state, measurement ? &*measurement : nullptr);
   saveCollisionModels(state);
   saveVerticesData(state);
   saveVerticesMapping(state);
@@ -71,7 +70,10 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   if (!block)
     return false;
   m_progress.outputBytes = block->len();
-  return writeToFile(resourcePath, block);
+  const bool written = writeToFile(resourcePath, block);
+  if (measurement)
+    measurement->finish();
+  return written;
 }
 
 bool GeometryCompiler::saveArmor(SaveState& state, const std::string& resourcePath)
@@ -115,7 +117,7 @@ void GeometryCompiler::saveCollisionModels(SaveState& state)
   state.prototype.collisionModels = arrayOf(state.collisionModels);
 }
 
-void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteVector>* keepRawVertices)
+void GeometryCompiler::encodeBuffers(SaveState& state, StoredMeasurement* measurement)
 {
   MergedGeometry::VertexBuffers& vertices = m_mergedGeometry.vertices();
   MergedGeometry::IndexBuffers& indices = m_mergedGeometry.indices();
@@ -128,8 +130,6 @@ void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteV
   state.indexEncodingFailed.assign(indices.data.size(), 0);
   if (!m_settings.encodeBuffers)
     return;
-  if (keepRawVertices)
-    keepRawVertices->resize(vertices.data.size());
 
   // Every merged buffer is encoded on its own, so vertex and index buffers share one loop. A
   // buffer's record sits at the buffer's own position.
@@ -141,6 +141,10 @@ void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteV
     return task < vertexBuffers ? vertices.data[task].data.size() : indices.data[task - vertexBuffers].data.size();
   };
   std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return sizeOf(a) > sizeOf(b); });
+  // With one job and a measurement, the index buffers go first: each is measured on the other
+  // core while the rest is encoded.
+  if (measurement && m_jobs <= 1)
+    std::stable_partition(order.begin(), order.end(), [&](size_t task) { return task >= vertexBuffers; });
   cstdmf::parallelFor(order.size(), m_jobs, [&](size_t k) {
     const size_t task = order[k];
     if (task < vertexBuffers)
@@ -149,8 +153,6 @@ void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteV
       cstdmf::ByteVector encoded =
         MeshDataOptimizer::encodeVertexData(entry.data, vertices.records[task].second.strideInBytes);
       state.vertexEncodingFailed[task] = encoded.size() <= sizeof(MeshDataOptimizer::EncodedBufferHeader);
-      if (keepRawVertices)
-        (*keepRawVertices)[task] = std::move(entry.data);
       entry.data = std::move(encoded);
       return;
     }
@@ -192,6 +194,8 @@ void GeometryCompiler::encodeBuffers(SaveState& state, std::vector<cstdmf::ByteV
         std::span<const uint16_t>(reinterpret_cast<const uint16_t*>(entry.data.data()), indexCount), vertexCount);
     state.indexEncodingFailed[i] = encoded.size() <= sizeof(MeshDataOptimizer::EncodedBufferHeader);
     entry.data = std::move(encoded);
+    if (measurement)
+      measurement->indexBufferEncoded(i);
   });
 }
 
