@@ -442,25 +442,27 @@ bool GeometryCompiler::packIndices(const std::string& sectionName, std::span<con
     return m_mergedGeometry.addIndices(sectionName, header.indices, formatName, info);
 
   // Copied in slices, each measured while it is still in the cache, so that the range check
-  // needs no pass of its own.
+  // needs no pass of its own; with several jobs the slices are shared out.
   const uint32_t indexSize = ari::getIndexSize(header.format);
   constexpr size_t kSliceBytes = 65536;
-  uint32_t maxIndex = 0;
-  for (size_t offset = 0; offset < header.indices.size(); offset += kSliceBytes)
-  {
+  const size_t slices = (header.indices.size() + kSliceBytes - 1) / kSliceBytes;
+  std::vector<uint32_t> sliceMax(slices, 0);
+  cstdmf::parallelFor(slices, m_jobs, [&](size_t slice) {
+    const size_t offset = slice * kSliceBytes;
     const size_t size = std::min(kSliceBytes, header.indices.size() - offset);
     std::memcpy(room->data() + offset, header.indices.data() + offset, size);
     if (indexSize == 2)
     {
       const auto* indices = reinterpret_cast<const uint16_t*>(room->data() + offset);
-      maxIndex = std::max<uint32_t>(maxIndex, *std::max_element(indices, indices + size / 2));
+      sliceMax[slice] = *std::max_element(indices, indices + size / 2);
     }
     else
     {
       const auto* indices = reinterpret_cast<const uint32_t*>(room->data() + offset);
-      maxIndex = std::max(maxIndex, *std::max_element(indices, indices + size / 4));
+      sliceMax[slice] = *std::max_element(indices, indices + size / 4);
     }
-  }
+  });
+  const uint32_t maxIndex = sliceMax.empty() ? 0 : *std::max_element(sliceMax.begin(), sliceMax.end());
   // The room's mapping is the one added last.
   if (header.indexCount > 0)
     m_mergedGeometry.indices().mappings.back().maxIndex = maxIndex;
