@@ -1,5 +1,7 @@
 #include "content_cache/remote_store.hpp"
 
+#include "content_cache/loaded_library.hpp"
+
 #include "cstdmf/platform.hpp"
 
 #include <curl/curl.h>
@@ -70,49 +72,25 @@ struct Curl
   decltype(&curl_easy_strerror) easyStrerror = nullptr;
 };
 
-// The library, loaded and initialised once for the process and never unloaded (requests may run
-// on several threads until the end). Null with the reason when it cannot be used.
+// The library, loaded and initialised once for the process. Null with the reason when it cannot
+// be used.
 const Curl* loadCurl(std::string& problem)
 {
-  static std::once_flag s_once;
-  static const Curl* s_curl = nullptr;
-  static std::string s_problem;
-  std::call_once(s_once, [] {
-    auto api = std::make_unique<Curl>();
-    api->library = std::make_unique<platform::SharedLibrary>(kCurlLibrary);
-    const platform::SharedLibrary* library = api->library.get();
-    if (!library->loaded())
-    {
-      s_problem = std::string("cannot load ") + kCurlLibrary + ": " + library->error();
-      return;
-    }
-    std::string missing;
-    const auto resolve = [&](auto& slot, const char* name) {
-      if (!missing.empty())
-        return;
-      std::string reason;
-      slot = library->function<std::remove_reference_t<decltype(slot)>>(name, &reason);
-      if (!slot)
-        missing = reason;
-    };
-    resolve(api->globalInit, "curl_global_init");
-    resolve(api->easyInit, "curl_easy_init");
-    resolve(api->easySetopt, "curl_easy_setopt");
-    resolve(api->easyPerform, "curl_easy_perform");
-    resolve(api->easyGetinfo, "curl_easy_getinfo");
-    resolve(api->easyCleanup, "curl_easy_cleanup");
-    resolve(api->easyStrerror, "curl_easy_strerror");
-    if (!missing.empty())
-      s_problem = std::string("cannot use ") + kCurlLibrary + ": " + missing;
-    else if (api->globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK)
-      s_problem = "cannot initialise the HTTP library";
-    if (!s_problem.empty())
-      return;
-    s_curl = api.release(); // the library stays loaded for as long as the process runs
-  });
-  if (!s_curl)
-    problem = s_problem;
-  return s_curl;
+  return loadLibraryOnce<Curl>(
+    kCurlLibrary,
+    [](Curl& api, auto& resolve) -> std::string {
+      resolve(api.globalInit, "curl_global_init");
+      resolve(api.easyInit, "curl_easy_init");
+      resolve(api.easySetopt, "curl_easy_setopt");
+      resolve(api.easyPerform, "curl_easy_perform");
+      resolve(api.easyGetinfo, "curl_easy_getinfo");
+      resolve(api.easyCleanup, "curl_easy_cleanup");
+      resolve(api.easyStrerror, "curl_easy_strerror");
+      if (api.globalInit && api.globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK)
+        return "cannot initialise the HTTP library";
+      return {};
+    },
+    problem);
 }
 
 struct EasyDeleter

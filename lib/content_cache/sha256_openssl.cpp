@@ -1,5 +1,7 @@
 #include "content_cache/sha256.hpp"
 
+#include "content_cache/loaded_library.hpp"
+
 #include "cstdmf/critical_error.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/platform.hpp"
@@ -30,43 +32,21 @@ struct Crypto
   decltype(&EVP_DigestFinal_ex) digestFinal = nullptr;
 };
 
-// Loaded once for the process and never unloaded (hashing goes on in several threads until the
-// end). Null with the reason when it cannot be used.
+// Loaded once for the process. Null with the reason when it cannot be used.
 const Crypto* loadCrypto(std::string& problem)
 {
-  static std::once_flag s_once;
-  static const Crypto* s_crypto = nullptr;
-  static std::string s_problem;
-  std::call_once(s_once, [] {
-    auto api = std::make_unique<Crypto>();
-    api->library = std::make_unique<platform::SharedLibrary>(kCryptoLibrary);
-    const platform::SharedLibrary* library = api->library.get();
-    if (!library->loaded())
-    {
-      s_problem = std::string("cannot load ") + kCryptoLibrary + ": " + library->error();
-      return;
-    }
-    const auto resolve = [&](auto& slot, const char* name) {
-      if (!s_problem.empty())
-        return;
-      std::string reason;
-      slot = library->function<std::remove_reference_t<decltype(slot)>>(name, &reason);
-      if (!slot)
-        s_problem = std::string("cannot use ") + kCryptoLibrary + ": " + reason;
-    };
-    resolve(api->contextNew, "EVP_MD_CTX_new");
-    resolve(api->contextFree, "EVP_MD_CTX_free");
-    resolve(api->sha256, "EVP_sha256");
-    resolve(api->digestInit, "EVP_DigestInit_ex");
-    resolve(api->digestUpdate, "EVP_DigestUpdate");
-    resolve(api->digestFinal, "EVP_DigestFinal_ex");
-    if (!s_problem.empty())
-      return;
-    s_crypto = api.release(); // the library stays loaded for as long as the process runs
-  });
-  if (!s_crypto)
-    problem = s_problem;
-  return s_crypto;
+  return loadLibraryOnce<Crypto>(
+    kCryptoLibrary,
+    [](Crypto& api, auto& resolve) -> std::string {
+      resolve(api.contextNew, "EVP_MD_CTX_new");
+      resolve(api.contextFree, "EVP_MD_CTX_free");
+      resolve(api.sha256, "EVP_sha256");
+      resolve(api.digestInit, "EVP_DigestInit_ex");
+      resolve(api.digestUpdate, "EVP_DigestUpdate");
+      resolve(api.digestFinal, "EVP_DigestFinal_ex");
+      return {};
+    },
+    problem);
 }
 
 const Crypto& crypto()

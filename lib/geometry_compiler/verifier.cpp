@@ -12,6 +12,16 @@ bool finite3(const Moo::Vector3& v)
 {
   return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
 }
+// Where the decoded values of [first, first + count) go: the caller's column when it keeps one,
+// else `scratch`.
+template <typename T>
+std::span<T> columnOrScratch(std::vector<T>* column, size_t first, size_t count, std::vector<T>& scratch)
+{
+  if (column && !column->empty())
+    return std::span<T>(*column).subspan(first, count);
+  scratch.resize(count);
+  return scratch;
+}
 } // namespace
 
 void Verifier::reset()
@@ -69,11 +79,8 @@ void Verifier::verifyRange(std::span<const std::byte> vertices, const Moo::Verte
   // Each element is converted for all vertices of the range in one pass (what the element
   // accessor does for one vertex), then checked.
   std::vector<Moo::Vector3> vectors;
-  std::span<Moo::Vector3> positions;
-  if (columns && !columns->positions.empty())
-    positions = std::span<Moo::Vector3>(columns->positions).subspan(first, count);
-  else
-    positions = (vectors.resize(count), std::span<Moo::Vector3>(vectors));
+  const std::span<Moo::Vector3> positions =
+    columnOrScratch(columns ? &columns->positions : nullptr, first, count, vectors);
   if (decodeElementColumnInto<Moo::Vector3>(format, VertexSemantic::POSITION, range, positions))
     verifyPositions(positions);
 
@@ -86,11 +93,7 @@ void Verifier::verifyRange(std::span<const std::byte> vertices, const Moo::Verte
     verifyNormals(vectors, m_invalidBinormals);
 
   std::vector<Moo::Vector2> pairs;
-  std::span<Moo::Vector2> uvs;
-  if (columns && !columns->uvs.empty())
-    uvs = std::span<Moo::Vector2>(columns->uvs).subspan(first, count);
-  else
-    uvs = (pairs.resize(count), std::span<Moo::Vector2>(pairs));
+  const std::span<Moo::Vector2> uvs = columnOrScratch(columns ? &columns->uvs : nullptr, first, count, pairs);
   if (decodeElementColumnInto<Moo::Vector2>(format, VertexSemantic::TEXCOORD, range, uvs))
     verifyUVs(uvs);
 }
