@@ -118,7 +118,8 @@ void fuzzEncodedVertices(std::span<const uint8_t> input, size_t stride)
   const auto raw = input.subspan(editListSize(input));
   const std::span<const std::byte> vertices(reinterpret_cast<const std::byte*>(raw.data()),
                                             raw.size() / stride * stride);
-  cstdmf::ByteVector encoded = MeshDataOptimizer::encodeVertexData(vertices, stride);
+  const cstdmf::ByteVector encodedBytes = MeshDataOptimizer::encodeVertexData(vertices, stride);
+  std::vector<std::byte> encoded(encodedBytes.begin(), encodedBytes.end());
   const bool edited = applyEdits(input, encoded);
   std::vector<std::byte> decoded;
   const bool ok = MeshDataOptimizer::decodeVertexData(encoded, stride, decoded);
@@ -138,7 +139,8 @@ void fuzzEncodedIndices(std::span<const uint8_t> input)
   if (!indices.empty())
     std::memcpy(indices.data(), raw.data(), indices.size() * sizeof(IndexT));
   const size_t vertexCount = indices.empty() ? 0 : size_t(*std::max_element(indices.begin(), indices.end())) + 1;
-  cstdmf::ByteVector encoded = MeshDataOptimizer::encodeIndexData<IndexT>(indices, vertexCount);
+  const cstdmf::ByteVector encodedBytes = MeshDataOptimizer::encodeIndexData<IndexT>(indices, vertexCount);
+  std::vector<std::byte> encoded(encodedBytes.begin(), encodedBytes.end());
   const bool edited = applyEdits(input, encoded);
   std::vector<IndexT> decoded;
   const bool ok = MeshDataOptimizer::decodeIndexData<IndexT>(encoded, decoded);
