@@ -323,6 +323,44 @@ TEST(Compile, FailuresWriteNothing)
   EXPECT_TRUE(log.contains("ERROR: GeometryCompiler::writeToFile cannot open file '" + missingDir.string() + "'.\n"));
 }
 
+TEST(Compile, AFileReadSectionBySectionGivesWhatTheWholeFileGives)
+{
+  // compile() reads the file one section at a time; readFile + packLOD + save take it whole. Odd
+  // orders and odd sections must come out the same, messages included, and the merged buffers,
+  // reserved from the headers, must not move while sections are added.
+  Model model;
+  const std::vector<std::byte> vertices = vertexSection(gridVertices(20));
+  writeFile(model.source, container({{"b.indices", indexSection(gridIndices<uint32_t>(6))},
+                                     {"b.vertices", vertexSection(gridVertices(6, 2.0f))},
+                                     {"a.vertices", vertices},
+                                     {"notes.txt", std::vector<std::byte>(10, std::byte{1})},
+                                     {"a.indices", indexSection(gridIndices<uint16_t>(20))},
+                                     {"a.vertices", vertices},
+                                     {"", std::vector<std::byte>(3)},
+                                     {"hull.cmodl", std::vector<std::byte>(7)}}));
+  LogCapture streamedLog;
+  GeometryCompiler streamed;
+  ASSERT_TRUE(streamed.compile({model.source.string()}, model.output.string(), true, true, true));
+  const std::string streamedText = streamedLog.text();
+  const std::vector<std::byte> streamedBytes = readFile(model.output);
+
+  LogCapture wholeLog;
+  GeometryCompiler whole;
+  GeometryCompiler::BinFile file;
+  ASSERT_TRUE(whole.readFile(model.source.string(), file));
+  ASSERT_TRUE(whole.packLOD(file));
+  // Reserved once from the headers, so never grown: the repeated section is counted there,
+  // though it is not added.
+  const auto& merged = whole.vertexData().front().data;
+  const size_t stride = merged.size() / (21 * 21 + 7 * 7);
+  EXPECT_EQ(merged.capacity(), merged.size() + 21 * 21 * stride);
+  ASSERT_TRUE(whole.save(model.output.string()));
+  EXPECT_EQ(readFile(model.output), streamedBytes);
+  EXPECT_EQ(wholeLog.text(), streamedText);
+  EXPECT_TRUE(streamedLog.contains("already exists")) << streamedText;
+  EXPECT_TRUE(streamedLog.contains("unexpected name 'notes.txt'")) << streamedText;
+}
+
 TEST(Compile, OutputIsDeterministicForAnyJobCount)
 {
   Model model;

@@ -8,7 +8,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -163,6 +165,77 @@ TEST(BinSectionFormat, EveryTruncatedPrefixStaysInBounds)
     const Parsed parsed = parse(blockOf(file.substr(0, length)));
     EXPECT_FALSE(parsed.ok && parsed.entries == kSample) << length;
   }
+}
+
+// What a reader that holds only the file's index (its tail) sees: the outcome, and every entry's
+// name and payload position, as the parse of the whole file sees them.
+struct IndexOnly
+{
+  bool ok = false;
+  std::vector<std::tuple<std::string, uint64_t, uint32_t>> entries;
+  bool operator==(const IndexOnly&) const = default;
+};
+
+IndexOnly parseIndexOnly(const std::string& file)
+{
+  IndexOnly result;
+  uint32_t firstWord = 0, lengthWord = 0;
+  if (file.size() >= 4)
+  {
+    std::memcpy(&firstWord, file.data(), 4);
+    std::memcpy(&lengthWord, file.data() + file.size() - 4, 4);
+  }
+  const std::optional<uint64_t> start = binSectionIndexStart(firstWord, file.size(), static_cast<int32_t>(lengthWord));
+  if (!start)
+    return result;
+  const std::string tail = file.substr(static_cast<size_t>(*start));
+  result.ok = parseBinSectionIndex(firstWord, file.size(), *start, tail,
+                                   [&](const char* name, int nameLength, uint64_t offset, uint32_t length) {
+                                     EXPECT_TRUE(name >= tail.data() && name + nameLength <= tail.data() + tail.size());
+                                     result.entries.emplace_back(std::string(name, nameLength), offset, length);
+                                   });
+  return result;
+}
+
+IndexOnly parseWhole(const std::string& file)
+{
+  IndexOnly result;
+  const BinaryPtr block = blockOf(file);
+  result.ok = parseBinSectionEntries(block, [&](const char* name, int nameLength, const char* data, int length) {
+    result.entries.emplace_back(std::string(name, nameLength), static_cast<uint64_t>(data - block->data()),
+                                static_cast<uint32_t>(length));
+  });
+  return result;
+}
+
+TEST(BinSectionFormat, TheIndexAloneReadsAsTheWholeFile)
+{
+  const std::string legacy = Bytes()
+                               .raw("hello").zeros(3).raw("xy").zeros(2)
+                               .u32(0x80000005u).zeros(16).u32(3).raw("abc")
+                               .u32(2).u32(1).raw("z")
+                               .u32(36)
+                               .text;
+  const std::string current = textOf(write(kSample));
+  const std::string minimal = Bytes().u32(BinSection::kMagic).u32(0).zeros(16).u32(0).u32(24).text;
+  for (const std::string& file : {legacy, current, minimal, patched(current, current.size() - 4, 0xFFFFFFFFu)})
+  {
+    // Every cut of the file too: the index-only reader refuses or accepts exactly what the whole
+    // parse does, with the same entries.
+    for (size_t length = 0; length <= file.size(); ++length)
+    {
+      const std::string cut = file.substr(0, length);
+      EXPECT_EQ(parseIndexOnly(cut), parseWhole(cut)) << length << " of " << file.size();
+    }
+  }
+  EXPECT_TRUE(parseIndexOnly(current).ok);
+  EXPECT_EQ(parseIndexOnly(legacy).entries.size(), 2u);
+
+  // A tail that does not reach back to the index is refused, not read before its start.
+  uint32_t magic = BinSection::kMagic;
+  const std::string tail = current.substr(current.size() - 8);
+  EXPECT_FALSE(parseBinSectionIndex(magic, current.size(), current.size() - 8, tail,
+                                    [](const char*, int, uint64_t, uint32_t) {}));
 }
 
 TEST(BinSectionFormat, WriterRefusesOverlongNamesAndMissingBytesAndAnEmptyContainerDoesNotParse)

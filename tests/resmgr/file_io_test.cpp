@@ -82,6 +82,33 @@ TEST(FileIo, ReadFailuresCarryTheirOwnCause)
     << static_cast<int>(directory.status);
 }
 
+TEST(FileIo, PiecesAreReadAtTheirOffsetsAndAShortPieceSaysHowMuchArrived)
+{
+  TempDirectory dir;
+  put(dir.file("ten.bin"), "0123456789");
+  fileio::FileReader reader;
+  EXPECT_EQ(reader.open(dir.file("missing.bin")), fileio::ReadStatus::CannotOpen);
+  EXPECT_FALSE(reader.reason().empty());
+  ASSERT_EQ(reader.open(dir.file("ten.bin")), fileio::ReadStatus::Ok);
+  EXPECT_EQ(reader.size(), 10u);
+
+  std::string piece(3, '\0');
+  const auto into = [&] { return std::as_writable_bytes(std::span<char>(piece)); };
+  // Out of order, as a reader of sections asks for them.
+  ASSERT_TRUE(reader.readAt(7, into()));
+  EXPECT_EQ(piece, "789");
+  ASSERT_TRUE(reader.readAt(2, into()));
+  EXPECT_EQ(piece, "234");
+  EXPECT_TRUE(reader.readAt(10, {}));
+
+  // Past the end: fewer bytes than asked, with how many did arrive.
+  EXPECT_FALSE(reader.readAt(8, into()));
+  EXPECT_EQ(reader.bytesRead(), 2u);
+  EXPECT_EQ(reader.reason(), "read 2 of 3 bytes");
+
+  EXPECT_EQ(reader.open(dir.file("ten.bin"), 9), fileio::ReadStatus::TooLarge);
+}
+
 TEST(FileIo, WriteReplacesTheTargetWholeAndLeavesNoTemporaryFile)
 {
   TempDirectory dir;
