@@ -48,6 +48,18 @@ private:
   WorkContext* m_previous;
 };
 
+// Starts a thread that runs fn with the calling thread's work context, so that work handed to it
+// stays attributed to the caller's job. Throws std::system_error when the system refuses a thread.
+template <typename Fn>
+std::thread startWithWorkContext(Fn fn)
+{
+  WorkContext* const context = currentWorkContext();
+  return std::thread([context, fn = std::move(fn)]() mutable {
+    const ScopedWorkContext scope(context);
+    fn();
+  });
+}
+
 // Calls fn(i) for every i in [0, count), on up to `jobs` threads (the calling thread included).
 // Items are independent; fn must not throw. With jobs <= 1 everything runs in order on the
 // calling thread. The threads started here run with the caller's work context; when the system
@@ -62,9 +74,7 @@ void parallelFor(size_t count, unsigned jobs, Fn&& fn)
     return;
   }
   std::atomic<size_t> next{0};
-  WorkContext* const context = currentWorkContext();
   auto worker = [&]() {
-    const ScopedWorkContext scope(context);
     for (size_t i = next.fetch_add(1); i < count; i = next.fetch_add(1))
       fn(i);
   };
@@ -75,7 +85,7 @@ void parallelFor(size_t count, unsigned jobs, Fn&& fn)
   {
     try
     {
-      threads.emplace_back(worker);
+      threads.push_back(startWithWorkContext(worker));
     }
     catch (const std::system_error&)
     {

@@ -4,6 +4,7 @@
 #include "cstdmf/range_check.hpp"
 #include "moo/index_format.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -124,7 +125,17 @@ bool MergedGeometry::addIndices(const std::string& sectionName, std::span<const 
            sectionName.c_str());
     return false;
   }
-  copyInto(addToContainer(m_indices, MappingEntry{sectionName, formatName, {}, 0, 0.0f, {}}, data.size(), info), data);
+  MappingEntry mapping{sectionName, formatName, {}, 0, 0.0f, {}};
+  const uint32_t indexSize = ari::getIndexSize(static_cast<IndexFormat>(info.indexFormat));
+  const size_t indexCount = data.size() / indexSize;
+  if (indexCount > 0)
+  {
+    uint32_t maxIndex = 0;
+    for (size_t i = 0; i < indexCount; ++i)
+      maxIndex = std::max(maxIndex, readIndex(data.data(), i, indexSize));
+    mapping.maxIndex = maxIndex;
+  }
+  copyInto(addToContainer(m_indices, std::move(mapping), data.size(), info), data);
   return true;
 }
 

@@ -37,8 +37,8 @@ struct MappingEntry
   MappingInfo info;
   uint16_t strideInBytes = 0; // vertices only
   float texelDensity = 0.0f;
-  // Indices only: the largest index of the section when it was measured while copying it in, so
-  // the range check needs no second pass.
+  // Indices only: the largest index of the section, measured while it was copied in (none for an
+  // empty one), so that neither the range check nor the encoder's bound needs a pass of its own.
   std::optional<uint32_t> maxIndex;
 };
 

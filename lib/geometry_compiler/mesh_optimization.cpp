@@ -41,13 +41,9 @@ public:
   template <typename Fn>
   explicit SideTask(Fn& fn)
   {
-    cstdmf::WorkContext* const context = cstdmf::currentWorkContext();
     try
     {
-      m_thread = std::thread([context, &fn]() {
-        const cstdmf::ScopedWorkContext scope(context);
-        fn();
-      });
+      m_thread = cstdmf::startWithWorkContext([&fn]() { fn(); });
     }
     catch (const std::system_error&)
     {

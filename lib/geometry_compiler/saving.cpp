@@ -165,26 +165,13 @@ void GeometryCompiler::encodeBuffers(SaveState& state, StoredMeasurement* measur
     // The vertex count only sizes the encoder's worst case; an index range that no vertex range
     // was paired with may still reach past the recorded count, so the bound covers both. The
     // largest index of every range was measured when it was merged (optimising only lowers it
-    // below the paired vertex count); a range merged without that measure is scanned.
-    std::optional<uint32_t> maxIndex = 0;
+    // below the paired vertex count).
+    uint32_t maxIndex = 0;
     for (const MappingEntry& mapping : indices.mappings)
-      if (mapping.formatName == entry.formatName && mapping.info.sizeInBytes != 0)
-      {
-        if (!mapping.maxIndex)
-        {
-          maxIndex.reset();
-          break;
-        }
-        maxIndex = std::max(*maxIndex, *mapping.maxIndex);
-      }
-    if (!maxIndex)
-    {
-      maxIndex = 0;
-      for (size_t n = 0; n < indexCount; ++n)
-        maxIndex = std::max(*maxIndex, readIndex(entry.data.data(), n, static_cast<uint32_t>(stride)));
-    }
+      if (mapping.formatName == entry.formatName)
+        maxIndex = std::max(maxIndex, mapping.maxIndex.value_or(0));
     const size_t vertexCount =
-      std::max<size_t>(info.maxVertexCount, indexCount ? static_cast<size_t>(*maxIndex) + 1 : 0);
+      std::max<size_t>(info.maxVertexCount, indexCount ? static_cast<size_t>(maxIndex) + 1 : 0);
     cstdmf::ByteVector encoded;
     if (wide)
       encoded = MeshDataOptimizer::encodeIndexData(

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+#include <string>
 
 namespace GeometryCompilerDetail
 {
@@ -21,6 +23,7 @@ FileSections::Failure FileSections::open(const std::string& utf8Path)
 {
   m_path = utf8Path;
   m_entries.clear();
+  m_reason.clear();
   m_readStatus = m_file.open(utf8Path);
   if (m_readStatus != fileio::ReadStatus::Ok)
     return Failure::Read;
@@ -45,20 +48,40 @@ FileSections::Failure FileSections::open(const std::string& utf8Path)
   const std::optional<uint64_t> indexStart = binSectionIndexStart(firstWord, size, indexLength);
   if (!indexStart)
     return Failure::Index;
-  std::vector<char> tail(static_cast<size_t>(size - *indexStart));
-  if (!m_file.readAt(*indexStart, std::as_writable_bytes(std::span<char>(tail))))
+  cstdmf::ByteVector tail;
+  if (!allocate(tail, static_cast<size_t>(size - *indexStart)))
+    return m_readStatus = fileio::ReadStatus::OutOfMemory, Failure::Read;
+  if (!m_file.readAt(*indexStart, tail))
     return m_readStatus = fileio::ReadStatus::ShortRead, Failure::Read;
   const bool parsed = parseBinSectionIndex(
-    firstWord, size, *indexStart, tail, [&](const char* name, int nameLength, uint64_t offset, uint32_t length) {
+    firstWord, size, *indexStart, std::span<const char>(reinterpret_cast<const char*>(tail.data()), tail.size()), [&](const char* name, int nameLength, uint64_t offset, uint32_t length) {
       m_entries.push_back({std::string(name, static_cast<size_t>(nameLength)), offset, length});
     });
   return parsed ? Failure::None : Failure::Index;
 }
 
+bool FileSections::allocate(cstdmf::ByteVector& buffer, size_t size)
+{
+  try
+  {
+    buffer.resize(size);
+    return true;
+  }
+  catch (const std::bad_alloc&)
+  {
+    m_reason = "out of memory for " + std::to_string(size) + " bytes";
+    return false;
+  }
+}
+
 bool FileSections::readInto(const Entry& entry, size_t size, cstdmf::ByteVector& buffer)
 {
-  buffer.resize(size);
-  return m_file.readAt(entry.offset, buffer);
+  if (!allocate(buffer, size))
+    return false;
+  if (m_file.readAt(entry.offset, buffer))
+    return true;
+  m_reason = m_file.reason();
+  return false;
 }
 
 std::span<const std::byte> FileSections::head(size_t i, size_t size)
@@ -75,7 +98,7 @@ std::optional<std::span<const std::byte>> FileSections::bytes(size_t i)
   if (!readInto(entry, entry.length, m_buffer))
   {
     ZR_MSG(DebugMessagePriority::Error, "Other", "GeometryCompiler::load cannot read section '%s' of '%s': %s.\n",
-           entry.name.c_str(), m_path.c_str(), m_file.reason().c_str());
+           entry.name.c_str(), m_path.c_str(), m_reason.c_str());
     return std::nullopt;
   }
   return std::span<const std::byte>(m_buffer);

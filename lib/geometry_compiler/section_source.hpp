@@ -65,7 +65,7 @@ public:
 
   [[nodiscard]] Failure open(const std::string& utf8Path);
   fileio::ReadStatus readStatus() const { return m_readStatus; }
-  const std::string& reason() const { return m_file.reason(); }
+  const std::string& reason() const { return m_reason.empty() ? m_file.reason() : m_reason; }
   size_t bytesRead() const { return m_file.bytesRead(); }
   uint64_t fileSize() const { return m_file.size(); }
 
@@ -82,12 +82,15 @@ private:
     uint64_t offset = 0;
     uint32_t length = 0;
   };
+  // Sizes `buffer`; false (reason set) when memory runs out.
+  bool allocate(cstdmf::ByteVector& buffer, size_t size);
   bool readInto(const Entry& entry, size_t size, cstdmf::ByteVector& buffer);
 
   std::string m_path;
   fileio::FileReader m_file;
   fileio::ReadStatus m_readStatus = fileio::ReadStatus::Ok;
   std::vector<Entry> m_entries;
+  std::string m_reason; // of the last failure that was not the file's own
   cstdmf::ByteVector m_buffer; // the section being packed
   cstdmf::ByteVector m_head;
 };

@@ -35,13 +35,9 @@ GeometryCompiler::StoredMeasurement::StoredMeasurement(GeometryCompiler& compile
   if (compiler.m_overdraw)
     for (const DataEntry& entry : compiler.m_mergedGeometry.vertices().data)
       m_rawVertices.push_back(entry.data);
-  cstdmf::WorkContext* const context = cstdmf::currentWorkContext();
   try
   {
-    m_thread = std::thread([this, context]() {
-      const cstdmf::ScopedWorkContext scope(context);
-      run();
-    });
+    m_thread = cstdmf::startWithWorkContext([this]() { run(); });
   }
   catch (const std::system_error&)
   {

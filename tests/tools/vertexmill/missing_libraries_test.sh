@@ -11,17 +11,8 @@ models=$2
 work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_libraries.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
-failures=0
-check() { # check DESCRIPTION COMMAND...
-  local what=$1
-  shift
-  if "$@"; then
-    echo "ok: $what"
-  else
-    echo "FAIL: $what"
-    failures=$((failures + 1))
-  fi
-}
+# shellcheck source=checks.sh
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 
 mkdir -p "$work/no-crypto" "$work/no-curl" "$work/neither"
 echo "not a library" >"$work/no-crypto/libcrypto.so.3"

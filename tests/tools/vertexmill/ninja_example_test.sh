@@ -18,17 +18,8 @@ done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_ninja.XXXXXX")
 trap 'rm -rf "$work"' EXIT
-failures=0
-check() {
-  local what=$1
-  shift
-  if "$@"; then
-    echo "ok: $what"
-  else
-    echo "FAIL: $what"
-    failures=$((failures + 1))
-  fi
-}
+# shellcheck source=checks.sh
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 
 mkdir -p "$work/content"
 for folder in creatures props ships; do

@@ -28,17 +28,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
-failures=0
-check() { # check DESCRIPTION COMMAND...
-  local what=$1
-  shift
-  if "$@"; then
-    echo "ok: $what"
-  else
-    echo "FAIL: $what"
-    failures=$((failures + 1))
-  fi
-}
+# shellcheck source=checks.sh
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 
 # A free port: nginx is started on random ports until one listens.
 start_nginx() {
