@@ -111,25 +111,13 @@ bool GeometryCompiler::loadPrimitives(const Request& request)
   m_resourceName = request.primitivesPath;
   const std::string& path = request.primitivesPath;
   FileSections sections;
-  switch (sections.open(path))
-  {
-  case FileSections::Failure::None:
-    break;
-  case FileSections::Failure::Read:
-    reportReadFailure(path, sections.readStatus(), sections.reason(), sections.bytesRead(), sections.fileSize());
-    return false;
-  case FileSections::Failure::Empty:
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load file size is 0 for resource '%s'.\n", path.c_str());
-    return false;
-  case FileSections::Failure::Index:
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load parseBinSectionEntries for resource '%s' failed.\n", path.c_str());
-    return false;
-  }
-  if (m_statistics)
+  const FileSections::Failure failure = sections.open(path);
+  if (failure != FileSections::Failure::Read && failure != FileSections::Failure::Empty && m_statistics)
     m_statistics->inputBytes = sections.fileSize();
-  if (sections.count() == 0)
+  if (failure != FileSections::Failure::None)
   {
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load binFile.children is empty for '%s'!.\n", path.c_str());
+    reportLoadFailure(path, failure,
+                      {sections.readStatus(), nullptr, sections.fileSize(), sections.bytesRead(), sections.reason()});
     return false;
   }
   if (!packSections(sections))
@@ -140,25 +128,42 @@ bool GeometryCompiler::loadPrimitives(const Request& request)
   return true;
 }
 
-void GeometryCompiler::reportReadFailure(const std::string& path, fileio::ReadStatus status, const std::string& reason,
-                                         size_t bytesRead, uint64_t fileSize)
+void GeometryCompiler::reportLoadFailure(const std::string& path, FileSections::Failure failure,
+                                         const fileio::ReadResult& read)
 {
-  switch (status)
+  switch (failure)
   {
-  case fileio::ReadStatus::Ok:
+  case FileSections::Failure::None:
     break;
-  case fileio::ReadStatus::CannotOpen:
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' failed to open.\n", path.c_str());
+  case FileSections::Failure::Read:
+    switch (read.status)
+    {
+    case fileio::ReadStatus::Ok:
+      break;
+    case fileio::ReadStatus::CannotOpen:
+      ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' failed to open.\n", path.c_str());
+      break;
+    case fileio::ReadStatus::CannotSize:
+    case fileio::ReadStatus::TooLarge:
+    case fileio::ReadStatus::OutOfMemory:
+      ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' cannot be read: %s.\n", path.c_str(),
+             read.reason.c_str());
+      break;
+    case fileio::ReadStatus::ShortRead:
+      ZR_MSG(kError, kCategory,
+             "GeometryCompiler::load file read '%d' bytes which is different with filesize '%d' for resource '%s'.\n",
+             static_cast<int>(read.bytesRead), static_cast<int>(read.fileSize), path.c_str());
+      break;
+    }
     break;
-  case fileio::ReadStatus::CannotSize:
-  case fileio::ReadStatus::TooLarge:
-  case fileio::ReadStatus::OutOfMemory:
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load file '%s' cannot be read: %s.\n", path.c_str(), reason.c_str());
+  case FileSections::Failure::Empty:
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load file size is 0 for resource '%s'.\n", path.c_str());
     break;
-  case fileio::ReadStatus::ShortRead:
-    ZR_MSG(kError, kCategory,
-           "GeometryCompiler::load file read '%d' bytes which is different with filesize '%d' for resource '%s'.\n",
-           static_cast<int>(bytesRead), static_cast<int>(fileSize), path.c_str());
+  case FileSections::Failure::Index:
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load parseBinSectionEntries for resource '%s' failed.\n", path.c_str());
+    break;
+  case FileSections::Failure::NoSections:
+    ZR_MSG(kError, kCategory, "GeometryCompiler::load binFile.children is empty for '%s'!.\n", path.c_str());
     break;
   }
 }
@@ -170,16 +175,14 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
   m_resourceName = path;
 
   const fileio::ReadResult read = fileio::readWholeFile(path, "Geometry");
+  const auto failed = [&](FileSections::Failure failure) {
+    reportLoadFailure(path, failure, read);
+    return false;
+  };
   if (!read)
-  {
-    reportReadFailure(path, read.status, read.reason, read.bytesRead, read.fileSize);
-    return false;
-  }
+    return failed(FileSections::Failure::Read);
   if (read.block->len() == 0)
-  {
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load file size is 0 for resource '%s'.\n", path.c_str());
-    return false;
-  }
+    return failed(FileSections::Failure::Empty);
   if (m_statistics)
     m_statistics->inputBytes = read.block->len();
 
@@ -190,15 +193,9 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
       binFile.children.emplace_back(std::string(name, static_cast<size_t>(nameLength)), std::move(child));
     });
   if (!parsed)
-  {
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load parseBinSectionEntries for resource '%s' failed.\n", path.c_str());
-    return false;
-  }
+    return failed(FileSections::Failure::Index);
   if (binFile.children.empty())
-  {
-    ZR_MSG(kError, kCategory, "GeometryCompiler::load binFile.children is empty for '%s'!.\n", path.c_str());
-    return false;
-  }
+    return failed(FileSections::Failure::NoSections);
   return true;
 }
 

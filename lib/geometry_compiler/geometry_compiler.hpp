@@ -185,9 +185,10 @@ private:
   void reserveMergedBuffers(GeometryCompilerDetail::SectionSource& sections);
   // packLOD over any source of sections.
   [[nodiscard]] bool packSections(GeometryCompilerDetail::SectionSource& sections);
-  // Reports a file that could not be read, in the words of readFile.
-  void reportReadFailure(const std::string& path, fileio::ReadStatus status, const std::string& reason,
-                         size_t bytesRead, uint64_t fileSize);
+  // Reports why a .primitives file could not be loaded, in the same words whether it was read whole
+  // or section by section; `read` tells the cause of a failed read.
+  void reportLoadFailure(const std::string& path, GeometryCompilerDetail::FileSections::Failure failure,
+                         const fileio::ReadResult& read);
   // Converts `vertexCount` vertices from `source` into `destination` (in slices, on up to m_jobs
   // threads) and, when verifying, checks them as they are converted, keeping the decoded
   // positions and texture coordinates in `columns` when it is given. False when the formats

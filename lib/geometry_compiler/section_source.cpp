@@ -57,7 +57,9 @@ FileSections::Failure FileSections::open(const std::string& utf8Path)
     firstWord, size, *indexStart, std::span<const char>(reinterpret_cast<const char*>(tail.data()), tail.size()), [&](const char* name, int nameLength, uint64_t offset, uint32_t length) {
       m_entries.push_back({std::string(name, static_cast<size_t>(nameLength)), offset, length});
     });
-  return parsed ? Failure::None : Failure::Index;
+  if (!parsed)
+    return Failure::Index;
+  return m_entries.empty() ? Failure::NoSections : Failure::None;
 }
 
 bool FileSections::allocate(cstdmf::ByteVector& buffer, size_t size)

@@ -61,6 +61,7 @@ public:
     Read,   // see readStatus(), reason(), bytesRead()
     Empty,  // the file has no bytes
     Index,  // the index is not a valid container index
+    NoSections, // a valid index without entries
   };
 
   [[nodiscard]] Failure open(const std::string& utf8Path);
