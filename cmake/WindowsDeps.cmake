@@ -2,10 +2,10 @@
 # instead of from find_package (Debian has no MinGW packages for most of them):
 #   fmt, nlohmann-json          header-only, from the host's /usr/include
 #   spdlog                      compiled from the host's /usr/include/spdlog headers
-#   meshoptimizer, tinyxml2     compiled from Debian's source packages of the host's release
+#   meshoptimizer, tinyxml2,    compiled from Debian's source packages of the versions the host
+#   libpng                      build links
 #   GoogleTest                  compiled from /usr/src/googletest (libgtest-dev)
 #   zlib                        libz-mingw-w64-dev, found in the MinGW sysroot
-#   libpng                      compiled from Debian's source package of the host's release
 # It defines the same imported targets as the find_package calls of the normal build.
 
 set(VERTEXMILL_DEPS_DIR ${CMAKE_BINARY_DIR}/_deps)
@@ -51,33 +51,52 @@ set_target_properties(ZLIB::ZLIB PROPERTIES
   IMPORTED_LOCATION ${VERTEXMILL_MINGW_ZLIB}
   INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_MINGW_ZLIB_INCLUDE})
 
-# meshoptimizer: the release the host build links (libmeshoptimizer-dev), unpacked from Debian's
-# source package with its patches applied. VERTEXMILL_MESHOPTIMIZER_SOURCE_DIR may name an unpacked
-# tree instead (builds without network access).
-set(VERTEXMILL_MESHOPTIMIZER_SOURCE_DIR "" CACHE PATH "Unpacked meshoptimizer source tree (empty: apt-get source)")
-set(meshopt_dir ${VERTEXMILL_MESHOPTIMIZER_SOURCE_DIR})
-if(NOT meshopt_dir)
-  file(GLOB meshopt_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/meshoptimizer/meshoptimizer-*)
-  if(NOT meshopt_dir)
-    execute_process(COMMAND dpkg-query -W -f=\${Version} libmeshoptimizer-dev
-      OUTPUT_VARIABLE meshopt_version RESULT_VARIABLE meshopt_query ERROR_QUIET)
-    set(meshopt_package meshoptimizer)
-    if(meshopt_query EQUAL 0 AND meshopt_version)
-      set(meshopt_package meshoptimizer=${meshopt_version})
+# meshoptimizer, tinyxml2 and libpng are compiled from Debian's source package of the version the
+# host build links, with Debian's patches applied: scripts/windows-sources.sh chooses the version
+# (and says why), scripts/install-deps.sh --windows keeps it one the archive serves. Each version is
+# unpacked into a folder of its own, so that an upgraded package is fetched again.
+# VERTEXMILL_<NAME>_SOURCE_DIR may name an unpacked tree instead (builds without network access).
+function(vertexmill_debian_source name source_package out_dir)
+  string(TOUPPER ${name} upper)
+  set(VERTEXMILL_${upper}_SOURCE_DIR "" CACHE PATH "Unpacked ${name} source tree (empty: apt-get source)")
+  if(VERTEXMILL_${upper}_SOURCE_DIR)
+    set(${out_dir} ${VERTEXMILL_${upper}_SOURCE_DIR} PARENT_SCOPE)
+    return()
+  endif()
+  execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/windows-sources.sh version ${source_package}
+    OUTPUT_VARIABLE version OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_VARIABLE version_errors RESULT_VARIABLE version_result)
+  if(NOT version_result EQUAL 0)
+    message(FATAL_ERROR "no version of ${source_package} to build: ${version_errors}")
+  endif()
+  string(REGEX REPLACE "[^A-Za-z0-9.+~-]" "_" version_folder "${version}")
+  set(work ${VERTEXMILL_DEPS_DIR}/${name}/${version_folder})
+  file(GLOB dir LIST_DIRECTORIES true ${work}/${source_package}-* ${work}/${name}-*)
+  if(NOT dir)
+    message(STATUS "Unpacking Debian's source package ${source_package}=${version}")
+    file(REMOVE_RECURSE ${work})
+    file(MAKE_DIRECTORY ${work})
+    execute_process(COMMAND apt-get source -qq ${source_package}=${version}
+      WORKING_DIRECTORY ${work} RESULT_VARIABLE fetch OUTPUT_QUIET ERROR_VARIABLE errors)
+    file(GLOB dir LIST_DIRECTORIES true ${work}/${source_package}-*)
+    # A mirror may serve the upstream tarball but not a security update's Debian files; the
+    # upstream tree is all this build needs.
+    file(GLOB orig ${work}/${source_package}_*.orig.tar.*)
+    if(NOT dir AND orig)
+      list(GET orig 0 orig)
+      execute_process(COMMAND ${CMAKE_COMMAND} -E tar xf ${orig} WORKING_DIRECTORY ${work})
+      file(GLOB dir LIST_DIRECTORIES true ${work}/${source_package}-* ${work}/${name}-*)
     endif()
-    message(STATUS "Unpacking Debian's source package ${meshopt_package}")
-    file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/meshoptimizer)
-    execute_process(COMMAND apt-get source -qq ${meshopt_package}
-      WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/meshoptimizer
-      RESULT_VARIABLE meshopt_fetch OUTPUT_QUIET ERROR_VARIABLE meshopt_errors)
-    file(GLOB meshopt_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/meshoptimizer/meshoptimizer-*)
-    if(NOT meshopt_fetch EQUAL 0 OR NOT meshopt_dir)
-      message(FATAL_ERROR "apt-get source ${meshopt_package} failed: it needs deb-src entries and dpkg-dev "
-                          "(scripts/install-deps.sh --windows adds both)\n${meshopt_errors}")
+    if(NOT dir)
+      execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/windows-sources.sh check ERROR_VARIABLE offer OUTPUT_QUIET)
+      message(FATAL_ERROR "apt-get source ${source_package}=${version} failed: it needs deb-src entries and "
+                          "dpkg-dev (scripts/install-deps.sh --windows adds both)\n${errors}\n${offer}")
     endif()
   endif()
-endif()
-list(GET meshopt_dir 0 meshopt_dir)
+  list(GET dir 0 dir)
+  set(${out_dir} ${dir} PARENT_SCOPE)
+endfunction()
+
+vertexmill_debian_source(meshoptimizer meshoptimizer meshopt_dir)
 file(GLOB meshopt_sources ${meshopt_dir}/src/*.cpp)
 if(NOT EXISTS ${meshopt_dir}/src/meshoptimizer.h OR NOT meshopt_sources)
   message(FATAL_ERROR "no meshoptimizer sources in ${meshopt_dir}")
@@ -86,74 +105,16 @@ add_library(vertexmill_meshoptimizer STATIC ${meshopt_sources})
 target_include_directories(vertexmill_meshoptimizer SYSTEM PUBLIC ${meshopt_dir}/src)
 add_library(meshoptimizer::meshoptimizer ALIAS vertexmill_meshoptimizer)
 
-# tinyxml2: the release of the host's libtinyxml2-dev, from Debian's source package in the same
-# way; VERTEXMILL_TINYXML2_SOURCE_DIR may name an unpacked tree instead.
-set(VERTEXMILL_TINYXML2_SOURCE_DIR "" CACHE PATH "Unpacked tinyxml2 source tree (empty: apt-get source)")
-set(tinyxml2_dir ${VERTEXMILL_TINYXML2_SOURCE_DIR})
-if(NOT tinyxml2_dir)
-  file(GLOB tinyxml2_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/tinyxml2/tinyxml2-*)
-  if(NOT tinyxml2_dir)
-    execute_process(COMMAND dpkg-query -W -f=\${source:Version} libtinyxml2-dev
-      OUTPUT_VARIABLE tinyxml2_version RESULT_VARIABLE tinyxml2_query ERROR_QUIET)
-    set(tinyxml2_package tinyxml2)
-    if(tinyxml2_query EQUAL 0 AND tinyxml2_version)
-      set(tinyxml2_package tinyxml2=${tinyxml2_version})
-    endif()
-    message(STATUS "Unpacking Debian's source package ${tinyxml2_package}")
-    file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/tinyxml2)
-    execute_process(COMMAND apt-get source -qq ${tinyxml2_package}
-      WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/tinyxml2
-      RESULT_VARIABLE tinyxml2_fetch OUTPUT_QUIET ERROR_VARIABLE tinyxml2_errors)
-    file(GLOB tinyxml2_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/tinyxml2/tinyxml2-*)
-    if(NOT tinyxml2_fetch EQUAL 0 OR NOT tinyxml2_dir)
-      message(FATAL_ERROR "apt-get source ${tinyxml2_package} failed: it needs deb-src entries and dpkg-dev "
-                          "(scripts/install-deps.sh --windows adds both)\n${tinyxml2_errors}")
-    endif()
-  endif()
-endif()
-list(GET tinyxml2_dir 0 tinyxml2_dir)
+vertexmill_debian_source(tinyxml2 tinyxml2 tinyxml2_dir)
 if(NOT EXISTS ${tinyxml2_dir}/tinyxml2.cpp OR NOT EXISTS ${tinyxml2_dir}/tinyxml2.h)
   message(FATAL_ERROR "no tinyxml2 sources in ${tinyxml2_dir}")
 endif()
 add_library(vertexmill_tinyxml2 STATIC ${tinyxml2_dir}/tinyxml2.cpp)
 target_include_directories(vertexmill_tinyxml2 SYSTEM PUBLIC ${tinyxml2_dir})
 add_library(tinyxml2::tinyxml2 ALIAS vertexmill_tinyxml2)
-# libpng, compiled from Debian's source package (libpng1.6) of the host's release like meshoptimizer;
-# VERTEXMILL_LIBPNG_SOURCE_DIR names an unpacked tree instead. The library's own prebuilt
-# configuration header is used as it is.
-set(VERTEXMILL_LIBPNG_SOURCE_DIR "" CACHE PATH "Unpacked libpng source tree (empty: apt-get source)")
-set(libpng_dir ${VERTEXMILL_LIBPNG_SOURCE_DIR})
-if(NOT libpng_dir)
-  file(GLOB libpng_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/libpng/libpng1.6-* ${VERTEXMILL_DEPS_DIR}/libpng/libpng-*)
-  if(NOT libpng_dir)
-    execute_process(COMMAND dpkg-query -W -f=\${source:Version} libpng-dev
-      OUTPUT_VARIABLE libpng_version RESULT_VARIABLE libpng_query ERROR_QUIET)
-    set(libpng_package libpng1.6)
-    if(libpng_query EQUAL 0 AND libpng_version)
-      set(libpng_package libpng1.6=${libpng_version})
-    endif()
-    message(STATUS "Unpacking Debian's source package ${libpng_package}")
-    file(MAKE_DIRECTORY ${VERTEXMILL_DEPS_DIR}/libpng)
-    execute_process(COMMAND apt-get source -qq ${libpng_package}
-      WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/libpng
-      RESULT_VARIABLE libpng_fetch OUTPUT_QUIET ERROR_VARIABLE libpng_errors)
-    file(GLOB libpng_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/libpng/libpng1.6-*)
-    # A mirror may serve the upstream tarball but not a security update's Debian files; the
-    # upstream tree is all this build needs.
-    file(GLOB libpng_orig ${VERTEXMILL_DEPS_DIR}/libpng/libpng1.6_*.orig.tar.*)
-    if(NOT libpng_dir AND libpng_orig)
-      list(GET libpng_orig 0 libpng_orig)
-      execute_process(COMMAND ${CMAKE_COMMAND} -E tar xf ${libpng_orig} WORKING_DIRECTORY ${VERTEXMILL_DEPS_DIR}/libpng
-        RESULT_VARIABLE libpng_fetch)
-      file(GLOB libpng_dir LIST_DIRECTORIES true ${VERTEXMILL_DEPS_DIR}/libpng/libpng-*)
-    endif()
-    if(NOT libpng_dir)
-      message(FATAL_ERROR "apt-get source ${libpng_package} failed: it needs deb-src entries and dpkg-dev "
-                          "(scripts/install-deps.sh --windows adds both)\n${libpng_errors}")
-    endif()
-  endif()
-endif()
-list(GET libpng_dir 0 libpng_dir)
+
+# libpng: the library's own prebuilt configuration header is used as it is.
+vertexmill_debian_source(libpng libpng1.6 libpng_dir)
 set(libpng_sources)
 foreach(name png pngerror pngget pngmem pngpread pngread pngrio pngrtran pngrutil pngset pngtrans pngwio pngwrite
              pngwtran pngwutil)

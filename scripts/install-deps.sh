@@ -2,6 +2,7 @@
 # Installs the Debian packages the build needs, only those that are missing.
 # Usage: scripts/install-deps.sh [--windows]   (--windows adds the MinGW-w64 cross toolchain and Wine)
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config
           libspdlog-dev libfmt-dev libmeshoptimizer-dev zlib1g-dev
@@ -41,11 +42,34 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
-if [[ ${#missing[@]} -eq 0 ]]; then
-  [[ $need_update -eq 1 ]] && $sudo apt-get update -qq
-  exit 0
+
+# Package lists older than a day may not know the archive's latest security updates, whose sources
+# are the only ones it still serves.
+lists_are_old() {
+  [[ -z $(find /var/lib/apt/lists -maxdepth 1 -name '*_Sources' -mmin -1440 2>/dev/null | head -n1) ]]
+}
+updated=0
+update() {
+  if [[ $updated -eq 0 ]]; then $sudo apt-get update -qq; updated=1; fi
+}
+if [[ ${#missing[@]} -gt 0 || $need_update -eq 1 ]] || { [[ $windows -eq 1 ]] && lists_are_old; }; then
+  update
 fi
 
-echo "Installing: ${missing[*]}"
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+if [[ ${#missing[@]} -gt 0 ]]; then
+  echo "Installing: ${missing[*]}"
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The Windows build compiles the libraries the Linux build links from the source of the installed
+# version. Once a security update has replaced that version in the archive its source cannot be
+# fetched any more: the -dev package is upgraded to the version on offer, so that both builds
+# still use the same library.
+if [[ $windows -eq 1 ]]; then
+  mapfile -t stale < <(scripts/windows-sources.sh stale)
+  if [[ ${#stale[@]} -gt 0 ]]; then
+    echo "Upgrading to the version the archive serves: ${stale[*]}"
+    update
+    $sudo apt-get install -y -qq --no-install-recommends --only-upgrade "${stale[@]}"
+  fi
+fi

@@ -11,6 +11,10 @@ if [[ "${VERTEXMILL_SKIP_WINDOWS:-0}" == "1" ]]; then
   scripts/install-deps.sh
 else
   scripts/install-deps.sh --windows
+  # Early, before half an hour of building: every source package the Windows build compiles can
+  # be fetched in the version it needs.
+  echo "== the Windows build's source packages"
+  scripts/windows-sources.sh check
 fi
 
 echo "== build (RelWithDebInfo)"
