@@ -110,6 +110,11 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode)
   return std::fopen(utf8Path.c_str(), mode);
 }
 
+std::FILE* createDeletableFile(const std::string& utf8Path)
+{
+  return std::fopen(utf8Path.c_str(), "wb");
+}
+
 bool seekFile(std::FILE* file, uint64_t offset)
 {
   if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()))

@@ -48,7 +48,8 @@ std::FILE* createRegistered(const std::filesystem::path& path)
     lock.lock();
   }
   r.paths.push_back(path);
-  return platform::openFile(cstdmf::toUtf8(path), "wb");
+  // Deletable while open: a fatal end on another thread removes it in the middle of a write.
+  return platform::createDeletableFile(cstdmf::toUtf8(path));
 }
 
 void unregisterTemporary(const std::filesystem::path& path)

@@ -3,8 +3,10 @@
 #include "content_cache/remote_store.hpp"
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "display_text.hpp"
 #include "model_cache.hpp"
 
+#include <cctype>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -60,13 +62,36 @@ std::optional<long> parseCacheTimeout(std::string_view text)
   return value;
 }
 
+bool isHttpUrl(std::string_view url)
+{
+  const auto startsWith = [url](std::string_view scheme) {
+    if (url.size() <= scheme.size())
+      return false;
+    for (size_t i = 0; i < scheme.size(); ++i)
+    {
+      if (std::tolower(static_cast<unsigned char>(url[i])) != scheme[i])
+        return false;
+    }
+    return true;
+  };
+  const size_t schemeEnd = startsWith("http://") ? 7 : startsWith("https://") ? 8 : 0;
+  if (schemeEnd == 0)
+    return false;
+  const std::string_view rest = url.substr(schemeEnd);
+  const std::string_view authority = rest.substr(0, rest.find('/'));
+  const std::string_view host = authority.substr(authority.find('@') == std::string_view::npos ? 0 : authority.find('@') + 1);
+  return !host.empty() && host.front() != ':' &&
+         rest.find_first_of(" \t\r\n") == std::string_view::npos;
+}
+
 bool resolveCacheOptions(CacheOptions& options)
 {
   if (options.off)
     return true;
   if (!options.directory && !environment("VERTEXMILL_CACHE").empty())
     options.directory = environment("VERTEXMILL_CACHE");
-  if (!options.url && !environment("VERTEXMILL_CACHE_URL").empty())
+  const bool urlFromEnvironment = !options.url && !environment("VERTEXMILL_CACHE_URL").empty();
+  if (urlFromEnvironment)
     options.url = environment("VERTEXMILL_CACHE_URL");
   const std::string maxSize = environment("VERTEXMILL_CACHE_MAX_SIZE");
   if (!options.maxSize && !maxSize.empty())
@@ -79,6 +104,14 @@ bool resolveCacheOptions(CacheOptions& options)
                    maxSize.c_str());
       return false;
     }
+  }
+  if (options.url && !isHttpUrl(*options.url))
+  {
+    // Only HTTP servers hold a cache; anything else would fail on every request, with the URL
+    // (and any password in it) repeated in every warning.
+    std::fprintf(stderr, "ERROR: invalid value '%s' for %s: expected an http:// or https:// URL\n",
+                 toDisplayText(*options.url).c_str(), urlFromEnvironment ? "VERTEXMILL_CACHE_URL" : "--cache-url");
+    return false;
   }
   if (options.url && !content_cache::RemoteStore::supported())
   {

@@ -29,9 +29,13 @@ struct CacheOptions
 // Whole seconds from 1 to 600.
 [[nodiscard]] std::optional<long> parseCacheTimeout(std::string_view text);
 
+// "http://" or "https://" (any case) and a host: the only servers a cache can be kept on.
+[[nodiscard]] bool isHttpUrl(std::string_view url);
+
 // Fills what the command line left unset from VERTEXMILL_CACHE, VERTEXMILL_CACHE_URL and
 // VERTEXMILL_CACHE_MAX_SIZE (unless --no-cache). False, after an "ERROR: " line on standard error,
-// for an invalid size in the environment or a cache URL in a build without the remote tier.
+// for an invalid size in the environment, a cache URL that is not an HTTP one, or one in a build
+// without the remote tier.
 [[nodiscard]] bool resolveCacheOptions(CacheOptions& options);
 
 // The run's cache, or null when none is asked for.

@@ -13,16 +13,24 @@ namespace vertexmill
 {
 namespace
 {
+// Standard output, or standard error while a document is written to standard output.
+std::FILE* s_outputLines = stdout;
+
 // Through the C stream, flushed: the verbose sink flushes it before each of its own writes, so
 // the two keep their order on every platform.
 void writeOutputLine(std::string_view line)
 {
   std::string text = toDisplayText(line);
   text += '\n';
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
+  std::fwrite(text.data(), 1, text.size(), s_outputLines);
+  std::fflush(s_outputLines);
 }
 } // namespace
+
+void moveOutputLinesToStandardError()
+{
+  s_outputLines = stderr;
+}
 
 void ModelLog::append(const spdlog::details::log_msg& msg, std::string text, bool keep)
 {

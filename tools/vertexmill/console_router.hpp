@@ -97,6 +97,10 @@ private:
 // walk order.
 void printOutputLine(std::string line);
 
+// From now on the lines of printOutputLine go to standard error (--report - keeps standard output
+// for the document).
+void moveOutputLinesToStandardError();
+
 // Moves the application logger's console sinks (all but the first, the debugger-output sink)
 // behind one router, installed in their place, and returns it. Call once, after the console
 // sinks are set up and before any other thread logs.

@@ -35,6 +35,7 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -64,6 +65,7 @@ constexpr const char* kDescription =
   "MODEL_NAME_Full.geometry or MODEL_NAME_lod<n>.geometry (where <n> is number of lod).";
 
 constexpr std::string_view kPrimitivesExtension = ".primitives";
+constexpr std::string_view kGeometryExtension = ".geometry";
 
 // More jobs than this is a typing error rather than a machine.
 constexpr unsigned kMaxJobs = 1024;
@@ -191,6 +193,7 @@ bool Args::parse(int argc, const char* const* argv)
         .longName = "time-limit",
         .description = "with --keep-going, a model still converting after S seconds fails (default 600)",
         .valueName = "S",
+        .expected = "a whole number of seconds from 1 to 86400",
         .callback = [this](std::string_view value) {
           unsigned parsed = 0;
           const char* end = value.data() + value.size();
@@ -215,9 +218,10 @@ bool Args::parse(int argc, const char* const* argv)
         .longName = "report",
         .description = "write statistics of every model as one JSON document to FILE",
         .valueName = "FILE",
+        .expected = "a file name, or - for standard output",
         .callback = [this](std::string_view value) {
           reportPath = std::string(value);
-          return true;
+          return !value.empty();
         },
       })
       .add({
@@ -249,6 +253,7 @@ bool Args::parse(int argc, const char* const* argv)
                        "holds at most SIZE bytes (K, M, G, T suffixes; default: $VERTEXMILL_CACHE_MAX_SIZE, "
                        "else no bound)",
         .valueName = "SIZE",
+        .expected = "a number of bytes, with an optional K, M, G or T suffix",
         .callback = [this](std::string_view value) {
           cache.maxSize = parseCacheSize(value);
           return cache.maxSize.has_value();
@@ -259,6 +264,7 @@ bool Args::parse(int argc, const char* const* argv)
         .longName = "cache-timeout",
         .description = "give up on a cache server request after SECONDS (default 10)",
         .valueName = "SECONDS",
+        .expected = "a whole number of seconds from 1 to 600",
         .callback = [this](std::string_view value) {
           const std::optional<long> parsed = parseCacheTimeout(value);
           if (parsed)
@@ -281,6 +287,7 @@ bool Args::parse(int argc, const char* const* argv)
         .description = "in tree mode convert only the models of shard K of N (1 <= K <= N), chosen by their "
                        "relative paths",
         .valueName = "K/N",
+        .expected = "K/N with 1 <= K <= N <= 65536",
         .callback = [this](std::string_view value) {
           shard = parseShard(value);
           return shard.has_value();
@@ -292,9 +299,10 @@ bool Args::parse(int argc, const char* const* argv)
         .description = "in default mode also write FILE, a Makefile-syntax list of the files the model was made "
                        "from, for Ninja and Make",
         .valueName = "FILE",
+        .expected = "a file name (standard output is not one)",
         .callback = [this](std::string_view value) {
           depfilePath = std::string(value);
-          return !value.empty();
+          return !value.empty() && value != "-";
         },
       })
       .add({
@@ -302,9 +310,10 @@ bool Args::parse(int argc, const char* const* argv)
         .longName = "report-html",
         .description = "write the report as one self-contained HTML page, with previews, to FILE",
         .valueName = "FILE",
+        .expected = "a file name (standard output is not one)",
         .callback = [this](std::string_view value) {
           reportHtmlPath = std::string(value);
-          return !value.empty();
+          return !value.empty() && value != "-";
         },
       })
       .add({
@@ -370,57 +379,98 @@ struct RunRequest
   ModelCache* cache = nullptr;
   std::optional<Shard> shard;
   std::string depfilePath;
-  std::string reportPath;   // UTF-8, with report
+  std::string reportPath;     // UTF-8, with report
+  std::string reportHtmlPath; // UTF-8, with report
   ToolCriticalErrorHandler* criticalHandler = nullptr;
   unsigned modelTimeout = 0;
 };
 
-// A refused --report path: the message shows whatever the verbosity, like a command-line error.
-bool refuseReport(const std::string& path, std::string_view reason)
+// A file a project option writes besides the models' outputs.
+struct RequestedOutput
+{
+  std::string_view what; // "report", "report page", "depfile"
+  std::string path;      // UTF-8, as given
+};
+
+// A refused output: the message shows whatever the verbosity, like a command-line error.
+bool refuseOutput(const RequestedOutput& output, std::string_view reason)
 {
   std::fflush(stdout);
-  std::fprintf(stderr, "ERROR: cannot write report '%s': %s\n", toDisplayText(path).c_str(),
-               toDisplayText(reason).c_str());
+  std::fprintf(stderr, "ERROR: cannot write %.*s '%s': %s\n", static_cast<int>(output.what.size()), output.what.data(),
+               toDisplayText(output.path).c_str(), toDisplayText(reason).c_str());
   return false;
 }
 
-// Checked before any model is converted, so that a report that cannot be written costs no work:
-// its directory must exist and take a new file, and it must not be one of the run's inputs.
-[[nodiscard]] bool checkReportPath(const std::string& path, const std::vector<fs::path>& sources)
+// The file a written path ends up in, for comparing paths that need not exist yet.
+fs::path comparable(const fs::path& path)
 {
-  if (path == "-")
-    return true;
-  const fs::path target = reportTarget(path);
   std::error_code error;
-  const fs::path directory = target.parent_path().empty() ? fs::path(".") : target.parent_path();
-  if (!fs::is_directory(fs::status(directory, error)))
-    return refuseReport(path, "the directory " + cstdmf::toUtf8(directory) + " does not exist");
-  const fs::file_status status = fs::status(target, error);
-  if (fs::is_directory(status))
-    return refuseReport(path, "it is a directory");
-  if (fs::exists(status))
+  fs::path result = fs::weakly_canonical(path, error);
+  return error ? fs::absolute(path, error).lexically_normal() : result;
+}
+
+// Checked before any model is converted, so that an output that cannot be written costs no work
+// and nothing the run was given or makes is overwritten by it: its directory must exist and take a
+// new file, and it may not be a source, a companion, a model's output or another option's file.
+[[nodiscard]] bool checkRequestedOutputs(const std::vector<RequestedOutput>& requested,
+                                         const std::vector<fs::path>& sources,
+                                         const std::function<fs::path(size_t)>& outputOf)
+{
+  std::vector<fs::path> claimed;
+  for (const RequestedOutput& output : requested)
   {
-    for (const fs::path& source : sources)
+    if (output.path == "-")
+      continue;
+    const fs::path target = reportTarget(output.path);
+    std::error_code error;
+    const fs::path directory = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+    if (!fs::is_directory(fs::status(directory, error)))
+      return refuseOutput(output, "the directory " + cstdmf::toUtf8(directory) + " does not exist");
+    const fs::file_status status = fs::status(target, error);
+    if (fs::is_directory(status))
+      return refuseOutput(output, "it is a directory");
+    if (fs::exists(status) && !fs::is_regular_file(status))
+      return refuseOutput(output, "it is not a regular file");
+    if (fs::exists(status))
     {
-      std::vector<fs::path> inputs = {source};
-      for (const fs::path& companion : companionPaths(source))
-        inputs.push_back(companion);
-      for (const fs::path& input : inputs)
+      for (const fs::path& source : sources)
       {
-        if (fs::equivalent(target, input, error))
-          return refuseReport(path, "it is the input file " + cstdmf::toUtf8(input));
+        std::vector<fs::path> inputs = {source};
+        for (const fs::path& companion : companionPaths(source))
+          inputs.push_back(companion);
+        for (const fs::path& input : inputs)
+        {
+          if (fs::equivalent(target, input, error))
+            return refuseOutput(output, "it is the input file " + cstdmf::toUtf8(input));
+        }
       }
     }
+    const fs::path place = comparable(target);
+    if (place.extension() == cstdmf::u8path(kGeometryExtension))
+    {
+      for (size_t i = 0; i < sources.size(); ++i)
+      {
+        const fs::path model = outputOf(i);
+        if (comparable(model) == place)
+          return refuseOutput(output, "it is the output of " + cstdmf::toUtf8(sources[i]));
+      }
+    }
+    for (const fs::path& other : claimed)
+    {
+      if (other == place)
+        return refuseOutput(output, "another option writes the same file");
+    }
+    claimed.push_back(place);
+    // The same temporary file the output is written through, made and removed again.
+    fs::path probe = target;
+    probe += ".tmp" + std::to_string(platform::processId());
+    errno = 0;
+    std::FILE* file = platform::openFile(cstdmf::toUtf8(probe), "wb");
+    if (!file)
+      return refuseOutput(output, std::error_code(errno ? errno : EACCES, std::generic_category()).message());
+    std::fclose(file);
+    fs::remove(probe, error);
   }
-  // The same temporary file the report is written through, made and removed again.
-  fs::path probe = target;
-  probe += ".tmp" + std::to_string(platform::processId());
-  errno = 0;
-  std::FILE* file = platform::openFile(cstdmf::toUtf8(probe), "wb");
-  if (!file)
-    return refuseReport(path, std::error_code(errno ? errno : EACCES, std::generic_category()).message());
-  std::fclose(file);
-  fs::remove(probe, error);
   return true;
 }
 
@@ -512,17 +562,29 @@ ModelSettings modelSettings(const RunRequest& request)
   return settings;
 }
 
+std::vector<RequestedOutput> requestedOutputs(const RunRequest& request)
+{
+  std::vector<RequestedOutput> outputs;
+  if (!request.reportPath.empty())
+    outputs.push_back({"report", request.reportPath});
+  if (!request.reportHtmlPath.empty())
+    outputs.push_back({"report page", request.reportHtmlPath});
+  if (!request.depfilePath.empty())
+    outputs.push_back({"depfile", request.depfilePath});
+  return outputs;
+}
+
 int processSingle(const RunRequest& request, const fs::path& src, const fs::path& dst)
 {
   if (!requireExtension(src, kPrimitivesExtension))
     return kExitBadPath;
   if (!requireFileExists(src, fs::status(src)))
     return kExitBadPath;
-  if (!request.reportPath.empty() && !checkReportPath(request.reportPath, {src}))
+  const fs::path output = geometryPathFor(dst, src.filename());
+  if (!checkRequestedOutputs(requestedOutputs(request), {src}, [&output](size_t) { return output; }))
     return kExitBadCommandLine;
   if (request.criticalHandler)
     request.criticalHandler->setSingleModel(cstdmf::toUtf8(src));
-  const fs::path output = geometryPathFor(dst, src.filename());
   const ModelOutcome outcome = convertModel(src, output, modelSettings(request));
   if (outcome == ModelOutcome::Failed)
     return kExitConversionFailed;
@@ -568,7 +630,8 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
     return reportFilesystemFailure(walkError);
   if (request.shard)
     keepShard(models, *request.shard);
-  if (!request.reportPath.empty() && !checkReportPath(request.reportPath, models.sources))
+  if (!checkRequestedOutputs(requestedOutputs(request), models.sources,
+                             [&models](size_t index) { return models.outputFor(index); }))
     return kExitBadCommandLine;
 
   TreeRunOptions options;
@@ -634,13 +697,26 @@ int vertexmillMain(int argc, const char* const* argv)
     std::fprintf(stderr, "ERROR: --shard needs SHA-256, which is not available: %s\n", problem.c_str());
     return kExitBadCommandLine;
   }
+  if (args.modelTimeout != 0 && !args.keepGoing)
+  {
+    // Only a worker process can be stopped when its time is up.
+    std::fputs("ERROR: --time-limit works with --keep-going only\n", stderr);
+    return kExitBadCommandLine;
+  }
   if (!args.depfilePath.empty() && args.tree)
   {
     std::fputs("ERROR: --depfile works in default mode only (one model)\n", stderr);
     return kExitBadCommandLine;
   }
+  const bool maxSizeGiven = args.cache.maxSize.has_value();
   if (!resolveCacheOptions(args.cache))
     return kExitBadCommandLine;
+  if (maxSizeGiven && (args.cache.off || !args.cache.directory))
+  {
+    // A bound on a cache folder that the run does not use would be silently ignored.
+    std::fputs("ERROR: --cache-max-size needs a cache folder (--cache DIR or VERTEXMILL_CACHE)\n", stderr);
+    return kExitBadCommandLine;
+  }
   if (args.srcPath.empty() || args.dstPath.empty())
   {
     // Straight to the stream: logging is not set up yet, and this shows even with --quiet.
@@ -650,7 +726,10 @@ int vertexmillMain(int argc, const char* const* argv)
 
   cstdmf::setupConsoleLogging(args.verbosity);
   if (args.reportPath == "-")
+  {
     moveInfoLinesToStandardError();
+    moveOutputLinesToStandardError();
+  }
   ToolCriticalErrorHandler criticalHandler(args.verbosity);
   cstdmf::setCriticalErrorHandler(&criticalHandler);
   const std::shared_ptr<ConsoleRouter> router = installConsoleRouter();
@@ -673,6 +752,7 @@ int vertexmillMain(int argc, const char* const* argv)
   request.shard = args.shard;
   request.depfilePath = args.depfilePath;
   request.reportPath = args.reportPath;
+  request.reportHtmlPath = args.reportHtmlPath;
   request.criticalHandler = &criticalHandler;
   request.modelTimeout = args.modelTimeout;
   int status = kExitSuccess;
@@ -695,8 +775,9 @@ int vertexmillMain(int argc, const char* const* argv)
     status = kExitFilesystemError;
   if (cache)
     cache->finish();
-  if (report && !args.reportHtmlPath.empty() && status != kExitBadCommandLine)
-    (void)writeReportPage(*report, args.reportHtmlPath);
+  if (report && !args.reportHtmlPath.empty() && status != kExitBadCommandLine &&
+      !writeReportPage(*report, args.reportHtmlPath) && status == kExitSuccess)
+    status = kExitFilesystemError;
 
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();

@@ -280,7 +280,7 @@ ModelOutcome convertModelInWorker(const std::string& program, const fs::path& so
     else if (run.timedOut)
       reason = "the conversion was stopped after " + std::to_string(limits.timeoutSeconds) + " seconds";
     else if (run.status == 255 || run.status == -1)
-      reason = "a critical error ended the conversion";
+      reason = "a critical error ended the conversion of " + sourceText;
 #ifndef _WIN32
     else if (run.status > 128 && run.status < 128 + 65)
       reason = "the conversion ended abnormally (signal " + std::to_string(run.status - 128) + ")";

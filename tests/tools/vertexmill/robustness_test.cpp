@@ -276,6 +276,91 @@ TEST_F(Robustness, ReportPathRules)
 #endif
 }
 
+// Every file an option writes is checked against what the run reads and writes before any model is
+// converted; option values and combinations that would be ignored or misread are refused by name.
+TEST_F(Robustness, OptionsThatWouldDestroyOrMisleadAreRefused)
+{
+  writeGoodModels("tree");
+  writeFile(path("one/crate.primitives"), validPrimitives({"hull"}));
+  writeFile(path("one/crate.collision"), std::string(32, '\x05'));
+  fs::create_directories(path("out/tree/sub"));
+  writeFile(path("out/crate.geometry"), "an earlier output");
+  const auto sources = filesBelow(path("tree"));
+  const auto single = filesBelow(path("one"));
+
+  struct Case
+  {
+    std::vector<std::string> args;
+    std::string message; // what the one ERROR line starts with
+  };
+  const std::string crate = str("one/crate.primitives");
+  const std::vector<Case> cases = {
+    // Inputs and outputs of the same run.
+    {{"--report-html", str("tree/a.primitives"), "--tree", str("tree"), str("out")},
+     "ERROR: cannot write report page '" + str("tree/a.primitives") + "': it is the input file"},
+    {{"--depfile", crate, crate, str("out")}, "ERROR: cannot write depfile '" + crate + "': it is the input file"},
+    {{"--depfile", str("one/crate.collision"), crate, str("out")},
+     "ERROR: cannot write depfile '" + str("one/crate.collision") + "': it is the input file"},
+    {{"--report", str("out/crate.geometry"), crate, str("out")},
+     "ERROR: cannot write report '" + str("out/crate.geometry") + "': it is the output of"},
+    {{"--report", str("out/tree/sub/b.geometry"), "--tree", str("tree"), str("out")},
+     "ERROR: cannot write report '" + str("out/tree/sub/b.geometry") + "': it is the output of"},
+    {{"--report", str("r.json"), "--report-html", str("r.json"), "--tree", str("tree"), str("out")},
+     "ERROR: cannot write report page '" + str("r.json") + "': another option writes the same file"},
+    {{"--report-html", str("nowhere/r.html"), "--tree", str("tree"), str("out")},
+     "ERROR: cannot write report page '" + str("nowhere/r.html") + "': the directory"},
+    // Values that name no file, or standard output where only a file will do.
+    {{"--report", "", crate, str("out")}, "ERROR: invalid value '' for --report: expected a file name"},
+    {{"--depfile", "", crate, str("out")}, "ERROR: invalid value '' for --depfile: expected a file name"},
+    {{"--report-html", "-", crate, str("out")}, "ERROR: invalid value '-' for --report-html: expected a file name"},
+    {{"--depfile", "-", crate, str("out")}, "ERROR: invalid value '-' for --depfile: expected a file name"},
+    // Bad values name their option and range.
+    {{"--tree", "--shard", "0/0", str("tree"), str("out")}, "ERROR: invalid value '0/0' for --shard: expected K/N"},
+    {{"--tree", "--shard", "3/2", str("tree"), str("out")}, "ERROR: invalid value '3/2' for --shard: expected K/N"},
+    {{"--tree", "--keep-going", "--time-limit", "0", str("tree"), str("out")},
+     "ERROR: invalid value '0' for --time-limit: expected a whole number of seconds from 1 to 86400"},
+    {{"--cache", str("cache"), "--cache-max-size", "lots", crate, str("out")},
+     "ERROR: invalid value 'lots' for --cache-max-size"},
+    {{"--cache-url", "http://localhost:1", "--cache-timeout", "0", crate, str("out")},
+     "ERROR: invalid value '0' for --cache-timeout"},
+    // Options that would silently do nothing.
+    {{"--tree", "--time-limit", "5", str("tree"), str("out")}, "ERROR: --time-limit works with --keep-going only"},
+    {{"--no-cache", "--cache-max-size", "1G", crate, str("out")}, "ERROR: --cache-max-size needs a cache folder"},
+    // Only HTTP servers hold a cache.
+    {{"--cache-url", "ftp://host/cache", crate, str("out")},
+     "ERROR: invalid value 'ftp://host/cache' for --cache-url: expected an http:// or https:// URL"},
+    {{"--cache-url", "file:///tmp/cache", crate, str("out")}, "ERROR: invalid value 'file:///tmp/cache' for --cache-url"},
+    {{"--cache-url", "not a url", crate, str("out")}, "ERROR: invalid value 'not a url' for --cache-url"},
+  };
+  for (const Case& c : cases)
+  {
+    std::string line;
+    for (const std::string& arg : c.args)
+      line += "'" + arg + "' ";
+    SCOPED_TRACE(line);
+    const RunResult result = run(c.args);
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_EQ(result.err.rfind(c.message, 0), 0u) << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(result.out, "");
+    // Nothing converted, nothing overwritten.
+    EXPECT_EQ(filesBelow(path("tree")), sources);
+    EXPECT_EQ(filesBelow(path("one")), single);
+    const auto written = filesBelow(path("out"));
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written.at("crate.geometry"), "an earlier output");
+    EXPECT_FALSE(fs::exists(path("-")));
+    EXPECT_FALSE(fs::exists(path("r.json")));
+  }
+
+  // With the document on standard output, the figures of --stats go to standard error with the
+  // messages.
+  const RunResult both = run({"--stats", "--report", "-", "--tree", str("tree"), str("out")});
+  EXPECT_EQ(both.status, 0) << both.err;
+  EXPECT_FALSE(nlohmann::json::parse(both.out, nullptr, false).is_discarded()) << both.out;
+  EXPECT_NE(both.err.find("stats: "), std::string::npos) << both.err;
+}
+
 TEST_F(Robustness, UpToDateModelsCountInTheReportTotals)
 {
   writeGoodModels("tree");
