@@ -24,6 +24,11 @@ std::string errnoText(int code)
 
 bool hashFile(const fs::path& path, Sha256& hash, std::string& problem)
 {
+  if (cstdmf::isSpecialFile(path))
+  {
+    problem = std::string(cstdmf::kSpecialFileReason);
+    return false;
+  }
   errno = 0;
   std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
   if (!file)
@@ -54,6 +59,11 @@ bool readWholeFile(const fs::path& path, std::string& bytes, std::string& proble
   if (missing)
     *missing = false;
   bytes.clear();
+  if (cstdmf::isSpecialFile(path))
+  {
+    problem = std::string(cstdmf::kSpecialFileReason);
+    return false;
+  }
   errno = 0;
   std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
   if (!file)

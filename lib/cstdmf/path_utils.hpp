@@ -20,6 +20,19 @@ inline std::string toUtf8(const std::filesystem::path& path)
   return std::string(text.begin(), text.end());
 }
 
+// True when the path names something that exists and is neither a regular file nor a directory (a
+// pipe, a socket, a device). Such a file is never opened for reading: a pipe would wait forever
+// for a writer, a device may never end. Found without opening it (links are followed).
+inline bool isSpecialFile(const std::filesystem::path& path)
+{
+  std::error_code error;
+  const std::filesystem::file_status status = std::filesystem::status(path, error);
+  return !error && std::filesystem::exists(status) && !std::filesystem::is_regular_file(status) &&
+         !std::filesystem::is_directory(status);
+}
+
+inline constexpr std::string_view kSpecialFileReason = "it is not a regular file (a pipe, socket or device)";
+
 inline std::string toGenericUtf8(const std::filesystem::path& path)
 {
   const std::u8string text = path.generic_u8string();

@@ -91,6 +91,11 @@ ReadStatus FileReader::open(const std::string& utf8Path, uint64_t maxSize)
   m_handle.reset();
   m_size = 0;
   m_reason.clear();
+  if (cstdmf::isSpecialFile(cstdmf::u8path(utf8Path)))
+  {
+    m_reason = std::string(cstdmf::kSpecialFileReason);
+    return ReadStatus::CannotOpen;
+  }
   errno = 0;
   std::unique_ptr<std::FILE, FileCloser> file(platform::openFile(utf8Path, "rb"));
   if (!file)

@@ -7,6 +7,10 @@
 
 #include <nlohmann/json.hpp>
 
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
+
 #include <chrono>
 #include <cstdlib>
 
@@ -360,6 +364,47 @@ TEST_F(Robustness, OptionsThatWouldDestroyOrMisleadAreRefused)
   EXPECT_FALSE(nlohmann::json::parse(both.out, nullptr, false).is_discarded()) << both.out;
   EXPECT_NE(both.err.find("stats: "), std::string::npos) << both.err;
 }
+
+#ifndef _WIN32
+// A pipe, socket or device is never opened for reading, wherever it stands: a pipe would make the
+// run wait forever for a writer (on a shared cache folder, every run of a team).
+TEST_F(Robustness, PipesAreRefusedWithoutOpeningThem)
+{
+  writeFile(path("one/crate.primitives"), validPrimitives({"hull"}));
+  ASSERT_EQ(mkfifo(path("one/crate.collision").c_str(), 0600), 0);
+  fs::create_directories(path("out"));
+
+  // A companion: said, named, and the model written without it (a companion that cannot be
+  // loaded does not fail the model).
+  const RunResult companion = run({str("one/crate.primitives"), str("out")});
+  EXPECT_EQ(companion.status, 0) << companion.err;
+  EXPECT_NE(companion.err.find(str("one/crate.collision")), std::string::npos) << companion.err;
+  EXPECT_NE(companion.err.find("not a regular file"), std::string::npos) << companion.err;
+  EXPECT_TRUE(fs::is_regular_file(path("out/crate.geometry")));
+
+  // A cache entry: a corrupt entry, converted again and replaced.
+  fs::remove(path("one/crate.collision"));
+  ASSERT_EQ(run({"--cache", str("cache"), str("one/crate.primitives"), str("out")}).status, 0);
+  std::vector<fs::path> entries;
+  for (const auto& entry : fs::recursive_directory_iterator(path("cache")))
+  {
+    if (entry.is_regular_file())
+      entries.push_back(entry.path());
+  }
+  ASSERT_FALSE(entries.empty());
+  for (const fs::path& entry : entries)
+  {
+    fs::remove(entry);
+    ASSERT_EQ(mkfifo(entry.c_str(), 0600), 0);
+  }
+  const std::string expected = readFile(path("out/crate.geometry"));
+  fs::remove(path("out/crate.geometry"));
+  const RunResult cached = run({"--cache", str("cache"), str("one/crate.primitives"), str("out")});
+  EXPECT_EQ(cached.status, 0) << cached.err;
+  EXPECT_NE(cached.err.find("not a regular file"), std::string::npos) << cached.err;
+  EXPECT_EQ(readFile(path("out/crate.geometry")), expected);
+}
+#endif
 
 TEST_F(Robustness, UpToDateModelsCountInTheReportTotals)
 {
