@@ -58,6 +58,13 @@ bool seekFile(std::FILE* file, uint64_t offset);
 // Process id of the current process.
 unsigned long processId();
 
+// Calls `cleanUp` on a thread of its own when the process is asked to stop (SIGINT, SIGTERM and
+// SIGHUP on POSIX; Ctrl-C, Ctrl-Break and a closed console on Windows), then ends the process as
+// the request would have (on POSIX by the same signal). Call once, before any other thread starts:
+// the signals are blocked in every thread but the one that waits for them, and child processes
+// start with them unblocked.
+void onStopRequest(void (*cleanUp)());
+
 // What a crash report says about the machine and the process. Sizes in bytes; 0 where unknown.
 struct SystemInfo
 {

@@ -14,8 +14,12 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 #include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -134,6 +138,41 @@ void useBinaryStandardStreams()
 {
 }
 
+namespace
+{
+sigset_t stopSignals()
+{
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);
+  return signals;
+}
+} // namespace
+
+void onStopRequest(void (*cleanUp)())
+{
+  const sigset_t signals = stopSignals();
+  if (::pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0)
+    return;
+  std::thread([cleanUp, signals] {
+    int signal = 0;
+    while (::sigwait(&signals, &signal) != 0)
+    {
+    }
+    cleanUp();
+    // Ended by the signal itself, so that whoever waits for the process sees why it ended.
+    ::signal(signal, SIG_DFL);
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, signal);
+    ::pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+    ::kill(::getpid(), signal);
+    ::_exit(128 + signal);
+  }).detach();
+}
+
 ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
                            const ChildLimits& limits)
 {
@@ -156,9 +195,21 @@ ChildRun runLimitedProcess(const std::string& program, const std::vector<std::st
   ChildRun run;
   if (out >= 0 && err >= 0 && in >= 0 && ::pipe2(failure, O_CLOEXEC) == 0)
   {
+    [[maybe_unused]] const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     if (child == 0)
     {
+      // The stop signals this process waits for on a thread of its own are the child's again.
+      const sigset_t unblocked = stopSignals();
+      ::pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr);
+#if defined(__linux__)
+      // The child is stopped with the thread that started it (which waits for it): a killed run
+      // leaves no worker behind that could still write an output, and the worker removes its
+      // temporary files as on any stop request. A parent gone before this line is
+      // caught by the check after it.
+      if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent)
+        ::_exit(127);
+#endif
       if ((io.workingDirectory.empty() || ::chdir(io.workingDirectory.c_str()) == 0) && ::dup2(in, 0) >= 0 &&
           ::dup2(out, 1) >= 0 && ::dup2(err, 2) >= 0 &&
           (limits.memoryBytes == 0 || ::setrlimit(RLIMIT_AS, &memory) == 0))

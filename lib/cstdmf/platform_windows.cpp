@@ -263,6 +263,25 @@ std::FILE* createDeletableFile(const std::string& utf8Path)
   return file;
 }
 
+namespace
+{
+void (*s_stopCleanUp)() = nullptr;
+
+BOOL WINAPI stopRequested(DWORD)
+{
+  if (s_stopCleanUp)
+    s_stopCleanUp();
+  ::ExitProcess(STATUS_CONTROL_C_EXIT);
+  return TRUE;
+}
+} // namespace
+
+void onStopRequest(void (*cleanUp)())
+{
+  s_stopCleanUp = cleanUp;
+  ::SetConsoleCtrlHandler(stopRequested, TRUE);
+}
+
 bool seekFile(std::FILE* file, uint64_t offset)
 {
   if (offset > static_cast<uint64_t>(std::numeric_limits<__int64>::max()))

@@ -22,8 +22,9 @@
 #include "moo/primitive_vertex_format.hpp"
 #include "report.hpp"
 #include "report_html.hpp"
-#include "stdout_free.hpp"
+#include "resmgr/file_io.hpp"
 #include "resmgr/zrresource.hpp"
+#include "stdout_free.hpp"
 #include "shard.hpp"
 #include "tree_run.hpp"
 #include "tree_walk.hpp"
@@ -674,6 +675,8 @@ int process(const RunRequest& request)
 // comes here too.
 int vertexmillMain(int argc, const char* const* argv)
 {
+  // An interrupted run, or worker, removes the temporary files of its writes in flight.
+  platform::onStopRequest([] { (void)fileio::removeTemporaryFiles(true); });
   if (argc >= 2 && std::string_view(argv[1]) == kWorkerOption)
     return runModelWorker(std::vector<std::string>(argv + 2, argv + argc));
   Args args;

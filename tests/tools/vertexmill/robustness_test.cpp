@@ -9,6 +9,8 @@
 
 #ifndef _WIN32
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <csignal>
 #endif
 
 #include <chrono>
@@ -403,6 +405,33 @@ TEST_F(Robustness, PipesAreRefusedWithoutOpeningThem)
   EXPECT_EQ(cached.status, 0) << cached.err;
   EXPECT_NE(cached.err.find("not a regular file"), std::string::npos) << cached.err;
   EXPECT_EQ(readFile(path("out/crate.geometry")), expected);
+}
+#endif
+
+#ifndef _WIN32
+// A run killed outright, or asked to stop, takes its worker processes with it: none is left to
+// write an output after the run ended. Asked to stop, it ends by the same signal. (On Windows the
+// workers' job object ends them when the run's handle closes.)
+TEST_F(Robustness, WorkersDieWithAKilledRun)
+{
+  writeGoodModels("tree");
+  fs::create_directories(path("out"));
+  const std::string worker = "pgrep -f -- '[-]-model-worker.*" + str("tree") + "/a.primitives' >/dev/null";
+  for (const std::string signal : {"KILL", "TERM", "INT"})
+  {
+    SCOPED_TRACE(signal);
+    const std::string script = "VERTEXMILL_WORKER_FAULT=a=hang " + shellQuote(kToolPath) +
+                               " -q --keep-going --tree " + shellQuote(str("tree")) + " " + shellQuote(str("out")) +
+                               " & run=$!; for i in $(seq 50); do " + worker + " && break; sleep 0.1; done; kill -" +
+                               signal + " $run; wait $run; status=$?; for i in $(seq 50); do " + worker +
+                               " || exit $((status - 128)); sleep 0.1; done; exit 99";
+    const int status = std::system(("sh -c " + shellQuote(script)).c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_NE(WEXITSTATUS(status), 99) << "a worker outlived its run";
+    EXPECT_EQ(WEXITSTATUS(status), signal == "KILL" ? SIGKILL : signal == "TERM" ? SIGTERM : SIGINT);
+    for (const auto& [name, bytes] : filesBelow(path("out")))
+      EXPECT_TRUE(endsWith(name, ".geometry")) << name;
+  }
 }
 #endif
 
