@@ -25,8 +25,8 @@ bool startsWithEncodedMagic(std::span<const std::byte> data)
 class PackedFileParser
 {
 public:
-  PackedFileParser(std::span<const std::byte> file, const std::string& name)
-    : m_file(file), m_reader(file), m_name(name)
+  PackedFileParser(std::span<const std::byte> file, const std::string& name, std::string* problem)
+    : m_file(file), m_reader(file), m_name(name), m_problem(problem)
   {
   }
 
@@ -102,8 +102,14 @@ public:
   template <typename... Args>
   bool fail(fmt::format_string<Args...> format, Args&&... args)
   {
-    ZR_MSG_FMT(DebugMessagePriority::Error, "Other", "GeometryData: '{}': {}\n", m_name,
-               fmt::format(format, std::forward<Args>(args)...));
+    std::string text = fmt::format(format, std::forward<Args>(args)...);
+    if (m_problem)
+    {
+      if (m_problem->empty())
+        *m_problem = std::move(text);
+    }
+    else
+      ZR_MSG_FMT(DebugMessagePriority::Error, "Other", "GeometryData: '{}': {}\n", m_name, text);
     return false;
   }
 
@@ -111,6 +117,7 @@ private:
   std::span<const std::byte> m_file;
   cstdmf::SpanReader m_reader;
   const std::string& m_name;
+  std::string* m_problem; // null: failures are logged
   uint64_t m_usedEnd = 0;
 };
 
@@ -170,14 +177,14 @@ bool GeometryData::load(const std::string& pathText)
   return load(block, path);
 }
 
-bool GeometryData::load(ConstBinaryPtr block, std::string_view name)
+bool GeometryData::load(ConstBinaryPtr block, std::string_view name, std::string* problem)
 {
   std::string nameCopy(name); // may view our own name, which clear() empties
   clear();
   ZR_ASSERT(block != nullptr);
   m_name = std::move(nameCopy);
   const std::span<const std::byte> file(reinterpret_cast<const std::byte*>(block->data()), block->len());
-  PackedFileParser parser(file, m_name);
+  PackedFileParser parser(file, m_name, problem);
   const auto refuse = [this]() {
     clear();
     return false;

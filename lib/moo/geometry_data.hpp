@@ -81,8 +81,9 @@ public:
 
   // Loads the packed bytes of `block` and keeps the block. `name` (a file name) is used in
   // messages. Returns false after logging what is wrong, with the reader left empty, when any
-  // check fails; nothing is read outside the block, whatever its bytes.
-  [[nodiscard]] bool load(ConstBinaryPtr block, std::string_view name);
+  // check fails; nothing is read outside the block, whatever its bytes. With `problem`, what is
+  // wrong is put there instead of logged.
+  [[nodiscard]] bool load(ConstBinaryPtr block, std::string_view name, std::string* problem = nullptr);
 
   void clear();
   bool isLoaded() const { return m_block != nullptr; }

@@ -4,12 +4,15 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
+#include "moo/geometry_data.hpp"
+#include "resmgr/file_io.hpp"
 #include "model_cache.hpp"
 #include "report.hpp"
 
 #include <chrono>
 #include <memory>
 
+#include <algorithm>
 #include <array>
 #include <string>
 #include <string_view>
@@ -96,6 +99,36 @@ fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relati
   return output;
 }
 
+// An output newer than its sources may still be damaged (cut short by a full disk, overwritten by
+// another program) or lack a companion that could not be read when it was made: either way it is
+// converted again, a damaged one with a warning.
+bool holdsWhatItShould(const fs::path& source, const fs::path& output)
+{
+  const std::string outputText = cstdmf::toUtf8(output);
+  const fileio::ReadResult read = fileio::readWholeFile(outputText, "Geometry");
+  Moo::GeometryData geometry;
+  std::string problem;
+  if (!read)
+    problem = read.reason;
+  else if (!geometry.load(read.block, outputText, &problem) && problem.empty())
+    problem = "it cannot be loaded";
+  if (!problem.empty())
+  {
+    ZR_MSG_FMT(DebugMessagePriority::Warning, "", "the existing output {} is damaged ({}): converting it again\n",
+               outputText, problem);
+    return false;
+  }
+  for (const fs::path& companion : companionFiles(source))
+  {
+    const std::string name = cstdmf::toUtf8(companion.filename());
+    const auto named = [&name](const Moo::GeometryData::ModelData& model) { return model.name == name; };
+    if (std::none_of(geometry.collisionModels().begin(), geometry.collisionModels().end(), named) &&
+        std::none_of(geometry.armorModels().begin(), geometry.armorModels().end(), named))
+      return false;
+  }
+  return true;
+}
+
 bool isUpToDate(const fs::path& source, const fs::path& output, const std::optional<fs::file_time_type>& toolTime)
 {
   std::error_code error;
@@ -118,7 +151,7 @@ bool isUpToDate(const fs::path& source, const fs::path& output, const std::optio
     if (!companionTime || !(*outputTime > *companionTime))
       return false;
   }
-  return true;
+  return holdsWhatItShould(source, output);
 }
 
 ModelOutcome convertModel(const fs::path& source, const fs::path& output, const ModelSettings& settings)

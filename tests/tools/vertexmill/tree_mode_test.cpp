@@ -316,6 +316,43 @@ TEST_F(TreeMode, DefaultModeTakesJobsAndIncrementalToo)
   EXPECT_EQ(skipped.out, str("art/ship.primitives") + "\n\n==> " + str("out/ship.geometry") + " (up to date)\n\n");
 }
 
+TEST_F(TreeMode, IncrementalConvertsAgainWhatIsDamagedOrIncomplete)
+{
+  writeFile(path("art/ship.primitives"), validPrimitives({"a", "b"}));
+  fs::create_directories(path("out"));
+  ASSERT_EQ(run({str("art/ship.primitives"), str("out")}).status, 0);
+  const std::string good = readFile(path("out/ship.geometry"));
+  const auto age = [this] {
+    fs::last_write_time(path("art/ship.primitives"), fs::last_write_time(path("out/ship.geometry")) - std::chrono::hours(1));
+  };
+  const std::vector<std::string> args = {"--incremental", "--verbose", str("art/ship.primitives"), str("out")};
+
+  // Cut short, emptied or overwritten with noise, yet newer than the source.
+  for (const std::string& damaged : {good.substr(0, good.size() / 2), std::string(), std::string(600, '\x5a')})
+  {
+    writeFile(path("out/ship.geometry"), damaged);
+    age();
+    const RunResult again = run(args);
+    EXPECT_EQ(again.status, 0) << damaged.size();
+    EXPECT_EQ(countOf(again.out, "(up to date)"), 0u) << damaged.size();
+    EXPECT_NE(again.err.find("WARNING: the existing output " + str("out/ship.geometry") + " is damaged ("), std::string::npos)
+      << again.err;
+    EXPECT_EQ(readFile(path("out/ship.geometry")), good);
+  }
+
+  // A companion beside the source that the output lacks (it could not be read last time), even
+  // one older than the output.
+  writeFile(path("art/ship.collision"), "collision bytes");
+  age();
+  fs::last_write_time(path("art/ship.collision"), fs::last_write_time(path("art/ship.primitives")));
+  const RunResult lacking = run(args);
+  EXPECT_EQ(lacking.status, 0);
+  EXPECT_EQ(countOf(lacking.out, "(up to date)"), 0u);
+  EXPECT_EQ(lacking.err, "");
+  age();
+  EXPECT_EQ(countOf(run(args).out, "(up to date)"), 1u);
+}
+
 // --- Command line -------------------------------------------------------------------------------
 
 TEST_F(TreeMode, BadJobCountsAreRefused)
