@@ -1,5 +1,6 @@
 #include "geometry_inspect/geometry_inspection.hpp"
 
+#include "cstdmf/string_id.hpp"
 #include "mesh_data_optimizer/coder.hpp"
 #include "moo/half_float.hpp"
 #include "moo/vertex_format.hpp"
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <set>
 #include <utility>
 
 namespace geometry_inspect
@@ -67,6 +69,23 @@ Coverage coverageOf(const std::vector<Moo::MappingPrototype>& mappings, size_t b
   }
   coverage.uncovered = itemCount - std::min(covered, itemCount);
   return coverage;
+}
+
+// An encoded buffer of no items: the header of a buffer whose sections are all empty says 0, which
+// the decoder refuses, and the tool saves such a model as it is.
+bool holdsNoItems(std::span<const std::byte> encoded)
+{
+  if (encoded.size() < MeshDataOptimizer::EncodedBufferHeader::kSize)
+    return false;
+  const auto header = MeshDataOptimizer::EncodedBufferHeader::readFrom(encoded);
+  return header.checkHeaderMagicVal() && header.getElementCount() == 0;
+}
+
+std::string emptyBufferProblem(const std::string& label, const char* items)
+{
+  return fmt::format("{}: every section in it is empty, and the decoder refuses an encoded buffer of 0 {} (saved as "
+                     "it is)",
+                     label, items);
 }
 
 } // namespace
@@ -140,6 +159,12 @@ void GeometryInspection::decodeVertexBuffer(size_t index, LogCollector& log)
     return;
   }
 
+  if (buffer.encoded && holdsNoItems(buffer.data))
+  {
+    m_issues.error(located(emptyBufferProblem(label, "vertices")));
+    decoded.decoded = true;
+    return;
+  }
   if (!buffer.encoded)
   {
     // The reader has checked that the bytes are whole vertices.
@@ -172,6 +197,12 @@ void GeometryInspection::decodeIndexBuffer(size_t index, LogCollector& log)
   const std::string label = indexBufferLabel(index);
   const bool wide = buffer.primitiveType == 1; // the reader accepts only 0 (16-bit) and 1 (32-bit)
 
+  if (buffer.encoded && holdsNoItems(buffer.data))
+  {
+    m_issues.error(located(emptyBufferProblem(label, "indices")));
+    decoded.decoded = true;
+    return;
+  }
   if (!buffer.encoded)
   {
     const size_t count = buffer.sizeInBytes / buffer.strideInBytes;
@@ -389,6 +420,25 @@ void GeometryInspection::checkMappings(bool vertices)
   }
 }
 
+std::vector<bool> GeometryInspection::unpairedIndexMappings() const
+{
+  const auto& vertexMappings = m_data.verticesMapping();
+  const auto& indexMappings = m_data.indicesMapping();
+  std::vector<bool> unpaired(indexMappings.size(), false);
+  std::set<StringID> vertexIds;
+  for (const Moo::MappingPrototype& mapping : vertexMappings)
+    vertexIds.insert(mapping.mappingId);
+  // An index section pairs with the vertex section whose name ends in "vertices" where its own
+  // ends in "indices".
+  for (size_t i = 0; i < indexMappings.size(); ++i)
+  {
+    const std::string& name = sectionName(indexMappings[i].mappingId);
+    if (name.size() >= 7)
+      unpaired[i] = vertexIds.count(cstdmf::makeStringID(name.substr(0, name.size() - 7) + "vertices")) == 0;
+  }
+  return unpaired;
+}
+
 void GeometryInspection::checkIndexValues()
 {
   // Indices are relative to their own vertex range, so none may reach the largest buffer's count,
@@ -403,19 +453,37 @@ void GeometryInspection::checkIndexValues()
     }
   const bool allDecoded =
     std::all_of(m_vertexBuffers.begin(), m_vertexBuffers.end(), [](const auto& buffer) { return buffer.decoded; });
-  if (!anyDecoded || !allDecoded)
+  if (!allDecoded)
     return; // a buffer that did not decode is already an error, and the bound would be unsure
 
   const auto& mappings = m_data.indicesMapping();
+  const std::vector<bool> unpaired = unpairedIndexMappings();
+  // Without the source's names an index range with no vertex range beside it can only be guessed at:
+  // the file has more index mappings than vertex mappings.
+  const bool mayBeUnpaired = mappings.size() > m_data.verticesMapping().size();
   for (size_t i = 0; i < mappings.size(); ++i)
   {
+    const std::string label = mappingLabel(false, i, mappings[i]);
+    if (unpaired[i])
+    {
+      m_issues.warning(located(fmt::format("index mapping #{} ({})", i, idLabel(mappings[i].mappingId)) +
+                               ": no vertex section pairs with it, so nothing draws it and its indices are "
+                                       "not checked (an index section without its vertex section is saved as it is)"));
+      continue;
+    }
     const std::span<const uint32_t> indices = indexRange(mappings[i]);
     const auto beyond = std::find_if(indices.begin(), indices.end(), [&](uint32_t value) { return value >= largest; });
-    if (beyond != indices.end())
-      m_issues.error(located(fmt::format("{}: index {} (position {}) is not below the vertex count of any vertex "
-                                         "buffer (at most {})",
-                                         mappingLabel(false, i, mappings[i]), *beyond, beyond - indices.begin(),
-                                         largest)));
+    if (beyond == indices.end() || (!anyDecoded && !mayBeUnpaired))
+      continue;
+    const std::string problem =
+      fmt::format("{}: index {} (position {}) is not below the vertex count of any vertex buffer (at most {})", label,
+                  *beyond, beyond - indices.begin(), largest);
+    if (mayBeUnpaired && m_sectionNames.empty())
+      m_issues.warning(located(fmt::format("{}; with {} index mappings to {} vertex mappings it may be an index "
+                                           "section without its vertex section (saved as it is)",
+                                           problem, mappings.size(), m_data.verticesMapping().size())));
+    else
+      m_issues.error(located(problem));
   }
 }
 

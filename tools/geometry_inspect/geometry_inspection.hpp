@@ -106,6 +106,8 @@ private:
   void checkVertexBuffers();
   void checkMappings(bool vertices);
   void checkIndexValues();
+  // Per index mapping: true where the source's names show no vertex section beside it.
+  std::vector<bool> unpairedIndexMappings() const;
   void checkPairs();
 
   std::string m_path;

@@ -353,6 +353,41 @@ TEST(geometry_inspect, MispairedOrUnpairableRenderSetsAreWarningsButCannotBeExpo
   EXPECT_EQ(inspect({"--export-obj", obj.string(), unpairable.string()}).status, 3);
 }
 
+TEST(geometry_inspect, FilesTheCompilerSavesAsTheyAreAreNamedForWhatTheyAre)
+{
+  testutil::TempDir dir("inspect");
+  // An index section without its vertex section is saved; nothing draws it. With the source beside
+  // the file the inspector knows it for sure, without it only guesses from the mapping counts.
+  testutil::Sections sections = twoGrids();
+  sections.push_back({"sail.indices", testutil::indexSection(testutil::gridIndices<uint16_t>(6))});
+  const fs::path orphan = compileModel(dir.path, "sail", sections);
+  RunResult run = inspect({"--validate", orphan.string()});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.err, "index mapping #2 (" + idOf("sail.indices") + " (sail.indices)): no vertex section "
+                                "pairs with it, so nothing draws it and its indices are not checked (an index section "
+                                "without its vertex section is saved as it is)"))
+    << run.err;
+  fs::remove(dir.path / "sail.primitives");
+  run = inspect({"--validate", orphan.string()});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.err, "with 3 index mappings to 2 vertex mappings it may be an index section without its "
+                                "vertex section (saved as it is)"))
+    << run.err;
+
+  // Index sections that hold no indices give an encoded buffer of count 0, which the decoder
+  // refuses: still an error, named for what it is.
+  const fs::path empty = compileModel(
+    dir.path, "empty",
+    {{"hull.vertices", testutil::vertexSection(testutil::gridVertices(2))},
+     {"hull.indices", testutil::indexSection(std::vector<uint32_t>{})}});
+  run = inspect({"--validate", empty.string()});
+  EXPECT_EQ(run.status, 3) << run.err;
+  EXPECT_TRUE(contains(run.err, "index buffer #0: every section in it is empty, and the decoder refuses an encoded "
+                                "buffer of 0 indices (saved as it is)"))
+    << run.err;
+  EXPECT_FALSE(contains(run.err, "cannot be decoded")) << run.err;
+}
+
 // ---------------------------------------------------------------------------------------------
 // OBJ export
 
