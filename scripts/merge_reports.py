@@ -40,6 +40,7 @@ def main(argv):
     models = sorted((m for d in documents for m in d["models"]), key=lambda m: m["source"])
     totals = {"models": len(models),
               "converted": sum(m["status"] == "converted" for m in models),
+              "convertedWithErrors": sum(m["status"] == "converted-with-errors" for m in models),
               "failed": sum(m["status"] == "failed" for m in models),
               "upToDate": sum(m["status"] == "up-to-date" for m in models)}
     for key in TOTALS:

@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <cstdint>
@@ -87,6 +88,10 @@ public:
   // With statistics: whether the render sets' overdraw is measured too (costly: about a third of
   // the optimisation again). Off by default.
   void setOverdrawAnalysis(bool measure) { m_overdraw = measure; }
+
+  // Asked once the file is packed and about to be written: false keeps it from being written (the
+  // compile then fails, and whoever said no reports why). Empty: always written.
+  void setWriteApproval(std::function<bool()> approve) { m_approveWrite = std::move(approve); }
 
   // The whole conversion: reads the request's files and writes outputPath whole or not at all.
   // Returns false (after logging why) when no file was written.
@@ -265,6 +270,7 @@ private:
   unsigned m_jobs = 1;
   bool m_refuseUnpackableNormals = false;
   bool m_overdraw = false;
+  std::function<bool()> m_approveWrite;
   CompileStatistics* m_statistics = nullptr;
   std::string m_resourceName; // the .primitives file being compiled, for messages
 

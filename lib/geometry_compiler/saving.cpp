@@ -69,6 +69,8 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   BinaryPtr block = packData(state.prototype);
   if (!block)
     return false;
+  if (m_approveWrite && !m_approveWrite())
+    return false;
   m_progress.outputBytes = block->len();
   const bool written = writeToFile(resourcePath, block);
   if (measurement)

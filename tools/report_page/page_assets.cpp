@@ -84,7 +84,8 @@ const char* const kPageScript = R"js(
     var problemsOnly = onlyProblems.checked;
     shown = order.filter(function (i) {
       var r = rows[i];
-      if (problemsOnly && r[data.statusColumn] !== "failed" && !r[data.warningsColumn]) return false;
+      if (problemsOnly && r[data.statusColumn] !== "failed" && r[data.statusColumn] !== "converted with errors" &&
+          !r[data.warningsColumn]) return false;
       if (!needle) return true;
       return (r[data.sourceColumn] + "\n" + r[data.outputColumn] + "\n" + r[data.statusColumn]).toLowerCase().indexOf(needle) >= 0;
     });

@@ -155,7 +155,8 @@ struct Column
 constexpr Column kColumns[] = {
   {"source", "the .primitives file", false, -1},
   {"output", "the .geometry file", false, -1},
-  {"status", "converted, failed or up-to-date", false, -1},
+  {"status", "converted, converted with errors (written without what could not be read), failed or up-to-date",
+   false, -1},
   {"triangles", "", true, -1},
   {"vertices", "", true, -1},
   {"raw bytes", "vertex and index buffers unpacked", true, -1},
@@ -263,14 +264,16 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   json sets = json::array();
   json messages = json::array();
   std::string previewLines;
-  size_t failed = 0;
-  std::string failures;
+  size_t failed = 0, withErrors = 0;
+  std::string failures, errorsOfWritten;
   for (const json& model : models)
   {
     const json& totals = model.is_object() && model.contains("totals") ? model["totals"] : json();
     const double raw = number(totals, "rawBytes");
     const double stored = number(totals, "storedBytes");
-    json row = json::array({string(model, "source"), string(model, "output"), string(model, "status"),
+    const std::string status = string(model, "status");
+    json row = json::array({string(model, "source"), string(model, "output"),
+                            status == "converted-with-errors" ? std::string("converted with errors") : status,
                             numberOrNull(totals, "triangles"), numberOrNull(totals, "vertices"),
                             numberOrNull(totals, "rawBytes"), numberOrNull(totals, "storedBytes"),
                             numberOrNull(totals, "outputBytes"), raw > 0.0 ? json(stored / raw) : json(nullptr),
@@ -296,14 +299,17 @@ std::string buildPage(const json& report, const PreviewSource& previews)
       for (const json& text : array(model, key))
         if (text.is_string())
           modelMessages.push_back(text);
-    if (string(model, "status") == "failed" && ++failed <= kFailuresListed)
-    {
-      failures += "<div class=\"failure\"><b>" + escapeHtml(string(model, "source")) + "</b><ul>";
+    const auto listErrors = [&](std::string& list) {
+      list += "<div class=\"failure\"><b>" + escapeHtml(string(model, "source")) + "</b><ul>";
       for (const json& text : array(model, "errors"))
         if (text.is_string())
-          failures += "<li>" + escapeHtml(text.get<std::string>()) + "</li>";
-      failures += "</ul></div>\n";
-    }
+          list += "<li>" + escapeHtml(text.get<std::string>()) + "</li>";
+      list += "</ul></div>\n";
+    };
+    if (status == "failed" && ++failed <= kFailuresListed)
+      listErrors(failures);
+    if (status == "converted-with-errors" && ++withErrors <= kFailuresListed)
+      listErrors(errorsOfWritten);
     messages.push_back(std::move(modelMessages));
 
     // One line per model, in order; the page splits them only when a preview is first shown.
@@ -357,6 +363,7 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   page += "<div class=\"cards\">";
   page += card("models", fmt::format("{}", models.size()));
   page += card("converted", fmt::format("{:.0f}", number(totals, "converted")));
+  page += card("converted with errors", fmt::format("{}", withErrors), withErrors != 0);
   page += card("failed", fmt::format("{}", failed), failed != 0);
   page += card("up to date", fmt::format("{:.0f}", number(totals, "upToDate")));
   page += card("triangles", fmt::format("{:.0f}", number(totals, "triangles")));
@@ -373,8 +380,16 @@ std::string buildPage(const json& report, const PreviewSource& previews)
       page += fmt::format("<p class=\"muted\">and {} more: filter the table by \"failed\".</p>", failed - kFailuresListed);
     page += "</div>\n";
   }
+  if (withErrors != 0)
+  {
+    page += fmt::format("<h2>Converted with errors ({})</h2>\n<div class=\"failures\">", withErrors) + errorsOfWritten;
+    if (withErrors > kFailuresListed)
+      page += fmt::format("<p class=\"muted\">and {} more: filter the table by \"with errors\".</p>",
+                          withErrors - kFailuresListed);
+    page += "</div>\n";
+  }
   page += "<h2>Models</h2>\n<div class=\"controls\"><input id=\"filter\" type=\"search\" placeholder=\"filter by path or status\">"
-          "<label><input id=\"only-problems\" type=\"checkbox\"> failures and warnings only</label>"
+          "<label><input id=\"only-problems\" type=\"checkbox\"> failures, errors and warnings only</label>"
           "<span id=\"shown\" class=\"muted\"></span><span class=\"muted\">click a column to sort, a row for its "
           "preview and render sets</span></div>\n";
   page += "<div id=\"scroller\"><table id=\"models\"><thead><tr><th></th></tr></thead><tbody></tbody></table></div>\n";

@@ -92,6 +92,7 @@ struct Args
   bool keepGoing = false;
   unsigned modelTimeout = 0; // seconds; 0: the default limit
   bool incremental = false;
+  bool strict = false;
   std::string reportPath; // UTF-8; empty: no report
   bool stats = false;
   bool progress = true; // the progress line, where standard error is a terminal
@@ -211,6 +212,15 @@ bool Args::parse(int argc, const char* const* argv)
         .description = "skip models whose .geometry file is newer than their sources and the tool",
         .callback = [this](std::string_view) {
           incremental = true;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Flag,
+        .longName = "strict",
+        .description = "a model whose conversion logs any error fails: no file is written for it",
+        .callback = [this](std::string_view) {
+          strict = true;
           return true;
         },
       })
@@ -377,6 +387,7 @@ struct RunRequest
   bool reportOverdraw = false;
   bool stats = false;
   bool progress = true;
+  bool strict = false;
   ModelCache* cache = nullptr;
   std::optional<Shard> shard;
   std::string depfilePath;
@@ -549,6 +560,7 @@ ModelSettings modelSettings(const RunRequest& request)
   settings.stats = request.stats;
   settings.reportOverdraw = request.reportOverdraw;
   settings.cache = request.cache;
+  settings.strict = request.strict;
   if (request.incremental)
   {
     // The tool's own time counts as an input: a newer tool may write different files.
@@ -750,6 +762,7 @@ int vertexmillMain(int argc, const char* const* argv)
                      args.keepGoing, args.incremental, router.get(), report.get()};
   request.stats = args.stats;
   request.reportOverdraw = args.reportOverdraw;
+  request.strict = args.strict;
   request.progress = args.progress;
   request.cache = cache.get();
   request.shard = args.shard;

@@ -6,6 +6,7 @@
 
 #include <meshoptimizer.h>
 
+#include <algorithm>
 #include <array>
 #include <system_error>
 
@@ -251,7 +252,7 @@ CachedConversion::CachedConversion(ModelCache* cache, const GeometryCompiler::Re
 {
 }
 
-bool CachedConversion::replay()
+bool CachedConversion::replay(bool withoutErrors)
 {
   if (!m_cache)
     return false;
@@ -260,6 +261,10 @@ bool CachedConversion::replay()
     return false; // an unreadable input: the conversion says what is wrong
   const std::optional<CacheEntry> entry = m_cache->lookup(*m_key, m_request.primitivesPath);
   if (!entry)
+    return false;
+  if (withoutErrors && std::any_of(entry->messages.begin(), entry->messages.end(), [](const auto& message) {
+        return message.priority >= static_cast<int32_t>(DebugMessagePriority::Error);
+      }))
     return false;
   std::string problem;
   // Written whole or not at all, as the compiler writes it. When it cannot be written, the

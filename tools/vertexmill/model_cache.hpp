@@ -129,8 +129,9 @@ class CachedConversion
 public:
   CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request, std::string outputText);
 
-  // True when the result came from the cache and the output file is written.
-  [[nodiscard]] bool replay();
+  // True when the result came from the cache and the output file is written. With
+  // `withoutErrors` a result whose conversion logged an ERROR is not used.
+  [[nodiscard]] bool replay(bool withoutErrors = false);
   // The size of the output a replay wrote.
   uint64_t replayedBytes() const { return m_replayedBytes; }
   // Records the conversion's messages while the returned object lives (null without a cache).

@@ -9,8 +9,10 @@
 #include "model_cache.hpp"
 #include "report.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 
 #include <algorithm>
 #include <array>
@@ -154,6 +156,24 @@ bool isUpToDate(const fs::path& source, const fs::path& output, const std::optio
   return holdsWhatItShould(source, output);
 }
 
+namespace
+{
+// Counts the ERROR and worse messages of the model's conversion while it lives.
+class ErrorCounter final : public cstdmf::ScopedMessageWatcher
+{
+public:
+  void onMessage(DebugMessagePriority priority, std::string_view, std::string_view) override
+  {
+    if (priority >= DebugMessagePriority::Error)
+      ++m_count;
+  }
+  size_t count() const { return m_count; }
+
+private:
+  std::atomic<size_t> m_count{0};
+};
+} // namespace
+
 ModelOutcome convertModel(const fs::path& source, const fs::path& output, const ModelSettings& settings)
 {
   const std::string sourceText = cstdmf::toUtf8(source);
@@ -171,11 +191,14 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
     if (settings.report)
       collector = std::make_unique<ReportMessageCollector>(*report);
   }
+  std::optional<ErrorCounter> errors;
+  if (report || settings.strict)
+    errors.emplace();
   auto finish = [&](ModelOutcome outcome) {
     if (report)
     {
       collector.reset();
-      report->status = outcome == ModelOutcome::Converted ? "converted"
+      report->status = outcome == ModelOutcome::Converted ? (errors->count() == 0 ? "converted" : "converted-with-errors")
                        : outcome == ModelOutcome::UpToDate ? "up-to-date"
                                                            : "failed";
       report->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -215,7 +238,8 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   }
 
   CachedConversion cached(settings.cache, request, outputText);
-  if (cached.replay())
+  // Under --strict a kept conversion that logged an ERROR is converted again, and fails.
+  if (cached.replay(settings.strict))
   {
     if (report)
     {
@@ -234,6 +258,15 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   if (report)
     compiler.setStatistics(&report->statistics);
   compiler.setOverdrawAnalysis(settings.reportOverdraw);
+  if (settings.strict)
+    compiler.setWriteApproval([&] {
+      const size_t count = errors->count();
+      if (count == 0)
+        return true;
+      ZR_MSG_FMT(DebugMessagePriority::Error, "", "--strict: {} not written: its conversion logged {} error{}\n",
+                 outputText, count, count == 1 ? "" : "s");
+      return false;
+    });
   std::unique_ptr<MessageRecorder> recorder = cached.record();
   const bool converted = compiler.compile(request, outputText, true, true, true);
   cached.keep(converted, std::move(recorder));

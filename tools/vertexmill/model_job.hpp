@@ -29,6 +29,9 @@ struct ModelSettings
   bool stats = false;
   // The converted-model cache (--cache, --cache-url), or null.
   ModelCache* cache = nullptr;
+  // Any ERROR the model's conversion logs fails the model: nothing is written or kept in the
+  // cache (--strict).
+  bool strict = false;
 };
 
 enum class ModelOutcome
@@ -38,7 +41,9 @@ enum class ModelOutcome
   Failed,
 };
 
-// Converts source into output, logging the used-files pair (INFO) and every failure. Touches
+// Converts source into output, logging the used-files pair (INFO) and every failure. A model
+// that is written although its conversion logged an ERROR (a companion that cannot be read) is
+// "converted-with-errors" in its statistics. Touches
 // nothing shared but the read-only registries and the logger, so several models may be
 // converted at once. Failed when the output directory could not be created or the compiler
 // wrote nothing.

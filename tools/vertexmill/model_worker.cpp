@@ -230,7 +230,7 @@ ModelOutcome convertModelInWorker(const std::string& program, const fs::path& so
                                               sourceText,
                                               cstdmf::toUtf8(output),
                                               std::to_string(settings.compilerJobs),
-                                              settings.incremental ? "1" : "0",
+                                              std::to_string((settings.incremental ? 1 : 0) | (settings.strict ? 2 : 0)),
                                               !settings.report && !settings.stats ? "0"
                                               : settings.reportOverdraw         ? "2"
                                                                                 : "1"};
@@ -337,7 +337,10 @@ int runModelWorker(const std::vector<std::string>& arguments)
   unsigned jobs = 1;
   (void)std::from_chars(arguments[2].data(), arguments[2].data() + arguments[2].size(), jobs);
   settings.compilerJobs = jobs == 0 ? 1 : jobs;
-  settings.incremental = arguments[3] == "1";
+  // Bit 0: --incremental, bit 1: --strict.
+  const char flags = arguments[3].size() == 1 ? arguments[3][0] : '0';
+  settings.incremental = flags == '1' || flags == '3';
+  settings.strict = flags == '2' || flags == '3';
   Report report;
   if (arguments[4] != "0")
     settings.report = &report;

@@ -25,7 +25,7 @@ namespace
 {
 using nlohmann::ordered_json;
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 ordered_json meshStatistics(const MeshDataOptimizer::MeshStatistics& s)
 {
@@ -336,7 +336,7 @@ std::string Report::toJson() const
   std::stable_sort(models.begin(), models.end(), [](auto* a, auto* b) { return a->first < b->first; });
 
   ordered_json list = ordered_json::array();
-  uint64_t converted = 0, failed = 0, upToDate = 0, vertices = 0, triangles = 0, rawBytes = 0, storedBytes = 0,
+  uint64_t converted = 0, convertedWithErrors = 0, failed = 0, upToDate = 0, vertices = 0, triangles = 0, rawBytes = 0, storedBytes = 0,
            outputBytes = 0;
   double seconds = 0.0;
   for (const auto* entry : models)
@@ -344,6 +344,7 @@ std::string Report::toJson() const
     const ModelReport& model = entry->second;
     ordered_json json = modelJson(model);
     converted += model.status == "converted";
+    convertedWithErrors += model.status == "converted-with-errors";
     failed += model.status == "failed";
     upToDate += model.status == "up-to-date";
     const auto& totals = json["totals"];
@@ -363,6 +364,7 @@ std::string Report::toJson() const
                         {"totals",
                          {{"models", models.size()},
                           {"converted", converted},
+                          {"convertedWithErrors", convertedWithErrors},
                           {"failed", failed},
                           {"upToDate", upToDate},
                           {"vertices", vertices},

@@ -19,7 +19,7 @@ struct ModelReport
 {
   std::string source;
   std::string output;
-  std::string status; // "converted", "failed" or "up-to-date"
+  std::string status; // "converted", "converted-with-errors", "failed" or "up-to-date"
   double seconds = 0.0;
   std::string cache; // with a cache: "hit" or "miss"; a hit has no compiler statistics
   CompileStatistics statistics;

@@ -161,7 +161,9 @@ std::string damagedModel(std::mt19937& random)
 class Mutation : public VertexmillTool
 {
 protected:
+  // The inspector reads formats from the registry; other suites of this program start it too.
   static void SetUpTestSuite() { Moo::PrimitiveVertexFormat::init(0); }
+  static void TearDownTestSuite() { Moo::PrimitiveVertexFormat::fini(); }
 };
 
 TEST_F(Mutation, EveryDamagedModelConvertsSoundOrFailsByName)

@@ -29,7 +29,7 @@ TEST_F(VertexmillTool, ReportDescribesEveryModelInWalkOrder)
     EXPECT_EQ(result.status, 3) << result.err;
     const auto report = nlohmann::json::parse(readFile(path("out/report.json")));
     EXPECT_EQ(report["schema"], "vertexmill-report");
-    EXPECT_EQ(report["schemaVersion"], 1);
+    EXPECT_EQ(report["schemaVersion"], 2);
     const auto& models = report["models"];
     ASSERT_EQ(models.size(), 3u);
 

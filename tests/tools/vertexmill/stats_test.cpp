@@ -127,5 +127,58 @@ TEST_F(VertexmillTool, StatsEvenWhenQuietAndNothingWithoutThem)
   EXPECT_EQ(plain.out + plain.err, "");
 }
 
+TEST_F(VertexmillTool, AModelThatLoggedAnErrorIsMarkedAndStrictFailsIt)
+{
+  // The collision companion is a directory: it cannot be read, the model is written without it.
+  writeFile(path("art/ship.primitives"), validPrimitives({"hull"}));
+  fs::create_directories(path("art/ship.collision"));
+  writeFile(path("art/boat.primitives"), validPrimitives({"deck"}));
+  fs::create_directories(path("out"));
+
+  const RunResult marked = run({"--stats", "--keep-going", "-j2", "--report", str("report.json"), "--report-html",
+                                str("report.html"), "--tree", str("art"), str("out")});
+  EXPECT_EQ(marked.status, 0) << marked.err;
+  std::map<std::string, std::string> statuses;
+  for (const StatsLine& line : statsLines(marked.out))
+    statuses[line.source] = line.status;
+  EXPECT_EQ(statuses[str("art/ship.primitives")], "converted-with-errors");
+  EXPECT_EQ(statuses[str("art/boat.primitives")], "converted");
+  const auto report = nlohmann::json::parse(readFile(path("report.json")));
+  EXPECT_EQ(report["schemaVersion"], 2);
+  EXPECT_EQ(report["totals"]["converted"], 1);
+  EXPECT_EQ(report["totals"]["convertedWithErrors"], 1);
+  const std::string page = readFile(path("report.html"));
+  EXPECT_NE(page.find("<h2>Converted with errors (1)</h2>"), std::string::npos);
+  EXPECT_NE(page.find("\"converted with errors\""), std::string::npos);
+  EXPECT_TRUE(fs::exists(path("out/art/ship.geometry")));
+
+  // --strict: the model fails, its earlier output stays as it was, nothing of it is cached, and
+  // the other model is converted and cached as always.
+  const std::string earlier = readFile(path("out/art/ship.geometry"));
+  fs::remove(path("out/art/boat.geometry"));
+  for (const char* jobs : {"1", "2"})
+  {
+    SCOPED_TRACE(jobs);
+    const RunResult strict = run({"--strict", "--stats", "--keep-going", "-j", jobs, "--cache", str("cache"), "--tree",
+                                  str("art"), str("out")});
+    EXPECT_EQ(strict.status, 3);
+    EXPECT_NE(strict.err.find("ERROR: --strict: " + str("out/art/ship.geometry") +
+                              " not written: its conversion logged 2 errors\n"),
+              std::string::npos)
+      << strict.err;
+    EXPECT_NE(strict.err.find("  " + str("art/ship.primitives") + ": "), std::string::npos) << strict.err;
+    EXPECT_NE(strict.out.find("stats: " + str("art/ship.primitives") + ": failed "), std::string::npos) << strict.out;
+    EXPECT_EQ(readFile(path("out/art/ship.geometry")), earlier);
+    EXPECT_TRUE(fs::exists(path("out/art/boat.geometry")));
+    size_t entries = 0;
+    for (const auto& file : fs::recursive_directory_iterator(path("cache")))
+      entries += file.is_regular_file() && file.path().filename().string().find(".tmp") == std::string::npos;
+    EXPECT_GE(entries, 1u);
+  }
+  // Without the broken companion --strict changes nothing.
+  fs::remove(path("art/ship.collision"));
+  EXPECT_EQ(run({"--strict", "--tree", str("art"), str("out")}).status, 0);
+}
+
 } // namespace
 } // namespace vertexmill_test

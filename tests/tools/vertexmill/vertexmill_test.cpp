@@ -38,6 +38,8 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "(default 600)\n"
     "      --incremental              skip models whose .geometry file is newer than their sources and "
     "the tool\n"
+    "      --strict                   a model whose conversion logs any error fails: no file is written "
+    "for it\n"
     "      --report <FILE>            write statistics of every model as one JSON document to FILE\n"
     "      --cache <DIR>              keep converted models in the cache folder DIR and take them from "
     "it when their inputs are the same (default: $VERTEXMILL_CACHE)\n"
