@@ -2,6 +2,7 @@
 
 #include "cstdmf/span_reader.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 namespace content_cache
@@ -15,6 +16,24 @@ constexpr char kRecordMagic[4] = {'V', 'M', 'A', 'C'};
 constexpr uint32_t kRecordVersion = 1;
 constexpr size_t kRecordSize = 4 + 4 + 32 + 32 + 8 + 32;
 } // namespace
+
+std::string RemoteStore::shownUrl(std::string_view url)
+{
+  // scheme://[user[:password]@]host...: only the authority, before the first '/', '?' or '#'
+  // after "://", can hold credentials.
+  const size_t schemeEnd = url.find("://");
+  if (schemeEnd == std::string_view::npos)
+    return std::string(url);
+  const size_t authority = schemeEnd + 3;
+  const size_t authorityEnd = std::min(url.find_first_of("/?#", authority), url.size());
+  const size_t at = url.substr(0, authorityEnd).rfind('@');
+  if (at == std::string_view::npos || at < authority)
+    return std::string(url);
+  const size_t colon = url.substr(0, at).find(':', authority);
+  if (colon == std::string_view::npos)
+    return std::string(url);
+  return std::string(url.substr(0, colon + 1)) + "***" + std::string(url.substr(at));
+}
 
 std::string RemoteStore::encodeRecord(const Digest& key, const Digest& content, uint64_t size)
 {

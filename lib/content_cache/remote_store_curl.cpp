@@ -19,10 +19,13 @@ namespace
 {
 // Bodies larger than this are not results of ours: refused rather than held in memory.
 constexpr size_t kMaxBody = size_t(1) << 31;
+// A result record is small and of a fixed size; anything much longer is not one.
+constexpr size_t kMaxRecordBody = 4096;
 
 struct Download
 {
   std::string body;
+  size_t limit = kMaxBody; // an answer longer than this ends the transfer
   bool tooLarge = false;
 };
 
@@ -30,7 +33,7 @@ size_t collect(char* data, size_t size, size_t count, void* user)
 {
   auto* download = static_cast<Download*>(user);
   const size_t bytes = size * count;
-  if (download->body.size() + bytes > kMaxBody)
+  if (download->body.size() + bytes > download->limit)
   {
     download->tooLarge = true;
     return 0; // ends the transfer
@@ -165,6 +168,7 @@ RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std:
     return Lookup::Unavailable;
   const std::string recordUrl = m_url + "/ac/" + toHex(key);
   Download record;
+  record.limit = kMaxRecordBody;
   long status = request(recordUrl, m_timeouts, nullptr, &record, problem);
   if (status == 404)
     return Lookup::Miss;
@@ -173,19 +177,21 @@ RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std:
     if (status != 0)
       problem = "HTTP status " + std::to_string(status);
     // Only the request that turned the tier off reports it.
-    problem = turnOff() ? "GET " + recordUrl + ": " + problem : std::string();
+    problem = turnOff() ? "GET " + shownUrl(recordUrl) + ": " + problem : std::string();
     return Lookup::Unavailable;
   }
   Digest content{};
   uint64_t size = 0;
   if (!decodeRecord(record.body, key, content, size))
   {
-    problem = recordUrl + " is not a result record";
+    problem = shownUrl(recordUrl) + " is not a result record";
     return Lookup::Corrupt;
   }
 
   const std::string contentUrl = m_url + "/cas/" + toHex(content);
+  // The record declares the content's size: a longer answer is cut off there, not buffered.
   Download blob;
+  blob.limit = static_cast<size_t>(std::min<uint64_t>(size, kMaxBody));
   status = request(contentUrl, m_timeouts, nullptr, &blob, problem);
   if (status == 404)
     return Lookup::Miss; // the record outlived its content
@@ -194,18 +200,18 @@ RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std:
     if (status != 0)
       problem = "HTTP status " + std::to_string(status);
     // Only the request that turned the tier off reports it.
-    problem = turnOff() ? "GET " + contentUrl + ": " + problem : std::string();
+    problem = turnOff() ? "GET " + shownUrl(contentUrl) + ": " + problem : std::string();
     return Lookup::Unavailable;
   }
   if (blob.body.size() != size || sha256(blob.body) != content)
   {
-    problem = contentUrl + " does not hold the content its name promises";
+    problem = shownUrl(contentUrl) + " does not hold the content its name promises";
     return Lookup::Corrupt;
   }
   std::string entryProblem;
   if (!decodeEntry(blob.body, key, entry, entryProblem))
   {
-    problem = contentUrl + " is " + entryProblem;
+    problem = shownUrl(contentUrl) + " is " + entryProblem;
     return Lookup::Corrupt;
   }
   encoded = std::move(blob.body);
@@ -227,12 +233,12 @@ bool RemoteStore::store(const Digest& key, std::string_view encoded, std::string
     const long status = request(url, m_timeouts, &body, nullptr, problem);
     if (status == 0)
     {
-      problem = turnOff() ? "PUT " + url + ": " + problem : std::string();
+      problem = turnOff() ? "PUT " + shownUrl(url) + ": " + problem : std::string();
       return false;
     }
     if (status < 200 || status > 299)
     {
-      problem = stopUploads() ? "PUT " + url + ": HTTP status " + std::to_string(status) : std::string();
+      problem = stopUploads() ? "PUT " + shownUrl(url) + ": HTTP status " + std::to_string(status) : std::string();
       return false;
     }
   }

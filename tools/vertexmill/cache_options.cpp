@@ -110,7 +110,7 @@ bool resolveCacheOptions(CacheOptions& options)
     // Only HTTP servers hold a cache; anything else would fail on every request, with the URL
     // (and any password in it) repeated in every warning.
     std::fprintf(stderr, "ERROR: invalid value '%s' for %s: expected an http:// or https:// URL\n",
-                 toDisplayText(*options.url).c_str(), urlFromEnvironment ? "VERTEXMILL_CACHE_URL" : "--cache-url");
+                 toDisplayText(content_cache::RemoteStore::shownUrl(*options.url)).c_str(), urlFromEnvironment ? "VERTEXMILL_CACHE_URL" : "--cache-url");
     return false;
   }
   if (options.url && !content_cache::RemoteStore::supported())
