@@ -95,18 +95,31 @@ std::string modelOf(const std::vector<SetShape>& sets)
   return container ? std::string(container->data(), container->len()) : std::string();
 }
 
+uint32_t pickBelow(std::mt19937& random, uint32_t count)
+{
+  return std::uniform_int_distribution<uint32_t>(0, count - 1)(random);
+}
+
+// `count` sound render sets named <prefix>0, <prefix>1, ...: grids of 2 to 1 + `sides` vertices a
+// side, with 16- or 32-bit indices.
+std::vector<SetShape> soundSets(std::mt19937& random, uint32_t count, const std::string& prefix, uint32_t sides)
+{
+  std::vector<SetShape> sets(count);
+  for (size_t i = 0; i < sets.size(); ++i)
+  {
+    sets[i].name = prefix + std::to_string(i);
+    sets[i].side = 2 + pickBelow(random, sides);
+    sets[i].indexFormat = pickBelow(random, 2) == 0 ? "list" : "list32";
+  }
+  return sets;
+}
+
 // A model of two to four render sets, one of them with a fault of the kind a broken exporter or a
 // damaged disk leaves.
 std::string faultyModel(std::mt19937& random)
 {
-  const auto pick = [&random](uint32_t count) { return std::uniform_int_distribution<uint32_t>(0, count - 1)(random); };
-  std::vector<SetShape> sets(2 + pick(3));
-  for (size_t i = 0; i < sets.size(); ++i)
-  {
-    sets[i].name = "set" + std::to_string(i);
-    sets[i].side = 2 + pick(6);
-    sets[i].indexFormat = pick(2) == 0 ? "list" : "list32";
-  }
+  const auto pick = [&random](uint32_t count) { return pickBelow(random, count); };
+  std::vector<SetShape> sets = soundSets(random, 2 + pick(3), "set", 6);
   SetShape& bad = sets[pick(static_cast<uint32_t>(sets.size()))];
   switch (pick(12))
   {
@@ -129,14 +142,8 @@ std::string faultyModel(std::mt19937& random)
 // A sound model with its container bytes damaged: bytes flipped, a word overwritten, or cut short.
 std::string damagedModel(std::mt19937& random)
 {
-  const auto pick = [&random](uint32_t count) { return std::uniform_int_distribution<uint32_t>(0, count - 1)(random); };
-  std::vector<SetShape> sets(1 + pick(3));
-  for (size_t i = 0; i < sets.size(); ++i)
-  {
-    sets[i].name = "part" + std::to_string(i);
-    sets[i].side = 2 + pick(4);
-    sets[i].indexFormat = pick(2) == 0 ? "list" : "list32";
-  }
+  const auto pick = [&random](uint32_t count) { return pickBelow(random, count); };
+  std::vector<SetShape> sets = soundSets(random, 1 + pick(3), "part", 4);
   std::string bytes = modelOf(sets);
   const uint32_t size = static_cast<uint32_t>(bytes.size());
   switch (pick(3))
