@@ -1,6 +1,7 @@
 #include "display_text.hpp"
 
 #include <cstdint>
+#include <cstdio>
 
 namespace vertexmill
 {
@@ -69,9 +70,35 @@ bool isValidUtf8(std::string_view text)
   return true;
 }
 
+namespace
+{
+// A character a terminal would act on rather than show: the C0 controls but line end and tab,
+// DEL, and the C1 controls (U+0080 to U+009F; 0x9B alone starts an escape sequence on some
+// terminals).
+bool isTerminalControl(std::string_view text, size_t pos, size_t length)
+{
+  const auto byte = static_cast<unsigned char>(text[pos]);
+  if (length == 1)
+    return (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7F;
+  return length == 2 && byte == 0xC2 && static_cast<unsigned char>(text[pos + 1]) < 0xA0;
+}
+
+bool isPlainText(std::string_view text)
+{
+  for (size_t pos = 0; pos < text.size();)
+  {
+    const size_t length = sequenceLength(text, pos);
+    if (length == 0 || isTerminalControl(text, pos, length))
+      return false;
+    pos += length;
+  }
+  return true;
+}
+} // namespace
+
 std::string toDisplayText(std::string_view text)
 {
-  if (isValidUtf8(text))
+  if (isPlainText(text))
     return std::string(text);
   std::string shown;
   shown.reserve(text.size() + 16);
@@ -82,6 +109,17 @@ std::string toDisplayText(std::string_view text)
     {
       shown += kReplacement;
       ++pos;
+      continue;
+    }
+    if (isTerminalControl(text, pos, length))
+    {
+      // Shown as its code, like a C string would write it: "\x1b", "\u009b".
+      const unsigned code = length == 1 ? static_cast<unsigned char>(text[pos])
+                                        : static_cast<unsigned char>(text[pos + 1]);
+      char escaped[8];
+      std::snprintf(escaped, sizeof(escaped), length == 1 ? "\\x%02x" : "\\u%04x", code);
+      shown += escaped;
+      pos += length;
       continue;
     }
     shown.append(text, pos, length);

@@ -14,7 +14,10 @@ namespace vertexmill
 bool isValidUtf8(std::string_view text);
 
 // The text with every byte that does not belong to a well-formed UTF-8 sequence replaced by
-// U+FFFD. Well-formed text comes back unchanged.
+// U+FFFD, and every control character a terminal would act on (escape sequences, carriage
+// return, backspace; not line end or tab) written as its code ("\x1b", "\u009b"): names and
+// format names come from files, and must not move the cursor or recolour the console. Plain
+// well-formed text comes back unchanged.
 std::string toDisplayText(std::string_view text);
 
 // Number of terminal columns the (well-formed) text takes, counting characters outside ASCII as

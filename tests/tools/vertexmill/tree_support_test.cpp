@@ -55,6 +55,22 @@ TEST(DisplayText, EveryBadByteBecomesOneReplacementCharacter)
   }
 }
 
+TEST(DisplayText, ControlCharactersFromFilesAreShownAsTheirCodes)
+{
+  // A format name read from a file may carry an escape sequence that would recolour the console
+  // or move its cursor; line ends and tabs of the tool's own messages pass.
+  const std::vector<std::pair<std::string, std::string>> cases = {
+    {"format '\x1b[31mred\x1b[0m'\n", "format '\\x1b[31mred\\x1b[0m'\n"},
+    {"a\rb\bc\x7f", "a\\x0db\\x08c\\x7f"},
+    {std::string("nul\0!", 5), "nul\\x00!"},
+    {"csi\xC2\x9B" "2J \xC2\xA0kept", "csi\\u009b2J \xC2\xA0kept"},
+    {"line\n\tindented", "line\n\tindented"},
+    {"\x1b\xFF", "\\x1b\xEF\xBF\xBD"},
+  };
+  for (const auto& [raw, shown] : cases)
+    EXPECT_EQ(toDisplayText(raw), shown) << raw;
+}
+
 TEST(DisplayText, TailToWidthKeepsTheEndAndWholeCharacters)
 {
   EXPECT_EQ(tailToWidth("abcdefghij", 10), "abcdefghij");
