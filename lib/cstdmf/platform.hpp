@@ -57,6 +57,11 @@ bool seekFile(std::FILE* file, uint64_t offset);
 
 // Process id of the current process.
 unsigned long processId();
+// True when a process with this id runs on this machine (also one this process may not signal
+// or open).
+bool processIsRunning(unsigned long id);
+// The machine's name as the network knows it; empty if unknown.
+std::string hostName();
 
 // Calls `cleanUp` on a thread of its own when the process is asked to stop (SIGINT, SIGTERM and
 // SIGHUP on POSIX; Ctrl-C, Ctrl-Break and a closed console on Windows), then ends the process as
@@ -112,6 +117,21 @@ struct ChildLimits
   unsigned timeoutMilliseconds = 0; // wall-clock time before the child is killed
   unsigned long long memoryBytes = 0; // address space (POSIX) or committed memory (Windows)
 };
+
+// The memory a child process that reads files nobody vouches for (a model's conversion, a
+// scene import) may use unless told otherwise: 4 GiB. None in a build with AddressSanitizer,
+// whose shadow memory alone reserves more address space than that.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr unsigned long long kDefaultChildMemoryBytes = 0;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+inline constexpr unsigned long long kDefaultChildMemoryBytes = 0;
+#else
+inline constexpr unsigned long long kDefaultChildMemoryBytes = 4ull << 30;
+#endif
+#else
+inline constexpr unsigned long long kDefaultChildMemoryBytes = 4ull << 30;
+#endif
 
 struct ChildRun
 {

@@ -134,6 +134,21 @@ unsigned long processId()
   return static_cast<unsigned long>(::getpid());
 }
 
+bool processIsRunning(unsigned long id)
+{
+  if (id == 0 || id > static_cast<unsigned long>(std::numeric_limits<pid_t>::max()))
+    return false;
+  return ::kill(static_cast<pid_t>(id), 0) == 0 || errno == EPERM;
+}
+
+std::string hostName()
+{
+  char name[256] = {};
+  if (::gethostname(name, sizeof(name) - 1) != 0)
+    return {};
+  return name;
+}
+
 void useBinaryStandardStreams()
 {
 }

@@ -297,6 +297,28 @@ unsigned long processId()
   return static_cast<unsigned long>(::GetCurrentProcessId());
 }
 
+bool processIsRunning(unsigned long id)
+{
+  if (id == 0)
+    return false;
+  HANDLE process = ::OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(id));
+  if (process == nullptr)
+    return ::GetLastError() == ERROR_ACCESS_DENIED;
+  // An ended process whose handle someone still holds opens too, but is signalled.
+  const bool running = ::WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+  ::CloseHandle(process);
+  return running;
+}
+
+std::string hostName()
+{
+  wchar_t name[MAX_COMPUTERNAME_LENGTH + 1] = {};
+  DWORD length = MAX_COMPUTERNAME_LENGTH + 1;
+  if (!::GetComputerNameW(name, &length))
+    return {};
+  return narrow(std::wstring_view(name, length));
+}
+
 void useBinaryStandardStreams()
 {
   std::fflush(stdout);

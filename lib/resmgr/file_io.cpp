@@ -7,10 +7,13 @@
 #include <atomic>
 #include <chrono>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string_view>
 #include <thread>
 #include <system_error>
 #include <vector>
@@ -59,6 +62,60 @@ void unregisterTemporary(const std::filesystem::path& path)
   const auto it = std::find(r.paths.begin(), r.paths.end(), path);
   if (it != r.paths.end())
     r.paths.erase(it);
+}
+
+constexpr std::string_view kTemporaryPrefix = ".vm";
+constexpr std::string_view kTemporaryExtension = ".tmp";
+constexpr auto kForeignTemporaryAbandonedAfter = std::chrono::hours(1);
+
+// Eight hex digits of the host name's FNV-1a hash: which machine a temporary file is from.
+const std::string& machineTag()
+{
+  static const std::string tag = [] {
+    uint32_t hash = 2166136261u;
+    for (const char c : platform::hostName())
+      hash = (hash ^ static_cast<unsigned char>(c)) * 16777619u;
+    char text[9];
+    std::snprintf(text, sizeof(text), "%08x", static_cast<unsigned>(hash));
+    return std::string(text);
+  }();
+  return tag;
+}
+
+// The parts of a temporary file's name: ".vm<pid>-<n>-<machine>.tmp" (or ".vm<pid>-<n>.tmp",
+// without the machine, as earlier versions named them).
+struct TemporaryName
+{
+  unsigned long processId = 0;
+  std::string machine;
+};
+
+std::optional<TemporaryName> parseTemporaryName(std::string_view name)
+{
+  if (!name.starts_with(kTemporaryPrefix) || !name.ends_with(kTemporaryExtension))
+    return std::nullopt;
+  name = name.substr(kTemporaryPrefix.size(), name.size() - kTemporaryPrefix.size() - kTemporaryExtension.size());
+  const auto isDigits = [](std::string_view text) {
+    return !text.empty() && text.size() <= 19 &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+  };
+  const size_t first = name.find('-');
+  TemporaryName parsed;
+  if (first == std::string_view::npos || !isDigits(name.substr(0, first)) ||
+      std::from_chars(name.data(), name.data() + first, parsed.processId).ec != std::errc())
+    return std::nullopt;
+  std::string_view rest = name.substr(first + 1);
+  const size_t second = rest.find('-');
+  if (second != std::string_view::npos)
+  {
+    parsed.machine = std::string(rest.substr(second + 1));
+    rest = rest.substr(0, second);
+    if (parsed.machine.size() != 8)
+      return std::nullopt;
+  }
+  if (!isDigits(rest))
+    return std::nullopt;
+  return parsed;
 }
 
 // Closes the file on every path out of a read.
@@ -182,8 +239,7 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
   // Beside the target, so that the rename stays within one file system; unique per process and
   // per write.
   const std::filesystem::path temporary =
-    target.parent_path() / cstdmf::u8path(".vm" + std::to_string(platform::processId()) + "-" +
-                                          std::to_string(s_writeCounter.fetch_add(1)) + ".tmp");
+    target.parent_path() / cstdmf::u8path(temporaryFileName(platform::processId(), s_writeCounter.fetch_add(1)));
 
   WriteResult result;
   const auto discard = [&](WriteStatus status, std::string reason) {
@@ -238,6 +294,46 @@ size_t removeTemporaryFiles(bool processEnding)
       ++removed;
   }
   r.paths.clear();
+  return removed;
+}
+
+std::string temporaryFileName(unsigned long processId, unsigned serial)
+{
+  return std::string(kTemporaryPrefix) + std::to_string(processId) + "-" + std::to_string(serial) + "-" + machineTag() +
+         std::string(kTemporaryExtension);
+}
+
+size_t removeStaleTemporaryFiles(const std::string& utf8Directory)
+{
+  namespace fs = std::filesystem;
+  std::error_code error;
+  std::vector<fs::path> stale;
+  const auto now = fs::file_time_type::clock::now();
+  for (fs::directory_iterator it(cstdmf::u8path(utf8Directory), error), end; !error && it != end; it.increment(error))
+  {
+    const std::optional<TemporaryName> name = parseTemporaryName(cstdmf::toUtf8(it->path().filename()));
+    if (!name)
+      continue;
+    std::error_code ignored;
+    if (!it->is_regular_file(ignored))
+      continue;
+    bool ended = false;
+    if (name->machine == machineTag())
+      ended = !platform::processIsRunning(name->processId);
+    else
+    {
+      const fs::file_time_type written = it->last_write_time(ignored);
+      ended = !ignored && now - written > kForeignTemporaryAbandonedAfter;
+    }
+    if (ended)
+      stale.push_back(it->path());
+  }
+  size_t removed = 0;
+  for (const fs::path& path : stale)
+  {
+    std::error_code ignored;
+    removed += fs::remove(path, ignored) ? 1 : 0;
+  }
   return removed;
 }
 

@@ -3,12 +3,13 @@
 // is written through a temporary file beside it that is renamed over it, so the path holds either
 // its previous contents or the whole new ones, never a part.
 //
-// Temporary files: while a write is in flight its temporary file (".vm<pid>-<n>.tmp" in the
-// target's directory; short, because the target's own name may already be as long as names may
-// be) is registered with this module and unregistered once it has been renamed or removed.
-// removeTemporaryFiles() deletes every temporary file this process currently has in flight; a
-// fatal-error handler calls it so that a process that dies in the middle of a write leaves
-// nothing behind in an output tree.
+// Temporary files: while a write is in flight its temporary file (".vm<pid>-<n>-<machine>.tmp" in
+// the target's directory, <machine> eight hex digits of the host name's hash; short, because the
+// target's own name may already be as long as names may be) is registered with this module and
+// unregistered once it has been renamed or removed. removeTemporaryFiles() deletes every
+// temporary file this process currently has in flight; a fatal-error handler calls it so that a
+// process that dies in the middle of a write leaves nothing behind in an output tree. What a
+// process killed outright leaves, removeStaleTemporaryFiles() takes away on a later run.
 
 #include "resmgr/binary_block.hpp"
 
@@ -104,5 +105,14 @@ struct WriteResult
 // they report it); not safe from a signal handler. With `processEnding` (a fatal error's last
 // moments) no write may create a temporary file afterwards: such a write waits for the end.
 size_t removeTemporaryFiles(bool processEnding = false);
+
+// The name of the temporary file of write number `serial` of process `processId` of this machine.
+std::string temporaryFileName(unsigned long processId, unsigned serial);
+
+// Deletes the temporary files that writes of ended processes left in the directory, returning how
+// many were removed: those of a process of this machine that no longer runs, and those of any
+// other machine (or an older version of this module) not written to for an hour, so that a write
+// in flight on another machine sharing the folder is never taken. Logs nothing.
+size_t removeStaleTemporaryFiles(const std::string& utf8Directory);
 
 } // namespace fileio

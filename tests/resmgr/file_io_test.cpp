@@ -5,11 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -137,6 +140,43 @@ TEST(FileIo, FailedWriteKeepsTheTargetAndRemovesItsTemporaryFile)
   EXPECT_TRUE(fs::is_directory(dir.path / "taken" / "inside"));
   EXPECT_EQ(dir.entryCount(), 1u);
   EXPECT_EQ(fileio::removeTemporaryFiles(), 0u);
+}
+
+// What a process killed outright left: its own machine's files once the process is gone, another
+// machine's (or an earlier version's) only after an hour untouched, since a write may still be
+// in flight there on a shared folder. Nothing else in the folder is touched.
+TEST(FileIo, LeftoversOfEndedProcessesAreRemovedAndNothingElse)
+{
+  TempDirectory dir;
+  unsigned long ended = 999999;
+  while (platform::processIsRunning(ended))
+    ++ended;
+  const std::string endedId = std::to_string(ended);
+  const auto old = fs::file_time_type::clock::now() - std::chrono::hours(2);
+
+  const std::vector<std::pair<std::string, bool>> files = {
+    {fileio::temporaryFileName(ended, 0), true},
+    {fileio::temporaryFileName(platform::processId(), 7), false}, // a write of this process
+    {".vm" + endedId + "-3-0badf00d.tmp", false},                 // another machine's, fresh
+    {".vm" + endedId + "-4-0badf00d.tmp", true},                  // ... two hours old
+    {".vm" + endedId + "-5.tmp", false},                          // an earlier version's, fresh
+    {".vm" + endedId + "-6.tmp", true},                           // ... two hours old
+    {"crate.geometry", false},
+    {".vmx-1.tmp", false},
+    {".vm" + endedId + "-1-short.tmp", false},
+    {"notes.tmp", false},
+  };
+  for (const auto& [name, removed] : files)
+  {
+    put(dir.file(name), "partial");
+    if (name.find("-4-") != std::string::npos || name.find("-6.") != std::string::npos)
+      fs::last_write_time(dir.path / name, old);
+  }
+
+  EXPECT_EQ(fileio::removeStaleTemporaryFiles(cstdmf::toUtf8(dir.path)), 3u);
+  for (const auto& [name, removed] : files)
+    EXPECT_EQ(fs::exists(dir.path / name), !removed) << name;
+  EXPECT_EQ(fileio::removeStaleTemporaryFiles(dir.file("missing")), 0u);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "model_cache.hpp"
 
 #include "content_cache/file_io.hpp"
+#include "resmgr/file_io.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "vertexmill_build_id.hpp"
 
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <span>
 #include <system_error>
 
 #ifndef VERTEXMILL_VERSION
@@ -266,10 +268,10 @@ bool CachedConversion::replay(bool withoutErrors)
         return message.priority >= static_cast<int32_t>(DebugMessagePriority::Error);
       }))
     return false;
-  std::string problem;
-  // Written whole or not at all, as the compiler writes it. When it cannot be written, the
+  // Written whole or not at all, and by the compiler's own writer, so that its temporary file is
+  // removed with the run's others when the run is stopped. When it cannot be written, the
   // conversion runs and reports the failure in its own words.
-  if (!content_cache::writeFileAtomically(cstdmf::u8path(m_outputText), entry->output, problem))
+  if (!fileio::writeWholeFile(m_outputText, std::as_bytes(std::span<const char>(entry->output))))
     return false;
   m_replayedBytes = entry->output.size();
   replayMessages(entry->messages, m_request.primitivesPath);
