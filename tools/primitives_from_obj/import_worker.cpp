@@ -150,10 +150,13 @@ BinaryPtr importInChild(const std::string& program, const WorkerRequest& request
                                         request.format.empty() ? std::string("auto") : request.format};
   if (request.flipV)
     arguments.emplace_back("--flip-v");
-  platform::ChildIo io{files.out(), files.err(), {}, request.timeLimitSeconds * 1000u};
-  bool timedOut = false;
-  const std::optional<int> status = platform::runProcess(program, arguments, io, &timedOut);
-  if (timedOut)
+  const platform::ChildIo io{files.out(), files.err(), {}, 0};
+  platform::ChildLimits limits;
+  limits.timeoutMilliseconds = request.timeLimitSeconds * 1000u;
+  limits.memoryBytes = request.memoryLimitBytes;
+  const platform::ChildRun run = platform::runLimitedProcess(program, arguments, io, limits);
+  const std::optional<int> status = run.started && !run.timedOut ? std::optional<int>(run.status) : std::nullopt;
+  if (run.timedOut)
   {
     error = fmt::format("ERROR: {}: the import did not finish within {} seconds and was stopped (--time-limit)",
                         request.input, request.timeLimitSeconds);
@@ -177,6 +180,12 @@ BinaryPtr importInChild(const std::string& program, const WorkerRequest& request
                                            request.input, *status - 128)
                              : fmt::format("ERROR: {}: the import stopped with status {}", request.input, *status);
     }
+    // An allocation the bound refused ends the worker with "out of memory" (or the library's own
+    // word for it): say which bound, and how to raise it.
+    if (request.memoryLimitBytes != 0 &&
+        (messages.find("out of memory") != std::string::npos || messages.find("bad_alloc") != std::string::npos))
+      error += fmt::format("\nERROR: {}: the import needed more than the {} MiB it may use (--memory-limit)",
+                           request.input, request.memoryLimitBytes >> 20);
     return nullptr;
   }
 

@@ -3,7 +3,9 @@
 // kWorkerOption, the child reads the scene and writes the encoded .primitives bytes to a
 // temporary file, and the parent takes them from there. A crash or an endless loop inside the
 // library then ends only the child: the parent reports it, removes the temporaries and writes
-// nothing. The child's time is limited (ended by kill when it runs over).
+// nothing. The child's time is limited (ended by kill when it runs over), and so is its memory
+// (its allocations fail past the bound, and it ends saying so), so that a file that claims
+// billions of vertices cannot take the machine with it.
 
 #include "resmgr/binary_block.hpp"
 
@@ -39,11 +41,13 @@ struct WorkerRequest
   std::string format; // empty: chosen by content
   bool flipV = false;
   unsigned timeLimitSeconds = 0; // 0: none
+  unsigned long long memoryLimitBytes = 0; // 0: none
 };
 
 // The parent's side: runs `program` (this tool) as a worker for `request`. On success returns the
 // encoded container and fills `summary`; otherwise returns null with `error` set: the worker's own
-// messages (which name the input), or what ended it (a signal, the time limit, a start failure).
+// messages (which name the input), or what ended it (a signal, the time limit, the memory limit,
+// a start failure).
 [[nodiscard]] BinaryPtr importInChild(const std::string& program, const WorkerRequest& request,
                                       WorkerSummary& summary, std::string& error);
 

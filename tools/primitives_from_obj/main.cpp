@@ -62,6 +62,7 @@ void printUsage(std::FILE* stream)
 {
   fmt::print(stream,
              "usage: {0} INPUT OUTPUT.primitives [--format NAME] [--flip-v] [--time-limit SECONDS]\n"
+             "                         [--memory-limit MIB]\n"
              "       {0} --procedural SHAPE OUTPUT.primitives [--format NAME]\n"
              "\n"
              "Converts a mesh file into a .primitives file. Wavefront OBJ (.obj, .obj.gz): one render set\n"
@@ -78,13 +79,15 @@ void printUsage(std::FILE* stream)
              "                       xyznuv2iiiwwtb when skinned)\n"
              "  --flip-v             store 1 - v as texture coordinate v\n"
              "  --time-limit SECONDS stop reading a non-OBJ file after this long (default {1}; 0: none)\n"
+             "  --memory-limit MIB   memory that reading a non-OBJ file may use (default {2}; 0: none)\n"
              "  --procedural SHAPE   write a built-in shape (cube, sphere, torus) instead of reading\n"
              "  -h, --help           show this text\n"
              "  -V, --version        show the tool's name and version\n"
              "\n"
              "Exit status: 0 success, 1 bad arguments, 2 a path cannot be used (nothing done),\n"
              "3 the import failed or the output could not be written.\n",
-             kTool, kDefaultTimeLimit);
+             kTool, kDefaultTimeLimit,
+             platform::kDefaultChildMemoryBytes == 0 ? std::string("none") : std::to_string(platform::kDefaultChildMemoryBytes >> 20));
 }
 
 struct Arguments
@@ -94,6 +97,7 @@ struct Arguments
   std::string format; // empty: by content
   std::optional<std::string> procedural;
   unsigned timeLimit = kDefaultTimeLimit;
+  unsigned long long memoryLimitMiB = platform::kDefaultChildMemoryBytes >> 20;
   bool flipV = false;
   bool help = false;
   bool version = false;
@@ -146,6 +150,20 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
         return false;
       }
       args.timeLimit = seconds;
+    }
+    else if (is("--memory-limit"))
+    {
+      std::string text;
+      unsigned long long mebibytes = 0;
+      const bool given = value("--memory-limit", text);
+      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), mebibytes);
+      if (!given || ec != std::errc() || end != text.data() + text.size() || mebibytes > (1ull << 20))
+      {
+        error = fmt::format("invalid value '{}' for --memory-limit: expected a whole number of MiB from 0 to 1048576",
+                            text);
+        return false;
+      }
+      args.memoryLimitMiB = mebibytes;
     }
     else if (is("--procedural"))
     {
@@ -250,7 +268,16 @@ int run(int argc, char** argv)
   {
     // The worker ends at once: the library's state is not worth tearing down (and some of its
     // readers leave memory behind that a leak checker would report as a failure of the run).
-    const int status = objimport::runImportWorker(argc, argv);
+    int status = 3;
+    try
+    {
+      status = objimport::runImportWorker(argc, argv);
+    }
+    catch (const std::bad_alloc&)
+    {
+      // Past the memory bound the parent set: named, so that the parent can say which bound.
+      std::fprintf(stderr, "ERROR: %s: out of memory\n", argc > 2 ? argv[2] : "");
+    }
     std::fflush(stdout);
     std::fflush(stderr);
     platform::exitProcess(status);
@@ -319,7 +346,7 @@ int run(int argc, char** argv)
     if (self.empty())
       return fail(kExitFailed, fmt::format("{}: cannot find this program's own path to start the import", args.input));
     objimport::WorkerSummary summary;
-    container = objimport::importInChild(self, {args.input, args.format, args.flipV, args.timeLimit}, summary, error);
+    container = objimport::importInChild(self, {args.input, args.format, args.flipV, args.timeLimit, args.memoryLimitMiB << 20}, summary, error);
     if (!container)
     {
       fmt::print(stderr, "{}\n", error);

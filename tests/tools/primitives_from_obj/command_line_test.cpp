@@ -67,6 +67,7 @@ TEST(CommandLine, ExitStatuses)
   const std::string badCommandLines[] = {
     "", quoted(dir.path("good.obj")), "--bogus a b", quoted(dir.path("good.obj")) + " " + quoted(out) + " --format XYZNUV",
     "--procedural cone " + quoted(out), "--format", "--time-limit abc " + quoted(dir.path("good.obj")) + " " + quoted(out),
+    "--memory-limit 12G " + quoted(dir.path("good.obj")) + " " + quoted(out),
   };
   for (const std::string& bad : badCommandLines)
   {

@@ -163,6 +163,13 @@ TEST(ImportWorker, CrashesHangsAndRefusalsAreReportedNotShared)
   // Output that does not name the file gets a line that does.
   EXPECT_FALSE(importInChild(fake, {"other", "", false, 30}, summary, error));
   EXPECT_EQ(error, "something else went wrong\nERROR: other: the import stopped with status 23");
+  // Held to its memory bound (not in a sanitizer build, whose workers cannot start under one).
+  if (platform::kDefaultChildMemoryBytes != 0)
+  {
+    EXPECT_FALSE(importInChild(fake, {"allocate", "", false, 30, 512ull << 20}, summary, error));
+    EXPECT_EQ(error, "ERROR: allocate: out of memory\n"
+                     "ERROR: allocate: the import needed more than the 512 MiB it may use (--memory-limit)");
+  }
   expectNoWorkerFilesLeft();
 }
 
