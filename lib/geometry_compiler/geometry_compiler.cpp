@@ -49,6 +49,7 @@ bool GeometryCompiler::compile(const Request& request, const std::string& output
 {
   ZR_GUARD("GeometryCompiler::compile");
   clear();
+  m_systemReason.clear();
   m_settings = Settings{encode, optimize, verify};
 
   if (request.primitivesPath.empty())
@@ -131,6 +132,8 @@ bool GeometryCompiler::loadPrimitives(const Request& request)
 void GeometryCompiler::reportLoadFailure(const std::string& path, FileSections::Failure failure,
                                          const fileio::ReadResult& read)
 {
+  if (failure == FileSections::Failure::Read)
+    m_systemReason = read.reason;
   switch (failure)
   {
   case FileSections::Failure::None:
@@ -507,11 +510,18 @@ void GeometryCompiler::updateTexelDensity(MappingEntry& vertices, MappingEntry& 
 
 bool GeometryCompiler::loadCompanionModel(const std::string& path, const std::string& modelName, const char* kind)
 {
-  const fileio::ReadResult read = fileio::readWholeFile(path, "Geometry", std::numeric_limits<uint32_t>::max());
+  // A companion is one byte array of the packed file, whose counts are signed 32-bit: a larger
+  // file could never be saved, so it is not read at all.
+  constexpr uint64_t kMaxCompanionBytes = std::numeric_limits<int32_t>::max();
+  const fileio::ReadResult read = fileio::readWholeFile(path, "Geometry", kMaxCompanionBytes);
   if (!read)
   {
+    m_systemReason = read.status == fileio::ReadStatus::TooLarge
+                       ? "the file is " + std::to_string(read.fileSize) + " bytes; a .geometry file holds at most " +
+                           std::to_string(kMaxCompanionBytes) + " bytes of one companion"
+                       : read.reason;
     ZR_MSG(kError, kCategory, "GeometryCompiler::loadCompanionModel cannot read the %s model '%s' of model '%s': %s.\n",
-           kind, path.c_str(), modelName.c_str(), read.reason.c_str());
+           kind, path.c_str(), modelName.c_str(), m_systemReason.c_str());
     return false;
   }
   if (read.block->len() == 0)

@@ -98,6 +98,11 @@ public:
   [[nodiscard]] bool compile(const Request& request, const std::string& outputPath, bool encode, bool optimize,
                              bool verify);
 
+  // The system's own words for the file operation that failed in the last compile ("Permission
+  // denied", "No space left on device"), empty when none did. Its messages keep their fixed
+  // wording; callers with room for it (a report, a summary) show this beside them.
+  const std::string& systemReason() const { return m_systemReason; }
+
   // Empties all working state so that the compiler can be reused.
   void clear();
 
@@ -273,6 +278,7 @@ private:
   std::function<bool()> m_approveWrite;
   CompileStatistics* m_statistics = nullptr;
   std::string m_resourceName; // the .primitives file being compiled, for messages
+  std::string m_systemReason;
 
   MergedGeometry m_mergedGeometry;
   // Decoded positions and texture coordinates of merged vertex sections whose index section has

@@ -300,6 +300,8 @@ bool GeometryCompiler::writeToFile(const std::string& resourcePath, const Binary
 {
   const fileio::WriteResult written = fileio::writeWholeFile(
     resourcePath, std::span<const std::byte>(reinterpret_cast<const std::byte*>(block->data()), block->len()));
+  if (!written)
+    m_systemReason = written.reason;
   switch (written.status)
   {
   case fileio::WriteStatus::Ok:

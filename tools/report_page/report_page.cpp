@@ -304,6 +304,8 @@ std::string buildPage(const json& report, const PreviewSource& previews)
       for (const json& text : array(model, "errors"))
         if (text.is_string())
           list += "<li>" + escapeHtml(text.get<std::string>()) + "</li>";
+      if (const std::string reason = string(model, "reason"); !reason.empty())
+        list += "<li>the system said: " + escapeHtml(reason) + "</li>";
       list += "</ul></div>\n";
     };
     if (status == "failed" && ++failed <= kFailuresListed)

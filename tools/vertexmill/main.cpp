@@ -91,6 +91,7 @@ struct Args
   unsigned jobs = 1;     // 0: one per hardware thread
   bool keepGoing = false;
   unsigned modelTimeout = 0; // seconds; 0: the default limit
+  std::optional<unsigned long long> modelMemory; // bytes, 0: none; unset: the default limit
   bool incremental = false;
   bool strict = false;
   std::string reportPath; // UTF-8; empty: no report
@@ -203,6 +204,22 @@ bool Args::parse(int argc, const char* const* argv)
           if (value.empty() || error != std::errc() || stop != end || parsed == 0 || parsed > 86400)
             return false;
           modelTimeout = parsed;
+          return true;
+        },
+      })
+      .add({
+        .kind = ArgParser::Kind::Value,
+        .longName = "memory-limit",
+        .description = "with --keep-going, the memory a model's conversion may use, in MiB (default 4096; 0: none)",
+        .valueName = "MIB",
+        .expected = "a whole number of MiB from 0 to 1048576",
+        .callback = [this](std::string_view value) {
+          unsigned long long parsed = 0;
+          const char* end = value.data() + value.size();
+          const auto [stop, error] = std::from_chars(value.data(), end, parsed);
+          if (value.empty() || error != std::errc() || stop != end || parsed > (1ull << 20))
+            return false;
+          modelMemory = parsed << 20;
           return true;
         },
       })
@@ -395,6 +412,7 @@ struct RunRequest
   std::string reportHtmlPath; // UTF-8, with report
   ToolCriticalErrorHandler* criticalHandler = nullptr;
   unsigned modelTimeout = 0;
+  std::optional<unsigned long long> modelMemory;
 };
 
 // A file a project option writes besides the models' outputs.
@@ -598,8 +616,9 @@ int processSingle(const RunRequest& request, const fs::path& src, const fs::path
     return kExitBadCommandLine;
   if (request.criticalHandler)
     request.criticalHandler->setSingleModel(cstdmf::toUtf8(src));
-  const ModelOutcome outcome = convertModel(src, output, modelSettings(request));
-  if (outcome == ModelOutcome::Failed)
+  // What runs killed outright left beside the output goes first.
+  (void)fileio::removeStaleTemporaryFiles(cstdmf::toUtf8(output.parent_path().empty() ? fs::path(".") : output.parent_path()));
+  if (convertModel(src, output, modelSettings(request)).outcome == ModelOutcome::Failed)
     return kExitConversionFailed;
   if (!request.depfilePath.empty())
   {
@@ -655,6 +674,8 @@ int processTree(const RunRequest& request, const fs::path& src, const fs::path& 
     options.workerProgram = platform::executablePath();
     if (request.modelTimeout != 0)
       options.workerLimits.timeoutSeconds = request.modelTimeout;
+    if (request.modelMemory)
+      options.workerLimits.memoryBytes = *request.modelMemory;
     if (options.workerProgram.empty())
       ZR_MSG_FMT(DebugMessagePriority::Warning, "",
                  "cannot find the tool's own executable: --keep-going converts the models in this process\n");
@@ -718,6 +739,12 @@ int vertexmillMain(int argc, const char* const* argv)
     std::fputs("ERROR: --time-limit works with --keep-going only\n", stderr);
     return kExitBadCommandLine;
   }
+  if (args.modelMemory && !args.keepGoing)
+  {
+    // Only a worker process can be held to a memory bound.
+    std::fputs("ERROR: --memory-limit works with --keep-going only\n", stderr);
+    return kExitBadCommandLine;
+  }
   if (!args.depfilePath.empty() && args.tree)
   {
     std::fputs("ERROR: --depfile works in default mode only (one model)\n", stderr);
@@ -771,6 +798,7 @@ int vertexmillMain(int argc, const char* const* argv)
   request.reportHtmlPath = args.reportHtmlPath;
   request.criticalHandler = &criticalHandler;
   request.modelTimeout = args.modelTimeout;
+  request.modelMemory = args.modelMemory;
   int status = kExitSuccess;
   try
   {

@@ -174,7 +174,7 @@ private:
 };
 } // namespace
 
-ModelOutcome convertModel(const fs::path& source, const fs::path& output, const ModelSettings& settings)
+ModelResult convertModel(const fs::path& source, const fs::path& output, const ModelSettings& settings)
 {
   const std::string sourceText = cstdmf::toUtf8(source);
   const std::string outputText = cstdmf::toUtf8(output);
@@ -194,9 +194,11 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   std::optional<ErrorCounter> errors;
   if (report || settings.strict)
     errors.emplace();
+  std::string reason;
   auto finish = [&](ModelOutcome outcome) {
     if (report)
     {
+      report->reason = reason;
       collector.reset();
       report->status = outcome == ModelOutcome::Converted ? (errors->count() == 0 ? "converted" : "converted-with-errors")
                        : outcome == ModelOutcome::UpToDate ? "up-to-date"
@@ -207,7 +209,7 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
       if (settings.report)
         settings.report->addModel(settings.reportOrder, std::move(*report));
     }
-    return outcome;
+    return ModelResult{outcome, reason};
   };
 
   if (settings.incremental && isUpToDate(source, output, settings.toolTime))
@@ -231,8 +233,9 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
     fs::create_directories(outputDirectory, error);
     if (error)
     {
+      reason = error.message();
       ZR_MSG_FMT(DebugMessagePriority::Error, "", "failed to create path {}: {}", cstdmf::toUtf8(outputDirectory),
-                 error.message());
+                 reason);
       return finish(ModelOutcome::Failed);
     }
   }
@@ -270,6 +273,7 @@ ModelOutcome convertModel(const fs::path& source, const fs::path& output, const 
   std::unique_ptr<MessageRecorder> recorder = cached.record();
   const bool converted = compiler.compile(request, outputText, true, true, true);
   cached.keep(converted, std::move(recorder));
+  reason = compiler.systemReason();
   return finish(converted ? ModelOutcome::Converted : ModelOutcome::Failed);
 }
 

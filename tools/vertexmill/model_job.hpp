@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace vertexmill
@@ -41,13 +42,22 @@ enum class ModelOutcome
   Failed,
 };
 
+// What became of one model.
+struct ModelResult
+{
+  ModelOutcome outcome = ModelOutcome::Failed;
+  // The system's words for the file operation that failed, when one did ("Permission denied");
+  // the model's messages keep the tool's own wording, and this goes beside them.
+  std::string reason;
+};
+
 // Converts source into output, logging the used-files pair (INFO) and every failure. A model
 // that is written although its conversion logged an ERROR (a companion that cannot be read) is
 // "converted-with-errors" in its statistics. Touches
 // nothing shared but the read-only registries and the logger, so several models may be
 // converted at once. Failed when the output directory could not be created or the compiler
 // wrote nothing.
-[[nodiscard]] ModelOutcome convertModel(const std::filesystem::path& source, const std::filesystem::path& output,
+[[nodiscard]] ModelResult convertModel(const std::filesystem::path& source, const std::filesystem::path& output,
                                         const ModelSettings& settings);
 
 // True when output is a file written after the source, each of its companion files and the tool

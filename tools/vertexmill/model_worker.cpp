@@ -31,13 +31,6 @@
 #include <system_error>
 #include <thread>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define VERTEXMILL_ADDRESS_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VERTEXMILL_ADDRESS_SANITIZER 1
-#endif
-#endif
 
 namespace vertexmill
 {
@@ -48,6 +41,7 @@ namespace
 // Frames on the child's standard output:
 //   "M<level> <length>\n<text>"  a message, in the order logged
 //   "R <length>\n<json>"         the model's report entry
+//   "S <length>\n<text>"         the system's words for a file operation that failed
 //   "O <outcome>\n"              0 converted, 1 up to date, 2 failed
 constexpr int kOutcomeCodes[] = {0, 1, 2};
 
@@ -122,6 +116,7 @@ struct ChildOutput
 {
   std::optional<ModelOutcome> outcome;
   std::optional<ModelReport> report;
+  std::string reason;
 };
 
 void appendRecord(ModelLog& log, int level, std::string_view text, const std::function<bool(int)>& keep)
@@ -151,7 +146,7 @@ ChildOutput readFrames(std::string_view data, ModelLog& log, const std::function
       continue;
     }
     const size_t space = header.find(' ');
-    if (space == std::string_view::npos || (header[0] != 'M' && header[0] != 'R'))
+    if (space == std::string_view::npos || (header[0] != 'M' && header[0] != 'R' && header[0] != 'S'))
       break;
     int level = 0;
     size_t length = 0;
@@ -167,6 +162,8 @@ ChildOutput readFrames(std::string_view data, ModelLog& log, const std::function
     data.remove_prefix(length);
     if (header[0] == 'M')
       appendRecord(log, level, body, keep);
+    else if (header[0] == 'S')
+      result.reason = body;
     else
     {
       ModelReport report;
@@ -210,13 +207,11 @@ WorkerLimits defaultWorkerLimits()
 {
   WorkerLimits limits;
   limits.timeoutSeconds = 600;
-#if !defined(VERTEXMILL_ADDRESS_SANITIZER)
-  limits.memoryBytes = 4ull << 30;
-#endif
+  limits.memoryBytes = platform::kDefaultChildMemoryBytes;
   return limits;
 }
 
-ModelOutcome convertModelInWorker(const std::string& program, const fs::path& source, const fs::path& output, const ModelSettings& settings,
+ModelResult convertModelInWorker(const std::string& program, const fs::path& source, const fs::path& output, const ModelSettings& settings,
                                   const WorkerLimits& limits, ModelLog& log, const std::function<bool(int)>& keep)
 {
   const auto started = std::chrono::steady_clock::now();
@@ -291,7 +286,7 @@ ModelOutcome convertModelInWorker(const std::string& program, const fs::path& so
     if (run.started)
       removeChildTemporaries(output, run.processId);
   }
-  const ModelOutcome outcome = normalEnd ? *child.outcome : ModelOutcome::Failed;
+  const ModelResult result{normalEnd ? *child.outcome : ModelOutcome::Failed, child.reason};
 
   if (settings.report || settings.stats)
   {
@@ -314,7 +309,7 @@ ModelOutcome convertModelInWorker(const std::string& program, const fs::path& so
     if (settings.report)
       settings.report->addModel(settings.reportOrder, std::move(report));
   }
-  return outcome;
+  return result;
 }
 
 int runModelWorker(const std::vector<std::string>& arguments)
@@ -366,18 +361,23 @@ int runModelWorker(const std::vector<std::string>& arguments)
   }
 
   commitTestFault(source);
-  const ModelOutcome outcome = convertModel(source, output, settings);
+  const ModelResult result = convertModel(source, output, settings);
   for (const ModelReport& model : report.takeModels())
   {
     const std::string json = modelReportToJson(model);
     std::fprintf(stdout, "R %zu\n", json.size());
     std::fwrite(json.data(), 1, json.size(), stdout);
   }
-  std::fprintf(stdout, "O %d\n", static_cast<int>(outcome));
+  if (!result.reason.empty())
+  {
+    std::fprintf(stdout, "S %zu\n", result.reason.size());
+    std::fwrite(result.reason.data(), 1, result.reason.size(), stdout);
+  }
+  std::fprintf(stdout, "O %d\n", static_cast<int>(result.outcome));
   std::fflush(stdout);
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();
-  return outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
+  return result.outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
 }
 
 } // namespace vertexmill

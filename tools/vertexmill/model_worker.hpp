@@ -34,7 +34,7 @@ WorkerLimits defaultWorkerLimits();
 // Converts one model in a child process (`program`: the tool's executable) and fills `log` with its messages (each kept when `keep`
 // says its level would be shown). A child that ended abnormally is the model's failure, with an
 // ERROR naming the model; the temporary files it left beside the output are removed.
-[[nodiscard]] ModelOutcome convertModelInWorker(const std::string& program, const std::filesystem::path& source,
+[[nodiscard]] ModelResult convertModelInWorker(const std::string& program, const std::filesystem::path& source,
                                                 const std::filesystem::path& output, const ModelSettings& settings,
                                                 const WorkerLimits& limits, ModelLog& log,
                                                 const std::function<bool(int level)>& keep);

@@ -142,6 +142,8 @@ ordered_json modelJson(const ModelReport& model)
   // Only with a cache: "hit" (the output came from it) or "miss".
   if (!model.cache.empty())
     result["cache"] = model.cache;
+  if (!model.reason.empty())
+    result["reason"] = model.reason;
   return result;
 }
 } // namespace
@@ -177,9 +179,23 @@ ModelTotals modelTotals(const CompileStatistics& statistics)
 std::string statsLine(const ModelReport& model)
 {
   const ModelTotals totals = totalsOf(model);
-  return fmt::format("stats: {}: {} triangles={} vertices={} bytes_in={} bytes_out={} acmr={:.3f} seconds={:.3f}",
-                     model.source, model.status, totals.triangles, totals.vertices, totals.inputBytes,
-                     totals.outputBytes, totals.acmr, model.seconds);
+  std::string line =
+    fmt::format("stats: {}: {} triangles={} vertices={} bytes_in={} bytes_out={} acmr={:.3f} seconds={:.3f}",
+                model.source, model.status, totals.triangles, totals.vertices, totals.inputBytes, totals.outputBytes,
+                totals.acmr, model.seconds);
+  // Last, quoted: the one field with blanks in it.
+  if (!model.reason.empty())
+  {
+    std::string quoted;
+    for (const char c : model.reason)
+    {
+      if (c == '"' || c == '\\')
+        quoted += '\\';
+      quoted += c;
+    }
+    line += " reason=\"" + quoted + "\"";
+  }
+  return line;
 }
 
 std::string modelReportToJson(const ModelReport& model)
@@ -293,6 +309,7 @@ bool modelReportFromJson(std::string_view text, ModelReport& model)
       model.warnings.push_back(w.get<std::string>() + "\n");
     for (const auto& e : json.at("errors"))
       model.errors.push_back(e.get<std::string>() + "\n");
+    model.reason = json.value("reason", std::string());
   }
   catch (const nlohmann::json::exception&)
   {

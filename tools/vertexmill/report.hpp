@@ -25,6 +25,9 @@ struct ModelReport
   CompileStatistics statistics;
   std::vector<std::string> warnings;
   std::vector<std::string> errors;
+  // The system's words for the file operation that failed ("No space left on device"), when
+  // one did; the errors keep the tool's own wording.
+  std::string reason;
   // An up-to-date model's figures read back from its existing output: the buffers, companions and
   // output size are in `statistics`, the render sets are not (their names and cache figures are
   // not in the file), so its vertex and triangle totals are given here.

@@ -6,11 +6,13 @@
 #include "cstdmf/path_utils.hpp"
 #include "exit_status.hpp"
 #include "progress_line.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <algorithm>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -30,6 +32,7 @@ struct Failure
 {
   std::string source;
   std::string firstError;
+  std::string reason;
 };
 
 class TreeRun
@@ -49,12 +52,12 @@ private:
   {
     bool started = false;
     bool done = false;
-    ModelOutcome outcome = ModelOutcome::Failed;
+    ModelResult result;
     std::unique_ptr<ModelLog> log;
   };
 
-  ModelOutcome convert(size_t index, unsigned compilerJobs, ModelLog& log) const;
-  void publish(size_t index, ModelOutcome outcome, ModelLog& log);
+  ModelResult convert(size_t index, unsigned compilerJobs, ModelLog& log) const;
+  void publish(size_t index, const ModelResult& result, ModelLog& log);
   void runInOrder();
   void runConcurrently(unsigned workers);
   void workerLoop();
@@ -117,7 +120,7 @@ std::string TreeRun::currentName(size_t index) const
   return index < m_models.sources.size() ? cstdmf::toUtf8(m_models.sources[index]) : std::string();
 }
 
-ModelOutcome TreeRun::convert(size_t index, unsigned compilerJobs, ModelLog& log) const
+ModelResult TreeRun::convert(size_t index, unsigned compilerJobs, ModelLog& log) const
 {
   ModelSettings settings = m_options.model;
   settings.compilerJobs = compilerJobs;
@@ -131,11 +134,11 @@ ModelOutcome TreeRun::convert(size_t index, unsigned compilerJobs, ModelLog& log
   return convertModel(m_models.sources[index], m_models.outputFor(index), settings);
 }
 
-void TreeRun::publish(size_t index, ModelOutcome outcome, ModelLog& log)
+void TreeRun::publish(size_t index, const ModelResult& result, ModelLog& log)
 {
   m_router.replay(log);
-  if (outcome == ModelOutcome::Failed)
-    m_failures.push_back(Failure{cstdmf::toUtf8(m_models.sources[index]), log.firstError()});
+  if (result.outcome == ModelOutcome::Failed)
+    m_failures.push_back(Failure{cstdmf::toUtf8(m_models.sources[index]), log.firstError(), result.reason});
   else
     ++m_generated;
 }
@@ -147,9 +150,9 @@ void TreeRun::runInOrder()
   {
     m_progress.update(index, count, currentName(index), true);
     ModelLog log(currentName(index));
-    const ModelOutcome outcome = convert(index, compilerJobsFor(index, count, m_options.jobs), log);
-    publish(index, outcome, log);
-    if (outcome == ModelOutcome::Failed && !m_options.keepGoing)
+    const ModelResult result = convert(index, compilerJobsFor(index, count, m_options.jobs), log);
+    publish(index, result, log);
+    if (result.outcome == ModelOutcome::Failed && !m_options.keepGoing)
       return;
   }
 }
@@ -173,15 +176,16 @@ void TreeRun::workerLoop()
         return;
     }
     auto log = std::make_unique<ModelLog>(currentName(index));
-    const ModelOutcome outcome = convert(index, compilerJobs, *log);
+    ModelResult result = convert(index, compilerJobs, *log);
     {
       const std::lock_guard<std::mutex> lock(m_mutex);
       Slot& slot = m_slots[index];
       slot.done = true;
-      slot.outcome = outcome;
+      const bool failed = result.outcome == ModelOutcome::Failed;
+      slot.result = std::move(result);
       slot.log = std::move(log);
       ++m_doneCount;
-      if (outcome == ModelOutcome::Failed && !m_options.keepGoing)
+      if (failed && !m_options.keepGoing)
         m_stop = true;
     }
     m_changed.notify_all();
@@ -222,9 +226,9 @@ void TreeRun::runConcurrently(unsigned workers)
     if (m_slots[index].done)
     {
       std::unique_ptr<ModelLog> log = std::move(m_slots[index].log);
-      const ModelOutcome outcome = m_slots[index].outcome;
+      const ModelResult result = m_slots[index].result;
       lock.unlock();
-      publish(index, outcome, *log);
+      publish(index, result, *log);
       log.reset();
       lock.lock();
       ++m_published;
@@ -273,8 +277,14 @@ int TreeRun::run()
   {
     std::string lines;
     for (const Failure& failure : m_failures)
-      lines += "  " + failure.source + ": " + (failure.firstError.empty() ? "no reason given" : failure.firstError) +
-               "\n";
+    {
+      lines += "  " + failure.source + ": " + (failure.firstError.empty() ? "no reason given" : failure.firstError);
+      // The system's words, when the tool's own do not already end in them.
+      if (!failure.reason.empty() && !failure.firstError.ends_with(failure.reason) &&
+          !failure.firstError.ends_with(failure.reason + "."))
+        lines += " (" + failure.reason + ")";
+      lines += "\n";
+    }
     ZR_MSG_FMT(DebugMessagePriority::Error, "", "{} of {} models failed to convert:\n{}", m_failures.size(), count,
                lines);
   }
@@ -302,6 +312,13 @@ unsigned compilerJobsFor(size_t started, size_t count, unsigned jobs)
 
 int convertModels(const ModelList& models, const TreeRunOptions& options, ConsoleRouter& router)
 {
+  // What runs killed outright left in the folders this one writes to goes first.
+  std::set<fs::path> directories;
+  for (size_t index = 0; index < models.sources.size(); ++index)
+    directories.insert(models.outputFor(index).parent_path());
+  for (const fs::path& directory : directories)
+    (void)fileio::removeStaleTemporaryFiles(cstdmf::toUtf8(directory.empty() ? fs::path(".") : directory));
+
   TreeRun run(models, options, router);
   return run.run();
 }

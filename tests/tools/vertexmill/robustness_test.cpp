@@ -4,6 +4,7 @@
 #include "report.hpp"
 #include "tool_test_support.hpp"
 #include "fatal_exit_status.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -436,6 +437,79 @@ TEST_F(Robustness, WorkersDieWithAKilledRun)
   }
 }
 #endif
+
+// The described messages keep their wording; the system's own reason goes beside them where there
+// is room (the report, --stats, the --keep-going summary), and text from a file never reaches the
+// console as control characters.
+TEST_F(Robustness, MessagesCarryTheSystemsReasonAndNoTerminalControls)
+{
+  // A format name with escape sequences in it: shown as codes, the model named.
+  std::string hostile = validPrimitives({"hull"});
+  const size_t name = hostile.find(std::string("xyznuv\0", 7));
+  ASSERT_NE(name, std::string::npos);
+  hostile.replace(name, 7, "\x1b[2Jx\x1b");
+  writeFile(path("escape/evil.primitives"), hostile);
+  fs::create_directories(path("out"));
+  const RunResult escaped = run({str("escape/evil.primitives"), str("out")});
+  EXPECT_EQ(escaped.status, 3);
+  EXPECT_EQ(escaped.err.find('\x1b'), std::string::npos) << escaped.err;
+  EXPECT_NE(escaped.err.find("\\x1b[2Jx\\x1b"), std::string::npos) << escaped.err;
+  EXPECT_NE(escaped.err.find(str("escape/evil.primitives")), std::string::npos) << escaped.err;
+
+  // A companion larger than a .geometry file can hold is refused by its size, unread (the file is
+  // sparse): the model is written without it, and the reason is in the stats line and the report.
+  writeFile(path("big/crate.primitives"), validPrimitives({"hull"}));
+  writeFile(path("big/crate.collision"), "");
+  fs::resize_file(path("big/crate.collision"), uint64_t{3} << 30);
+  const RunResult big = run({"--stats", "--report", str("report.json"), str("big/crate.primitives"), str("out")});
+  EXPECT_EQ(big.status, 0) << big.err;
+  EXPECT_NE(big.err.find(str("big/crate.collision")), std::string::npos) << big.err;
+  const std::string reason = "the file is 3221225472 bytes; a .geometry file holds at most 2147483647 bytes of one companion";
+  EXPECT_NE(big.err.find(reason), std::string::npos) << big.err;
+  EXPECT_NE(big.out.find("converted-with-errors"), std::string::npos) << big.out;
+  EXPECT_TRUE(endsWith(big.out, " reason=\"" + reason + "\"\n")) << big.out;
+  const nlohmann::json report = nlohmann::json::parse(readFile(path("report.json")));
+  EXPECT_EQ(report["models"][0].value("reason", ""), reason);
+  EXPECT_TRUE(fs::is_regular_file(path("out/crate.geometry")));
+
+#ifndef _WIN32
+  // A model that cannot be opened: the fixed line, and the system's words in the summary.
+  writeFile(path("locked/a.primitives"), validPrimitives({"hull"}));
+  fs::permissions(path("locked/a.primitives"), fs::perms::none);
+  const std::string tool = toolThatCannotReadLockedFiles(path("locked/a.primitives"));
+  if (!tool.empty())
+  {
+    fs::create_directories(path("lockedout"));
+    fs::permissions(path("lockedout"), fs::perms::all);
+    const RunResult locked = run({"--keep-going", "--tree", str("locked"), str("lockedout")}, {}, tool);
+    EXPECT_EQ(locked.status, 3);
+    EXPECT_NE(locked.err.find("failed to open.\n"), std::string::npos) << locked.err;
+    EXPECT_NE(locked.err.find("failed to open. (" + osMessage(std::errc::permission_denied) + ")\n"),
+              std::string::npos)
+      << locked.err;
+  }
+  fs::permissions(path("locked/a.primitives"), fs::perms::owner_all);
+#endif
+}
+
+// What a run killed outright left beside its outputs is removed by the next run that writes there;
+// another machine's write that may still be in flight is not.
+TEST_F(Robustness, LeftoversOfKilledRunsAreRemovedByTheNextRun)
+{
+  writeGoodModels("tree");
+  unsigned long ended = 999999;
+  while (platform::processIsRunning(ended))
+    ++ended;
+  const fs::path stale = path("out/tree/sub/" + fileio::temporaryFileName(ended, 4));
+  const fs::path foreign = path("out/.vm" + std::to_string(ended) + "-2-0badf00d.tmp");
+  writeFile(stale, std::string(4096, 'x'));
+  writeFile(foreign, std::string(4096, 'x'));
+  const RunResult result = run({"--tree", str("tree"), str("out")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_FALSE(fs::exists(stale));
+  EXPECT_TRUE(fs::exists(foreign));
+  EXPECT_TRUE(fs::is_regular_file(path("out/tree/sub/b.geometry")));
+}
 
 TEST_F(Robustness, UpToDateModelsCountInTheReportTotals)
 {

@@ -16,6 +16,7 @@ struct StatsLine
   std::string source;
   std::string status;
   std::map<std::string, std::string> figures;
+  std::string reason; // as written, quotes and backslashes escaped
 };
 
 // The "stats: " lines of standard output; everything else (the used-files list) is skipped.
@@ -28,6 +29,12 @@ std::vector<StatsLine> statsLines(const std::string& out)
     if (line.rfind("stats: ", 0) != 0)
       continue;
     StatsLine parsed;
+    // The reason comes last and may hold anything but an unescaped quote.
+    if (const size_t reason = line.find(" reason=\""); reason != std::string::npos)
+    {
+      parsed.reason = line.substr(reason + 9, line.size() - reason - 10);
+      line.resize(reason);
+    }
     const size_t sourceEnd = line.rfind(": ");
     parsed.source = line.substr(7, sourceEnd - 7);
     std::istringstream fields(line.substr(sourceEnd + 2));
@@ -138,10 +145,17 @@ TEST_F(VertexmillTool, AModelThatLoggedAnErrorIsMarkedAndStrictFailsIt)
   const RunResult marked = run({"--stats", "--keep-going", "-j2", "--report", str("report.json"), "--report-html",
                                 str("report.html"), "--tree", str("art"), str("out")});
   EXPECT_EQ(marked.status, 0) << marked.err;
-  std::map<std::string, std::string> statuses;
+  std::map<std::string, std::string> statuses, reasons;
   for (const StatsLine& line : statsLines(marked.out))
+  {
     statuses[line.source] = line.status;
+    reasons[line.source] = line.reason;
+  }
   EXPECT_EQ(statuses[str("art/ship.primitives")], "converted-with-errors");
+  // The system's words for the companion, beside the tool's own message.
+  EXPECT_NE(reasons[str("art/ship.primitives")].find(osMessage(std::errc::is_a_directory)), std::string::npos)
+    << marked.out;
+  EXPECT_EQ(reasons[str("art/boat.primitives")], "");
   EXPECT_EQ(statuses[str("art/boat.primitives")], "converted");
   const auto report = nlohmann::json::parse(readFile(path("report.json")));
   EXPECT_EQ(report["schemaVersion"], 2);
@@ -150,6 +164,7 @@ TEST_F(VertexmillTool, AModelThatLoggedAnErrorIsMarkedAndStrictFailsIt)
   const std::string page = readFile(path("report.html"));
   EXPECT_NE(page.find("<h2>Converted with errors (1)</h2>"), std::string::npos);
   EXPECT_NE(page.find("\"converted with errors\""), std::string::npos);
+  EXPECT_NE(page.find("<li>the system said: "), std::string::npos);
   EXPECT_TRUE(fs::exists(path("out/art/ship.geometry")));
 
   // --strict: the model fails, its earlier output stays as it was, nothing of it is cached, and

@@ -36,6 +36,8 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "the failed ones\n"
     "      --time-limit <S>           with --keep-going, a model still converting after S seconds fails "
     "(default 600)\n"
+    "      --memory-limit <MIB>       with --keep-going, the memory a model's conversion may use, in MiB "
+    "(default 4096; 0: none)\n"
     "      --incremental              skip models whose .geometry file is newer than their sources and "
     "the tool\n"
     "      --strict                   a model whose conversion logs any error fails: no file is written "
