@@ -12,7 +12,8 @@ static_assert(std::endian::native == std::endian::little);
 namespace
 {
 constexpr char kMagic[4] = {'V', 'M', 'C', 'E'};
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
+constexpr uint32_t kOldestVersion = 1; // without figures
 constexpr size_t kHeaderSize = 4 + 4 + 32 + 8;
 constexpr size_t kChecksumSize = 32;
 
@@ -56,6 +57,7 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry)
     appendString(body, message.category);
     appendString(body, message.text);
   }
+  appendString(body, entry.figures);
   append<uint64_t>(body, entry.output.size());
   body += entry.output;
 
@@ -89,7 +91,8 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
     problem = "not a cache entry";
     return false;
   }
-  if (header.read<uint32_t>() != kVersion)
+  const uint32_t version = header.read<uint32_t>();
+  if (version < kOldestVersion || version > kVersion)
   {
     problem = "unknown layout version";
     return false;
@@ -137,6 +140,11 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
       problem = "malformed message list";
       return false;
     }
+  }
+  if (version >= 2 && !readString(body, entry.figures))
+  {
+    problem = "malformed figures";
+    return false;
   }
   const uint64_t storedOutputSize = body.read<uint64_t>();
   if (!body.ok() || storedOutputSize != body.remaining())

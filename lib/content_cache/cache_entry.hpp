@@ -1,14 +1,16 @@
 #pragma once
-// One cached result: the output file's bytes and the messages its conversion logged, and the
-// file layout that carries them (in the local folder and as remote content alike).
+// One cached result: the output file's bytes, the messages its conversion logged and the figures
+// it measured, and the file layout that carries them (in the local folder and as remote content
+// alike).
 //
 // Layout, little-endian:
 //   "VMCE"   4 bytes magic
-//   u32      layout version (1)
+//   u32      layout version (2; 1 is read too: it has no figures)
 //   32 bytes the key the entry was stored under
 //   u64      body size
 //   body:    u32 message count, then per message u32 priority, u32 category size, category,
-//            u32 text size, text; then u64 output size and the output bytes
+//            u32 text size, text; then (version 2) u32 figures size and the figures; then u64
+//            output size and the output bytes
 //   32 bytes SHA-256 of everything before it
 // A reader checks the magic, the version, the key, every size against what is left, that nothing
 // trails the body, and the checksum; any mismatch makes the entry corrupt, never a partial result.
@@ -35,6 +37,9 @@ struct CachedMessage
 struct CacheEntry
 {
   std::vector<CachedMessage> messages;
+  // What the conversion measured, in the caller's own form (opaque here); empty when nothing was
+  // measured.
+  std::string figures;
   std::string output;
 
   bool operator==(const CacheEntry&) const = default;

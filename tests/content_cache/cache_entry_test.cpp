@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 using namespace content_cache;
 
 namespace
@@ -16,6 +18,7 @@ CacheEntry sampleEntry()
 {
   CacheEntry entry;
   entry.messages = {{4, "Other", "GeometryCompiler::packLOD found a section ... '\x01S'\n"}, {2, "", "note\n"}};
+  entry.figures = R"({"renderSets":[]})";
   entry.output = std::string("\0\1\2geometry bytes\xff", 18);
   return entry;
 }
@@ -72,6 +75,30 @@ TEST(CacheEntry, RoundTripAndEveryDamageRefused)
   const std::string empty = encodeEntry(key, CacheEntry{});
   ASSERT_TRUE(decodeEntry(empty, key, decoded, problem));
   EXPECT_EQ(decoded, CacheEntry{});
+}
+
+// An entry of an earlier layout (version 1: no figures) in a shared cache is still a result.
+TEST(CacheEntry, AnEntryWithoutFiguresIsReadToo)
+{
+  const Digest key = keyOf("model");
+  CacheEntry entry = sampleEntry();
+  entry.figures.clear();
+  // Version 1 is version 2 without the figures' size field (4 zero bytes after the messages).
+  std::string bytes = encodeEntry(key, entry);
+  bytes.resize(bytes.size() - 32);
+  bytes[4] = 1;
+  const size_t figuresAt = bytes.size() - entry.output.size() - 8 - 4;
+  ASSERT_EQ(bytes.substr(figuresAt, 4), std::string(4, '\0'));
+  bytes.erase(figuresAt, 4);
+  const uint64_t bodySize = bytes.size() - 48;
+  std::memcpy(bytes.data() + 40, &bodySize, 8);
+  const Digest checksum = sha256(bytes);
+  bytes.append(reinterpret_cast<const char*>(checksum.data()), checksum.size());
+
+  CacheEntry decoded;
+  std::string problem;
+  ASSERT_TRUE(decodeEntry(bytes, key, decoded, problem)) << problem;
+  EXPECT_EQ(decoded, entry);
 }
 
 TEST(RemoteRecord, RoundTripAndDamage)

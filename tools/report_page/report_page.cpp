@@ -171,6 +171,7 @@ constexpr Column kColumns[] = {
   {"fetch after", "", true, 3},
   {"seconds", "conversion time", true, 3},
   {"warnings", "", true, -1},
+  {"cache", "with a cache: hit (the output and its figures came from it) or miss", false, -1},
 };
 enum ColumnIndex
 {
@@ -183,7 +184,7 @@ enum ColumnIndex
   kStoredBytes,
   kOutputBytes,
   kRatio,
-  kColumnCount = 17,
+  kColumnCount = 18,
 };
 static_assert(std::size(kColumns) == kColumnCount);
 
@@ -280,7 +281,8 @@ std::string buildPage(const json& report, const PreviewSource& previews)
                             weighted(model, "before", "acmr"), weighted(model, "after", "acmr"),
                             weighted(model, "before", "overdraw"), weighted(model, "after", "overdraw"),
                             weighted(model, "before", "overfetch"), weighted(model, "after", "overfetch"),
-                            numberOrNull(model, "seconds"), array(model, "warnings").size()});
+                            numberOrNull(model, "seconds"), array(model, "warnings").size(),
+                            string(model, "cache")});
     rows.push_back(std::move(row));
 
     json modelSets = json::array();
@@ -343,7 +345,7 @@ std::string buildPage(const json& report, const PreviewSource& previews)
                      {"outputColumn", kOutput},
                      {"statusColumn", kStatus},
                      {"trianglesColumn", kTriangles},
-                     {"warningsColumn", kColumnCount - 1}};
+                     {"warningsColumn", kColumnCount - 2}};
 
   const json& totals = report.is_object() && report.contains("totals") ? report["totals"] : json();
   const json& tool = report.is_object() && report.contains("tool") ? report["tool"] : json();

@@ -3,6 +3,7 @@
 #include "content_cache/file_io.hpp"
 #include "resmgr/file_io.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "report.hpp"
 #include "vertexmill_build_id.hpp"
 
 #include <meshoptimizer.h>
@@ -254,7 +255,29 @@ CachedConversion::CachedConversion(ModelCache* cache, const GeometryCompiler::Re
 {
 }
 
-bool CachedConversion::replay(bool withoutErrors)
+namespace
+{
+// A result's figures as the cache keeps them: how much was measured, and the statistics in the
+// report's own form.
+std::string encodeFigures(const CompileStatistics& statistics, CachedConversion::Figures measured)
+{
+  ModelReport model;
+  model.statistics = statistics;
+  return std::to_string(static_cast<int>(measured)) + "\n" + modelReportToJson(model);
+}
+
+CachedConversion::Figures decodeFigures(std::string_view text, CompileStatistics& statistics)
+{
+  const size_t lineEnd = text.find('\n');
+  ModelReport model;
+  if (lineEnd != 1 || text[0] < '1' || text[0] > '2' || !modelReportFromJson(text.substr(2), model))
+    return CachedConversion::Figures::None;
+  statistics = std::move(model.statistics);
+  return static_cast<CachedConversion::Figures>(text[0] - '0');
+}
+} // namespace
+
+bool CachedConversion::replay(bool withoutErrors, Figures wanted)
 {
   if (!m_cache)
     return false;
@@ -268,6 +291,15 @@ bool CachedConversion::replay(bool withoutErrors)
         return message.priority >= static_cast<int32_t>(DebugMessagePriority::Error);
       }))
     return false;
+  if (wanted != Figures::None && decodeFigures(entry->figures, m_figures) < wanted)
+    return false;
+  // What this run did not ask for is not reported, as a conversion would not have measured it.
+  if (wanted == Figures::Statistics)
+    for (CompileStatistics::RenderSet& set : m_figures.renderSets)
+    {
+      set.before.overdraw.reset();
+      set.after.overdraw.reset();
+    }
   // Written whole or not at all, and by the compiler's own writer, so that its temporary file is
   // removed with the run's others when the run is stopped. When it cannot be written, the
   // conversion runs and reports the failure in its own words.
@@ -285,12 +317,15 @@ std::unique_ptr<MessageRecorder> CachedConversion::record()
   return std::make_unique<MessageRecorder>(m_request.primitivesPath);
 }
 
-void CachedConversion::keep(bool converted, std::unique_ptr<MessageRecorder> recorder)
+void CachedConversion::keep(bool converted, std::unique_ptr<MessageRecorder> recorder,
+                            const CompileStatistics* statistics, Figures measured)
 {
   if (!m_cache || !m_key || !recorder || !converted)
     return;
   CacheEntry entry;
   entry.messages = recorder->take();
+  if (statistics && measured != Figures::None)
+    entry.figures = encodeFigures(*statistics, measured);
   recorder.reset();
   std::string problem;
   // An input that changed while it was converted may not match the key: nothing is kept.

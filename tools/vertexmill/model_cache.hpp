@@ -122,22 +122,36 @@ void replayMessages(const std::vector<content_cache::CachedMessage>& messages, c
 //   CachedConversion cached(cache, request, outputText);
 //   if (cached.replay()) -> the output is written and its messages logged: done
 //   { auto recording = cached.record(); compile(...); }
-//   cached.keep(converted);
+//   cached.keep(converted, recording, statistics);
 // Without a cache every step does nothing.
 class CachedConversion
 {
 public:
   CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request, std::string outputText);
 
+  // How much of the conversion's figures a result must carry to be used: none, the statistics,
+  // or the statistics with overdraw (--report-overdraw). A result kept without them is converted
+  // again, and kept again with them.
+  enum class Figures
+  {
+    None,
+    Statistics,
+    WithOverdraw,
+  };
+
   // True when the result came from the cache and the output file is written. With
   // `withoutErrors` a result whose conversion logged an ERROR is not used.
-  [[nodiscard]] bool replay(bool withoutErrors = false);
+  [[nodiscard]] bool replay(bool withoutErrors = false, Figures wanted = Figures::None);
+  // After a replay that wanted figures: the ones the conversion measured.
+  const CompileStatistics& figures() const { return m_figures; }
   // The size of the output a replay wrote.
   uint64_t replayedBytes() const { return m_replayedBytes; }
   // Records the conversion's messages while the returned object lives (null without a cache).
   std::unique_ptr<MessageRecorder> record();
-  // Keeps a successful conversion's output and messages (taken from the recorder).
-  void keep(bool converted, std::unique_ptr<MessageRecorder> recorder);
+  // Keeps a successful conversion's output and messages (taken from the recorder), and its
+  // figures when it measured them (`measured` says how much of them).
+  void keep(bool converted, std::unique_ptr<MessageRecorder> recorder, const CompileStatistics* statistics = nullptr,
+            Figures measured = Figures::None);
 
 private:
   ModelCache* m_cache;
@@ -146,6 +160,7 @@ private:
   std::optional<content_cache::Digest> m_key;
   std::vector<InputStamp> m_stamps;
   uint64_t m_replayedBytes = 0;
+  CompileStatistics m_figures;
 };
 
 } // namespace vertexmill

@@ -241,25 +241,31 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
   }
 
   CachedConversion cached(settings.cache, request, outputText);
+  // A hit reports the figures its conversion measured; a kept result without them (an older
+  // entry, or one without the overdraw asked for) is converted again, and kept again with them.
+  using Figures = CachedConversion::Figures;
+  const Figures figures = !report ? Figures::None : settings.reportOverdraw ? Figures::WithOverdraw : Figures::Statistics;
   // Under --strict a kept conversion that logged an ERROR is converted again, and fails.
-  if (cached.replay(settings.strict))
+  if (cached.replay(settings.strict, figures))
   {
     if (report)
     {
-      // A hit's figures are those of the output it wrote, read back like an up-to-date model's.
-      (void)readBackStatistics(output, *report);
+      report->statistics = cached.figures();
       report->cache = "hit";
-      report->statistics.outputBytes = cached.replayedBytes();
     }
     return finish(ModelOutcome::Converted);
   }
   if (report && settings.cache)
     report->cache = "miss";
 
+  // A result the cache keeps carries its figures (but the costly overdraw only when asked for),
+  // so that a later run that wants them can take it.
+  CompileStatistics figuresForTheCache;
+  CompileStatistics* statistics = report ? &report->statistics : settings.cache ? &figuresForTheCache : nullptr;
+  const Figures measured = statistics == nullptr ? Figures::None : std::max(figures, Figures::Statistics);
   GeometryCompiler compiler;
   compiler.setJobs(settings.compilerJobs);
-  if (report)
-    compiler.setStatistics(&report->statistics);
+  compiler.setStatistics(statistics);
   compiler.setOverdrawAnalysis(settings.reportOverdraw);
   if (settings.strict)
     compiler.setWriteApproval([&] {
@@ -272,7 +278,7 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     });
   std::unique_ptr<MessageRecorder> recorder = cached.record();
   const bool converted = compiler.compile(request, outputText, true, true, true);
-  cached.keep(converted, std::move(recorder));
+  cached.keep(converted, std::move(recorder), statistics, measured);
   reason = compiler.systemReason();
   return finish(converted ? ModelOutcome::Converted : ModelOutcome::Failed);
 }

@@ -183,6 +183,8 @@ std::string statsLine(const ModelReport& model)
     fmt::format("stats: {}: {} triangles={} vertices={} bytes_in={} bytes_out={} acmr={:.3f} seconds={:.3f}",
                 model.source, model.status, totals.triangles, totals.vertices, totals.inputBytes, totals.outputBytes,
                 totals.acmr, model.seconds);
+  if (!model.cache.empty())
+    line += " cache=" + model.cache;
   // Last, quoted: the one field with blanks in it.
   if (!model.reason.empty())
   {
@@ -310,6 +312,7 @@ bool modelReportFromJson(std::string_view text, ModelReport& model)
     for (const auto& e : json.at("errors"))
       model.errors.push_back(e.get<std::string>() + "\n");
     model.reason = json.value("reason", std::string());
+    model.cache = json.value("cache", std::string());
   }
   catch (const nlohmann::json::exception&)
   {

@@ -564,6 +564,8 @@ TEST(ReportJson, ModelEntryRoundTrips)
   model.statistics.outputBytes = 400;
   model.warnings.push_back("a warning\n");
   model.errors.push_back("an error\n");
+  model.cache = "hit";
+  model.reason = "No space left on device";
   vertexmill::ModelReport back;
   ASSERT_TRUE(vertexmill::modelReportFromJson(vertexmill::modelReportToJson(model), back));
   EXPECT_EQ(vertexmill::modelReportToJson(back), vertexmill::modelReportToJson(model));
