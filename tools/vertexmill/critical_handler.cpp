@@ -27,7 +27,7 @@ std::string ToolCriticalErrorHandler::modelLine(const std::string& source)
   return "CRITICAL: while converting " + toDisplayText(source) + "\n";
 }
 
-void ToolCriticalErrorHandler::handle(const char*, const cstdmf::SourceLocation&)
+void ToolCriticalErrorHandler::handle(const char* text, const cstdmf::SourceLocation& where)
 {
   const std::string model = currentModel();
   if (m_verbosity > 0 && !model.empty())
@@ -36,9 +36,8 @@ void ToolCriticalErrorHandler::handle(const char*, const cstdmf::SourceLocation&
     std::fputs(modelLine(model).c_str(), stderr);
   }
   (void)fileio::removeTemporaryFiles(true);
-  std::fflush(stdout);
-  std::fflush(stderr);
-  platform::exitProcess(-1);
+  // The rest is the default record: the crash report, then the end with status -1.
+  cstdmf::DefaultCriticalErrorHandler().handle(text, where);
 }
 
 } // namespace vertexmill

@@ -68,11 +68,11 @@ private:
 class WorkerCriticalErrorHandler final : public cstdmf::CriticalErrorHandler
 {
 public:
-  void handle(const char*, const cstdmf::SourceLocation&) override
+  void handle(const char* text, const cstdmf::SourceLocation& where) override
   {
     (void)fileio::removeTemporaryFiles(true);
-    std::fflush(stdout);
-    platform::exitProcess(-1);
+    // The crash report names this worker's process id; the run goes on with the other models.
+    cstdmf::DefaultCriticalErrorHandler().handle(text, where);
   }
 };
 

@@ -210,6 +210,21 @@ TEST_F(Robustness, CriticalErrorNamesTheModelAndLeavesNoTemporaryFile)
   EXPECT_EQ(single.status, kFatalExitStatus);
   EXPECT_TRUE(endsWith(single.err, line)) << single.err;
   EXPECT_TRUE(filesBelow(path("single")).empty());
+
+  // Every one of those runs left its crash report, and so does the worker of a run that goes on.
+  EXPECT_EQ(crashReports().size(), 7u);
+  fs::remove_all(path("out"));
+  fs::create_directories(path("out"));
+  const RunResult going = run({"--keep-going", "--tree", str("tree"), str("out")});
+  EXPECT_EQ(going.status, 3) << going.err;
+  const std::vector<fs::path> reports = crashReports();
+  ASSERT_EQ(reports.size(), 8u);
+  for (const fs::path& report : reports)
+  {
+    const std::string text = readFile(report);
+    EXPECT_EQ(text.rfind("vertexmill crash report\n", 0), 0u) << text;
+    EXPECT_NE(text.find("ASSERTION FAILED"), std::string::npos) << text;
+  }
 }
 
 #ifndef _WIN32

@@ -20,6 +20,7 @@
 #include <set>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -164,12 +165,35 @@ protected:
     fs::create_directories(m_root / "io");
     m_work = m_root / "w";
     fs::create_directories(m_work);
+    // The tool's temporary files and crash reports go below the test's own folder; anyone may
+    // write there, as in the system's (a test runs the tool as another user too).
+    fs::create_directories(m_root / "tmp");
+    fs::permissions(m_root / "tmp", fs::perms::all | fs::perms::sticky_bit);
+    for (const char* name : kTemporaryDirectoryVariables)
+    {
+      const char* value = std::getenv(name);
+      m_savedEnvironment.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+      setEnvironment(name, u8(m_root / "tmp"));
+    }
   }
 
   void TearDown() override
   {
+    for (const auto& [name, value] : m_savedEnvironment)
+      setEnvironment(name.c_str(), value);
+    m_savedEnvironment.clear();
     std::error_code error;
     fs::remove_all(m_root, error);
+  }
+
+  // A crash report the tool wrote during the test.
+  std::vector<fs::path> crashReports() const
+  {
+    std::vector<fs::path> reports;
+    for (const auto& entry : fs::directory_iterator(m_root / "tmp"))
+      if (cstdmf::toUtf8(entry.path().filename()).find("_crash_") != std::string::npos)
+        reports.push_back(entry.path());
+    return reports;
   }
 
   RunResult run(const std::vector<std::string>& args, const fs::path& workingDirectory = {},
@@ -196,6 +220,25 @@ protected:
 
   fs::path m_root;
   fs::path m_work;
+
+private:
+#ifdef _WIN32
+  static constexpr const char* kTemporaryDirectoryVariables[] = {"TMP", "TEMP"};
+#else
+  static constexpr const char* kTemporaryDirectoryVariables[] = {"TMPDIR"};
+#endif
+  static void setEnvironment(const char* name, const std::optional<std::string>& value)
+  {
+#ifdef _WIN32
+    _putenv_s(name, value ? value->c_str() : "");
+#else
+    if (value)
+      setenv(name, value->c_str(), 1);
+    else
+      unsetenv(name);
+#endif
+  }
+  std::vector<std::pair<std::string, std::optional<std::string>>> m_savedEnvironment;
 };
 
 } // namespace vertexmill_test
