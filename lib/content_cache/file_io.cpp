@@ -3,10 +3,8 @@
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <random>
 #include <system_error>
 #include <vector>
 
@@ -96,52 +94,6 @@ bool readWholeFile(const fs::path& path, std::string& bytes, std::string& proble
   if (failed)
   {
     problem = errnoText(EIO);
-    return false;
-  }
-  return true;
-}
-
-std::string uniqueSuffix()
-{
-  static std::atomic<uint32_t> s_counter{0};
-  // Two machines on one share may have the same process id: a random part tells them apart. Kept
-  // short, as the compiler keeps its own temporary names, for deep trees on Windows.
-  static const uint32_t s_random = [] {
-    std::random_device device;
-    return static_cast<uint32_t>(device());
-  }();
-  char text[48];
-  std::snprintf(text, sizeof(text), "%lx-%x-%x", platform::processId(), s_random, s_counter++);
-  return text;
-}
-
-bool writeFileAtomically(const fs::path& path, std::string_view bytes, std::string& problem)
-{
-  fs::path temporary = path;
-  temporary += cstdmf::u8path("." + uniqueSuffix() + ".tmp");
-  errno = 0;
-  std::FILE* file = platform::openFile(cstdmf::toUtf8(temporary), "wb");
-  if (!file)
-  {
-    problem = errnoText(errno != 0 ? errno : EIO);
-    return false;
-  }
-  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-  const int writeError = errno;
-  const bool closed = std::fclose(file) == 0;
-  std::error_code error;
-  if (!written || !closed)
-  {
-    problem = errnoText(writeError != 0 ? writeError : EIO);
-    fs::remove(temporary, error);
-    return false;
-  }
-  fs::rename(temporary, path, error);
-  if (error)
-  {
-    problem = error.message();
-    std::error_code ignored;
-    fs::remove(temporary, ignored);
     return false;
   }
   return true;

@@ -2,9 +2,11 @@
 
 #include "content_cache/file_io.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <algorithm>
 #include <chrono>
+#include <span>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -113,8 +115,13 @@ bool LocalStore::store(const Digest& key, std::string_view encoded, std::string&
     problem = "cannot create '" + cstdmf::toUtf8(path.parent_path()) + "': " + error.message();
     return false;
   }
-  if (!writeFileAtomically(path, encoded, problem))
+  // Whole or not at all; several processes may store one key at once, each through its own
+  // temporary file, and the last rename wins.
+  const fileio::WriteResult written =
+    fileio::writeWholeFile(cstdmf::toUtf8(path), std::as_bytes(std::span<const char>(encoded.data(), encoded.size())));
+  if (!written)
   {
+    problem = written.reason;
     // Another process stored the same key at the same moment (on Windows a rename over a file
     // being read fails): its entry holds the same result.
     if (fs::exists(path, error))

@@ -47,10 +47,11 @@ int terminalWidth(int stream);
 // Opens a file by its UTF-8 path with a C stdio mode ("rb", "wb"); null on failure. Wide
 // characters are used underneath where the system needs them.
 std::FILE* openFile(const std::string& utf8Path, const char* mode);
-// Creates or truncates a file for writing ("wb") that another thread may delete while it is still
-// open: on Windows it is shared for deletion, so that a process ending in the middle of a write
-// can remove it (it is gone once the last handle closes). Null on failure, errno set.
-std::FILE* createDeletableFile(const std::string& utf8Path);
+// Creates a new file for writing ("wb") that another thread may delete while it is still open: on
+// Windows it is shared for deletion, so that a process ending in the middle of a write can remove
+// it (it is gone once the last handle closes). The name must be free: an existing file is never
+// opened (errno EEXIST), so two writers can never share one. Null on failure, errno set.
+std::FILE* createNewDeletableFile(const std::string& utf8Path);
 // Moves the file's position to `offset` bytes from its start, past 2 GiB too. False on failure
 // (errno set).
 bool seekFile(std::FILE* file, uint64_t offset);

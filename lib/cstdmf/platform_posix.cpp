@@ -114,9 +114,20 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode)
   return std::fopen(utf8Path.c_str(), mode);
 }
 
-std::FILE* createDeletableFile(const std::string& utf8Path)
+std::FILE* createNewDeletableFile(const std::string& utf8Path)
 {
-  return std::fopen(utf8Path.c_str(), "wb");
+  const int descriptor = ::open(utf8Path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (descriptor < 0)
+    return nullptr;
+  std::FILE* file = ::fdopen(descriptor, "wb");
+  if (!file)
+  {
+    const int error = errno;
+    ::close(descriptor);
+    ::unlink(utf8Path.c_str());
+    errno = error;
+  }
+  return file;
 }
 
 bool seekFile(std::FILE* file, uint64_t offset)

@@ -236,7 +236,7 @@ std::FILE* openFile(const std::string& utf8Path, const char* mode)
   return ::_wfopen(wide.c_str(), widen(mode).c_str());
 }
 
-std::FILE* createDeletableFile(const std::string& utf8Path)
+std::FILE* createNewDeletableFile(const std::string& utf8Path)
 {
   const std::wstring wide = widen(utf8Path);
   if (wide.empty())
@@ -245,21 +245,28 @@ std::FILE* createDeletableFile(const std::string& utf8Path)
     return nullptr;
   }
   const HANDLE handle = ::CreateFileW(wide.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+                                      CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE)
   {
-    errno = ::GetLastError() == ERROR_ACCESS_DENIED ? EACCES : ENOENT;
+    const DWORD error = ::GetLastError();
+    errno = error == ERROR_FILE_EXISTS || error == ERROR_ALREADY_EXISTS ? EEXIST
+            : error == ERROR_ACCESS_DENIED                              ? EACCES
+                                                                        : ENOENT;
     return nullptr;
   }
   const int descriptor = ::_open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_WRONLY | _O_BINARY);
   if (descriptor == -1)
   {
     ::CloseHandle(handle);
+    ::DeleteFileW(wide.c_str());
     return nullptr;
   }
   std::FILE* file = ::_fdopen(descriptor, "wb");
   if (!file)
+  {
     ::_close(descriptor);
+    ::DeleteFileW(wide.c_str());
+  }
   return file;
 }
 

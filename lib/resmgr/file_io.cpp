@@ -50,9 +50,13 @@ std::FILE* createRegistered(const std::filesystem::path& path)
     std::this_thread::sleep_for(std::chrono::seconds(1));
     lock.lock();
   }
-  r.paths.push_back(path);
-  // Deletable while open: a fatal end on another thread removes it in the middle of a write.
-  return platform::createDeletableFile(cstdmf::toUtf8(path));
+  // Deletable while open: a fatal end on another thread removes it in the middle of a write. A
+  // name already taken is someone else's file (another machine with the same process id on a
+  // shared folder): it is neither opened nor registered.
+  std::FILE* file = platform::createNewDeletableFile(cstdmf::toUtf8(path));
+  if (file)
+    r.paths.push_back(path);
+  return file;
 }
 
 void unregisterTemporary(const std::filesystem::path& path)
@@ -237,9 +241,8 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
   static std::atomic<unsigned> s_writeCounter{0};
   const std::filesystem::path target = cstdmf::u8path(utf8Path);
   // Beside the target, so that the rename stays within one file system; unique per process and
-  // per write.
-  const std::filesystem::path temporary =
-    target.parent_path() / cstdmf::u8path(temporaryFileName(platform::processId(), s_writeCounter.fetch_add(1)));
+  // per write, and created only when the name is free.
+  std::filesystem::path temporary;
 
   WriteResult result;
   const auto discard = [&](WriteStatus status, std::string reason) {
@@ -255,10 +258,23 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
   const auto systemReason = [](int code, const char* fallback) {
     return code != 0 ? std::generic_category().message(code) : std::string(fallback);
   };
-  errno = 0;
-  std::FILE* file = createRegistered(temporary);
+  std::FILE* file = nullptr;
+  for (int attempt = 0; attempt < 256 && !file; ++attempt)
+  {
+    temporary =
+      target.parent_path() / cstdmf::u8path(temporaryFileName(platform::processId(), s_writeCounter.fetch_add(1)));
+    errno = 0;
+    file = createRegistered(temporary);
+    if (!file && errno != EEXIST)
+      break;
+  }
   if (!file)
-    return discard(WriteStatus::CannotCreate, systemReason(errno, "cannot create a file beside it"));
+  {
+    // Nothing was created: nothing to remove.
+    result.status = WriteStatus::CannotCreate;
+    result.reason = systemReason(errno, "cannot create a file beside it");
+    return result;
+  }
   const size_t written = bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), file);
   const int writeError = written != bytes.size() ? errno : 0;
   errno = 0;
@@ -295,6 +311,33 @@ size_t removeTemporaryFiles(bool processEnding)
   }
   r.paths.clear();
   return removed;
+}
+
+std::string creationProblem(const std::string& utf8Path)
+{
+  // Written through a temporary file of its own, as the write will be; names taken by others are
+  // skipped, never opened.
+  static std::atomic<unsigned> s_probeCounter{0};
+  const std::filesystem::path target = cstdmf::u8path(utf8Path);
+  for (int attempt = 0; attempt < 256; ++attempt)
+  {
+    const std::filesystem::path probe =
+      target.parent_path() /
+      cstdmf::u8path(temporaryFileName(platform::processId(), 0x80000000u | s_probeCounter.fetch_add(1)));
+    errno = 0;
+    std::FILE* file = createRegistered(probe);
+    if (file)
+    {
+      std::fclose(file);
+      std::error_code ignored;
+      std::filesystem::remove(probe, ignored);
+      unregisterTemporary(probe);
+      return {};
+    }
+    if (errno != EEXIST)
+      return std::generic_category().message(errno != 0 ? errno : EACCES);
+  }
+  return std::generic_category().message(EEXIST);
 }
 
 std::string temporaryFileName(unsigned long processId, unsigned serial)

@@ -106,6 +106,11 @@ struct WriteResult
 // moments) no write may create a temporary file afterwards: such a write waits for the end.
 size_t removeTemporaryFiles(bool processEnding = false);
 
+// Whether a file written to utf8Path could be created: a new temporary file (never an existing
+// one) is created beside it and removed again. Empty when it could, else the system's reason.
+// Logs nothing.
+[[nodiscard]] std::string creationProblem(const std::string& utf8Path);
+
 // The name of the temporary file of write number `serial` of process `processId` of this machine.
 std::string temporaryFileName(unsigned long processId, unsigned serial);
 

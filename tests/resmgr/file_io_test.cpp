@@ -142,6 +142,22 @@ TEST(FileIo, FailedWriteKeepsTheTargetAndRemovesItsTemporaryFile)
   EXPECT_EQ(fileio::removeTemporaryFiles(), 0u);
 }
 
+// A temporary name already taken (another machine with this process id, writing into a shared
+// folder) is skipped: that file is neither written nor removed.
+TEST(FileIo, TakenTemporaryNamesAreLeftAlone)
+{
+  TempDirectory dir;
+  for (unsigned serial = 0; serial < 24; ++serial)
+    put(dir.file(fileio::temporaryFileName(platform::processId(), serial)), "theirs");
+  for (int write = 0; write < 24; ++write)
+    ASSERT_TRUE(fileio::writeWholeFile(dir.file("out.bin"), bytesOf("ours"))) << write;
+  EXPECT_EQ(textOf(fileio::readWholeFile(dir.file("out.bin"), "Test")), "ours");
+  for (unsigned serial = 0; serial < 24; ++serial)
+    EXPECT_EQ(textOf(fileio::readWholeFile(dir.file(fileio::temporaryFileName(platform::processId(), serial)), "Test")),
+              "theirs");
+  EXPECT_EQ(fileio::removeTemporaryFiles(), 0u);
+}
+
 // What a process killed outright left: its own machine's files once the process is gone, another
 // machine's (or an earlier version's) only after an hour untouched, since a write may still be
 // in flight there on a shared folder. Nothing else in the folder is touched.

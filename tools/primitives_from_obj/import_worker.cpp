@@ -33,8 +33,9 @@ std::string trimmed(std::string text)
   return text;
 }
 
-// The three temporary files of one child, in the system's temporary directory, removed on
-// destruction.
+// The three files of one child, in a folder of its own in the system's temporary directory,
+// removed with everything in it on destruction: a worker killed while writing its result leaves
+// that write's temporary file there too.
 class WorkerFiles
 {
 public:
@@ -42,21 +43,18 @@ public:
   {
     static std::atomic<unsigned> counter{0};
     std::error_code ec;
-    const std::filesystem::path directory = std::filesystem::temp_directory_path(ec);
-    const std::string stem =
-      fmt::format("primitives_import_{}_{}", platform::processId(), counter.fetch_add(1, std::memory_order_relaxed));
-    m_result = cstdmf::toUtf8(directory / (stem + ".primitives"));
-    m_out = cstdmf::toUtf8(directory / (stem + ".out"));
-    m_err = cstdmf::toUtf8(directory / (stem + ".err"));
+    m_directory = std::filesystem::temp_directory_path(ec) /
+                  fmt::format("primitives_import_{}_{}", platform::processId(),
+                              counter.fetch_add(1, std::memory_order_relaxed));
+    std::filesystem::create_directories(m_directory, ec);
+    m_result = cstdmf::toUtf8(m_directory / "result.primitives");
+    m_out = cstdmf::toUtf8(m_directory / "worker.out");
+    m_err = cstdmf::toUtf8(m_directory / "worker.err");
   }
   ~WorkerFiles()
   {
-    // The result's own temporary too: a worker killed while writing leaves it behind.
-    for (const std::string& path : {m_result, m_result + ".tmp", m_out, m_err})
-    {
-      std::error_code ignored;
-      std::filesystem::remove(cstdmf::u8path(path), ignored);
-    }
+    std::error_code ignored;
+    std::filesystem::remove_all(m_directory, ignored);
   }
   WorkerFiles(const WorkerFiles&) = delete;
   WorkerFiles& operator=(const WorkerFiles&) = delete;
@@ -66,6 +64,7 @@ public:
   const std::string& err() const { return m_err; }
 
 private:
+  std::filesystem::path m_directory;
   std::string m_result, m_out, m_err;
 };
 

@@ -18,6 +18,7 @@
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 #include "moo/primitive_vertex_format.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <fmt/format.h>
 
@@ -222,7 +223,8 @@ int fail(int status, std::string_view message)
 }
 
 // Whether the output can be written, checked before any reading: its directory exists and a
-// file can be created in it (the check's file is the one the write will use, and is removed).
+// file can be created in it (a temporary file like the write's, made and removed again; an
+// existing file is never touched).
 bool outputIsWritable(const std::string& output, std::string& error)
 {
   std::error_code ec;
@@ -232,15 +234,11 @@ bool outputIsWritable(const std::string& output, std::string& error)
     error = fmt::format("cannot write '{}': Is a directory", output);
     return false;
   }
-  const std::string probe = output + ".tmp";
-  std::FILE* file = platform::openFile(probe, "wb");
-  if (file == nullptr)
+  if (const std::string problem = fileio::creationProblem(output); !problem.empty())
   {
-    error = fmt::format("cannot write '{}': {}", output, std::strerror(errno));
+    error = fmt::format("cannot write '{}': {}", output, problem);
     return false;
   }
-  std::fclose(file);
-  std::filesystem::remove(cstdmf::u8path(probe), ec);
   return true;
 }
 

@@ -491,15 +491,9 @@ fs::path comparable(const fs::path& path)
         return refuseOutput(output, "another option writes the same file");
     }
     claimed.push_back(place);
-    // The same temporary file the output is written through, made and removed again.
-    fs::path probe = target;
-    probe += ".tmp" + std::to_string(platform::processId());
-    errno = 0;
-    std::FILE* file = platform::openFile(cstdmf::toUtf8(probe), "wb");
-    if (!file)
-      return refuseOutput(output, std::error_code(errno ? errno : EACCES, std::generic_category()).message());
-    std::fclose(file);
-    fs::remove(probe, error);
+    // A temporary file like the one the output is written through, made and removed again.
+    if (const std::string problem = fileio::creationProblem(cstdmf::toUtf8(target)); !problem.empty())
+      return refuseOutput(output, problem);
   }
   return true;
 }

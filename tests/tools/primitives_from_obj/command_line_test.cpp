@@ -96,8 +96,12 @@ TEST(CommandLine, ExitStatuses)
   EXPECT_NE(r.err.find("ERROR: cannot write '" + noDir + "': "), std::string::npos) << r.err;
   EXPECT_EQ(r.err.find(".tmp"), std::string::npos) << r.err;
 
+  // A file of the user's beside the output, named like a temporary file, is left as it is.
+  std::ofstream(out + ".tmp") << "mine";
   r = runTool(dir, quoted(dir.path("good.obj")) + " " + quoted(out) + " --format=xyznuviiiww");
   EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(slurp(out + ".tmp"), "mine");
+  std::filesystem::remove(out + ".tmp");
   EXPECT_NE(r.out.find("1 set, 4 vertices, 2 triangles, format xyznuviiiww"), std::string::npos) << r.out;
   // Magic, 4 vertices of 29 bytes, 6 16-bit indices, the index entries of "Hull.vertices" and
   // "Hull.indices" (names padded to 4 bytes), the index length.
