@@ -25,7 +25,7 @@ namespace
 namespace fs = std::filesystem;
 
 const fs::path kSource = VERTEXMILL_SOURCE_DIR;
-const fs::path kGolden = kSource / "tests" / "tools" / "preview" / "golden";
+const fs::path kGolden = kSource / "tests" / "preview" / "golden";
 // Beside the project in a clone; VERTEXMILL_CORPUS_DIR points elsewhere.
 fs::path corpusDir()
 {
