@@ -2,7 +2,7 @@
 
 #include "tool_test_support.hpp"
 
-#include "model_cache.hpp"
+#include "vertexmill/model_cache.hpp"
 
 #include <nlohmann/json.hpp>
 

@@ -1,5 +1,5 @@
 // The statistics report: one JSON document for the whole run, in walk order, with failures.
-#include "report.hpp"
+#include "vertexmill/report.hpp"
 #include "tool_test_support.hpp"
 
 #include <nlohmann/json.hpp>

@@ -1,7 +1,7 @@
 // Bad models among good ones: what ends the run and what does not, what is named, and that
 // nothing but whole outputs stays in the output tree. Also the --report path rules and the
 // totals of up-to-date models.
-#include "report.hpp"
+#include "vertexmill/report.hpp"
 #include "tool_test_support.hpp"
 #include "fatal_exit_status.hpp"
 #include "resmgr/file_io.hpp"

@@ -1,16 +1,16 @@
 // The pieces of tree mode that the end-to-end tests cannot steer: display text, the console
 // router under concurrent logging, the walk order, and models that vanish after the walk.
 
-#include "console_router.hpp"
+#include "vertexmill/console_router.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/parallel.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
-#include "display_text.hpp"
-#include "exit_status.hpp"
+#include "vertexmill/display_text.hpp"
+#include "vertexmill/exit_status.hpp"
 #include "moo/primitive_vertex_format.hpp"
-#include "tree_run.hpp"
-#include "tree_walk.hpp"
+#include "vertexmill/tree_run.hpp"
+#include "vertexmill/tree_walk.hpp"
 #include "tool_test_support.hpp"
 
 #include <gtest/gtest.h>

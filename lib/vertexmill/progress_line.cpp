@@ -1,7 +1,7 @@
-#include "progress_line.hpp"
+#include "vertexmill/progress_line.hpp"
 
 #include "cstdmf/platform.hpp"
-#include "display_text.hpp"
+#include "vertexmill/display_text.hpp"
 
 #include <fmt/format.h>
 

@@ -2,8 +2,8 @@
 // Tree mode after the walk: converts the listed models, several at a time when asked, and keeps
 // the console as if they had been converted one after another in walk order.
 
-#include "model_job.hpp"
-#include "model_worker.hpp"
+#include "vertexmill/model_job.hpp"
+#include "vertexmill/model_worker.hpp"
 
 #include <cstdint>
 #include <filesystem>

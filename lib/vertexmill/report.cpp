@@ -1,4 +1,4 @@
-#include "report.hpp"
+#include "vertexmill/report.hpp"
 
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"

@@ -1,4 +1,4 @@
-#include "tree_walk.hpp"
+#include "vertexmill/tree_walk.hpp"
 
 #include "cstdmf/path_utils.hpp"
 

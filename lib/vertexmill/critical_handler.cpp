@@ -1,9 +1,9 @@
-#include "critical_handler.hpp"
+#include "vertexmill/critical_handler.hpp"
 
-#include "console_router.hpp"
+#include "vertexmill/console_router.hpp"
 #include "cstdmf/parallel.hpp"
 #include "cstdmf/platform.hpp"
-#include "display_text.hpp"
+#include "vertexmill/display_text.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
 #include "resmgr/file_io.hpp"
 

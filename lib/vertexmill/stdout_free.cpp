@@ -1,4 +1,4 @@
-#include "stdout_free.hpp"
+#include "vertexmill/stdout_free.hpp"
 
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"

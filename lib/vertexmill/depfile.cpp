@@ -1,4 +1,4 @@
-#include "depfile.hpp"
+#include "vertexmill/depfile.hpp"
 
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"

@@ -7,7 +7,7 @@
 // output as frames; the parent reads them back into the model's log, so the console looks as if
 // the model had been converted in the parent.
 
-#include "model_job.hpp"
+#include "vertexmill/model_job.hpp"
 
 #include <filesystem>
 #include <functional>

@@ -1,7 +1,7 @@
-#include "console_router.hpp"
+#include "vertexmill/console_router.hpp"
 
 #include "cstdmf/debug.hpp"
-#include "display_text.hpp"
+#include "vertexmill/display_text.hpp"
 
 #include <spdlog/logger.h>
 

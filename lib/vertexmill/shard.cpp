@@ -1,8 +1,8 @@
-#include "shard.hpp"
+#include "vertexmill/shard.hpp"
 
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
-#include "tree_run.hpp"
+#include "vertexmill/tree_run.hpp"
 
 #include <algorithm>
 #include <charconv>

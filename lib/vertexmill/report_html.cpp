@@ -1,4 +1,4 @@
-#include "report_html.hpp"
+#include "vertexmill/report_html.hpp"
 
 #include "cstdmf/debug.hpp"
 #include "geometry_inspect/preview_meshes.hpp"

@@ -1,11 +1,11 @@
-#include "tree_run.hpp"
+#include "vertexmill/tree_run.hpp"
 
-#include "console_router.hpp"
+#include "vertexmill/console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/parallel.hpp"
 #include "cstdmf/path_utils.hpp"
-#include "exit_status.hpp"
-#include "progress_line.hpp"
+#include "vertexmill/exit_status.hpp"
+#include "vertexmill/progress_line.hpp"
 #include "resmgr/file_io.hpp"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // --report-html FILE: the run's report as one self-contained HTML page, with a preview of every
 // converted model, made from the same document --report writes.
 
-#include "report.hpp"
+#include "vertexmill/report.hpp"
 
 #include <string>
 

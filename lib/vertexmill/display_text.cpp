@@ -1,4 +1,4 @@
-#include "display_text.hpp"
+#include "vertexmill/display_text.hpp"
 
 #include <cstdint>
 #include <cstdio>

@@ -1,9 +1,9 @@
-#include "model_cache.hpp"
+#include "vertexmill/model_cache.hpp"
 
 #include "content_cache/file_io.hpp"
 #include "resmgr/file_io.hpp"
 #include "cstdmf/path_utils.hpp"
-#include "report.hpp"
+#include "vertexmill/report.hpp"
 #include "vertexmill_build_id.hpp"
 
 #include <meshoptimizer.h>

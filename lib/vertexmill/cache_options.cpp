@@ -1,10 +1,10 @@
-#include "cache_options.hpp"
+#include "vertexmill/cache_options.hpp"
 
 #include "content_cache/remote_store.hpp"
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
-#include "display_text.hpp"
-#include "model_cache.hpp"
+#include "vertexmill/display_text.hpp"
+#include "vertexmill/model_cache.hpp"
 
 #include <cctype>
 #include <charconv>

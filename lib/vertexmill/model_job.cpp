@@ -1,13 +1,13 @@
-#include "model_job.hpp"
+#include "vertexmill/model_job.hpp"
 
-#include "console_router.hpp"
+#include "vertexmill/console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
 #include "moo/geometry_data.hpp"
 #include "resmgr/file_io.hpp"
-#include "model_cache.hpp"
-#include "report.hpp"
+#include "vertexmill/model_cache.hpp"
+#include "vertexmill/report.hpp"
 
 #include <atomic>
 #include <chrono>
