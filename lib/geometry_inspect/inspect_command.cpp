@@ -2,6 +2,7 @@
 
 #include "cstdmf/path_utils.hpp"
 #include "fw/arg_parser.hpp"
+#include "fw/bounded_number.hpp"
 #include "geometry_inspect/geometry_inspection.hpp"
 #include "geometry_inspect/inspect_report.hpp"
 #include "geometry_inspect/obj_export.hpp"
@@ -549,15 +550,13 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
         .description = "preview panel size in pixels (default 384)",
         .valueName = "N",
         .callback = [&](std::string_view value) {
-          uint32_t size = 0;
-          const auto [end, code] = std::from_chars(value.data(), value.data() + value.size(), size);
-          const bool ok = code == std::errc() && end == value.data() + value.size() && size >= kMinRenderSize &&
-                          size <= kMaxRenderSize;
-          if (!ok)
+          const std::optional<uint64_t> size = FW::parseBoundedNumber(value, kMinRenderSize, kMaxRenderSize);
+          if (!size)
             badValue = fmt::format("ERROR: invalid value '{}' for --render-size: expected a whole number from {} to {}\n",
                                    value, kMinRenderSize, kMaxRenderSize);
-          options.renderSize = size;
-          return ok;
+          else
+            options.renderSize = static_cast<uint32_t>(*size);
+          return size.has_value();
         },
       })
       .add(path("source", "SRC.primitives", "with --render: the model before optimisation beside the file's",

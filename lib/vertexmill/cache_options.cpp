@@ -3,6 +3,7 @@
 #include "content_cache/remote_store.hpp"
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "fw/bounded_number.hpp"
 #include "vertexmill/display_text.hpp"
 #include "vertexmill/model_cache.hpp"
 
@@ -54,12 +55,8 @@ std::optional<uint64_t> parseCacheSize(std::string_view text)
 
 std::optional<long> parseCacheTimeout(std::string_view text)
 {
-  long value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (text.empty() || error != std::errc() || stop != end || value < 1 || value > 600)
-    return std::nullopt;
-  return value;
+  const std::optional<uint64_t> value = FW::parseBoundedNumber(text, 1, 600);
+  return value ? std::optional<long>(static_cast<long>(*value)) : std::nullopt;
 }
 
 bool isHttpUrl(std::string_view url)

@@ -1,11 +1,11 @@
 #include "vertexmill/critical_handler.hpp"
 
-#include "vertexmill/console_router.hpp"
 #include "cstdmf/parallel.hpp"
 #include "cstdmf/platform.hpp"
-#include "vertexmill/display_text.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
 #include "resmgr/file_io.hpp"
+#include "vertexmill/console_router.hpp"
+#include "vertexmill/display_text.hpp"
 
 #include <cstdio>
 

@@ -1,8 +1,8 @@
 #include "vertexmill/model_cache.hpp"
 
 #include "content_cache/file_io.hpp"
-#include "resmgr/file_io.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "resmgr/file_io.hpp"
 #include "vertexmill/report.hpp"
 #include "vertexmill_build_id.hpp"
 

@@ -1,11 +1,11 @@
 #include "vertexmill/model_job.hpp"
 
-#include "vertexmill/console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
 #include "moo/geometry_data.hpp"
 #include "resmgr/file_io.hpp"
+#include "vertexmill/console_router.hpp"
 #include "vertexmill/model_cache.hpp"
 #include "vertexmill/report.hpp"
 

@@ -1,18 +1,19 @@
 #include "vertexmill/model_worker.hpp"
 
-#include "vertexmill/console_router.hpp"
 #include "cstdmf/critical_error.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
-#include "vertexmill/display_text.hpp"
-#include "vertexmill/exit_status.hpp"
+#include "fw/bounded_number.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
-#include "vertexmill/model_cache.hpp"
 #include "moo/primitive_vertex_format.hpp"
-#include "vertexmill/report.hpp"
 #include "resmgr/file_io.hpp"
 #include "resmgr/zrresource.hpp"
+#include "vertexmill/console_router.hpp"
+#include "vertexmill/display_text.hpp"
+#include "vertexmill/exit_status.hpp"
+#include "vertexmill/model_cache.hpp"
+#include "vertexmill/report.hpp"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/sink.h>
@@ -319,6 +320,20 @@ int runModelWorker(const std::vector<std::string>& arguments)
     std::fputs("ERROR: the worker needs source, output, jobs, incremental, report and maybe the cache\n", stderr);
     return kExitBadCommandLine;
   }
+  // Written by the tool itself, but still checked: a worker started by hand with wrong values
+  // says which one, and does nothing.
+  const std::optional<uint64_t> jobs = FW::parseBoundedNumber(arguments[2], 1, 1024);
+  const std::optional<uint64_t> flags = FW::parseBoundedNumber(arguments[3], 0, 3); // bit 0 --incremental, bit 1 --strict
+  const std::optional<uint64_t> figures = FW::parseBoundedNumber(arguments[4], 0, 2); // none, statistics, with overdraw
+  const std::optional<uint64_t> timeout =
+    arguments.size() == 8 ? FW::parseBoundedNumber(arguments[7], 1, 600) : std::optional<uint64_t>(1);
+  if (!jobs || !flags || !figures || !timeout)
+  {
+    std::fprintf(stderr, "ERROR: the worker's %s '%s' is out of range\n",
+                 !jobs ? "job count" : !flags ? "flags" : !figures ? "report level" : "cache timeout",
+                 (!jobs ? arguments[2] : !flags ? arguments[3] : !figures ? arguments[4] : arguments[7]).c_str());
+    return kExitBadCommandLine;
+  }
   platform::useBinaryStandardStreams();
   static WorkerCriticalErrorHandler s_handler;
   cstdmf::setCriticalErrorHandler(&s_handler);
@@ -329,17 +344,13 @@ int runModelWorker(const std::vector<std::string>& arguments)
   const fs::path source = cstdmf::u8path(arguments[0]);
   const fs::path output = cstdmf::u8path(arguments[1]);
   ModelSettings settings;
-  unsigned jobs = 1;
-  (void)std::from_chars(arguments[2].data(), arguments[2].data() + arguments[2].size(), jobs);
-  settings.compilerJobs = jobs == 0 ? 1 : jobs;
-  // Bit 0: --incremental, bit 1: --strict.
-  const char flags = arguments[3].size() == 1 ? arguments[3][0] : '0';
-  settings.incremental = flags == '1' || flags == '3';
-  settings.strict = flags == '2' || flags == '3';
+  settings.compilerJobs = static_cast<unsigned>(*jobs);
+  settings.incremental = (*flags & 1) != 0;
+  settings.strict = (*flags & 2) != 0;
   Report report;
-  if (arguments[4] != "0")
+  if (*figures != 0)
     settings.report = &report;
-  settings.reportOverdraw = arguments[4] == "2";
+  settings.reportOverdraw = *figures == 2;
   if (settings.incremental)
   {
     std::error_code error;
@@ -354,8 +365,7 @@ int runModelWorker(const std::vector<std::string>& arguments)
     CacheSettings cacheSettings;
     cacheSettings.directory = cstdmf::u8path(arguments[5]);
     cacheSettings.url = arguments[6];
-    (void)std::from_chars(arguments[7].data(), arguments[7].data() + arguments[7].size(),
-                          cacheSettings.timeoutSeconds);
+    cacheSettings.timeoutSeconds = static_cast<long>(*timeout);
     cache = std::make_unique<ModelCache>(cacheSettings);
     settings.cache = cache.get();
   }

@@ -2,8 +2,8 @@
 // The statistics report of a run (--report FILE): one JSON document describing every model
 // converted, with a stable schema (docs/report.md). Collected only when asked for.
 
-#include "geometry_compiler/compile_statistics.hpp"
 #include "cstdmf/debug.hpp"
+#include "geometry_compiler/compile_statistics.hpp"
 
 #include <cstdint>
 #include <filesystem>

@@ -2,6 +2,7 @@
 
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "fw/bounded_number.hpp"
 #include "vertexmill/tree_run.hpp"
 
 #include <algorithm>
@@ -16,12 +17,8 @@ constexpr uint32_t kMaxShards = 65536;
 
 std::optional<uint32_t> parseNumber(std::string_view text)
 {
-  uint32_t value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (text.empty() || error != std::errc() || stop != end)
-    return std::nullopt;
-  return value;
+  const std::optional<uint64_t> value = FW::parseBoundedNumber(text, 0, kMaxShards);
+  return value ? std::optional<uint32_t>(static_cast<uint32_t>(*value)) : std::nullopt;
 }
 } // namespace
 

@@ -1,12 +1,12 @@
 #include "vertexmill/tree_run.hpp"
 
-#include "vertexmill/console_router.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/parallel.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "resmgr/file_io.hpp"
+#include "vertexmill/console_router.hpp"
 #include "vertexmill/exit_status.hpp"
 #include "vertexmill/progress_line.hpp"
-#include "resmgr/file_io.hpp"
 
 #include <algorithm>
 #include <condition_variable>

@@ -7,6 +7,7 @@
 // Exit status: 0 success, 1 bad command line, 2 a path cannot be used (nothing was done),
 // 3 the import failed or the output could not be written.
 
+#include "fw/bounded_number.hpp"
 #include "primitives_from_obj/import_worker.hpp"
 #include "primitives_from_obj/mesh_builder.hpp"
 #include "primitives_from_obj/obj_reader.hpp"
@@ -141,30 +142,28 @@ bool parseArguments(int argc, char** argv, Arguments& args, std::string& error)
     else if (is("--time-limit"))
     {
       std::string text;
-      unsigned seconds = 0;
       const bool given = value("--time-limit", text);
-      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-      if (!given || ec != std::errc() || end != text.data() + text.size() || seconds > 86400)
+      const std::optional<uint64_t> seconds = FW::parseBoundedNumber(text, 0, 86400);
+      if (!given || !seconds)
       {
         error = fmt::format("invalid value '{}' for --time-limit: expected a whole number of seconds from 0 to 86400",
                             text);
         return false;
       }
-      args.timeLimit = seconds;
+      args.timeLimit = static_cast<unsigned>(*seconds);
     }
     else if (is("--memory-limit"))
     {
       std::string text;
-      unsigned long long mebibytes = 0;
       const bool given = value("--memory-limit", text);
-      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), mebibytes);
-      if (!given || ec != std::errc() || end != text.data() + text.size() || mebibytes > (1ull << 20))
+      const std::optional<uint64_t> mebibytes = FW::parseBoundedNumber(text, 0, 1u << 20);
+      if (!given || !mebibytes)
       {
         error = fmt::format("invalid value '{}' for --memory-limit: expected a whole number of MiB from 0 to 1048576",
                             text);
         return false;
       }
-      args.memoryLimitMiB = mebibytes;
+      args.memoryLimitMiB = *mebibytes;
     }
     else if (is("--procedural"))
     {

@@ -4,28 +4,29 @@
 // to convert, 4 a file-system error (unreadable directory, symbolic-link loop, ...) ended the run
 // abnormally; -1 (255) when an assertion or critical error ended the process.
 
-#include "vertexmill/cache_options.hpp"
-#include "vertexmill/console_router.hpp"
 #include "content_cache/sha256.hpp"
-#include "vertexmill/critical_handler.hpp"
 #include "cstdmf/debug.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "fw/arg_parser.hpp"
+#include "fw/bounded_number.hpp"
+#include "moo/primitive_vertex_format.hpp"
+#include "resmgr/file_io.hpp"
+#include "resmgr/zrresource.hpp"
+#include "vertexmill/cache_options.hpp"
+#include "vertexmill/console_router.hpp"
+#include "vertexmill/critical_handler.hpp"
 #include "vertexmill/depfile.hpp"
 #include "vertexmill/display_text.hpp"
 #include "vertexmill/exit_status.hpp"
-#include "fw/arg_parser.hpp"
 #include "vertexmill/model_cache.hpp"
 #include "vertexmill/model_job.hpp"
 #include "vertexmill/model_worker.hpp"
-#include "moo/primitive_vertex_format.hpp"
 #include "vertexmill/report.hpp"
 #include "vertexmill/report_html.hpp"
-#include "resmgr/file_io.hpp"
-#include "resmgr/zrresource.hpp"
-#include "vertexmill/stdout_free.hpp"
 #include "vertexmill/shard.hpp"
+#include "vertexmill/stdout_free.hpp"
 #include "vertexmill/tree_run.hpp"
 #include "vertexmill/tree_walk.hpp"
 
@@ -74,12 +75,8 @@ constexpr unsigned kMaxJobs = 1024;
 // "--jobs" takes a decimal count, 0 meaning one job per hardware thread.
 [[nodiscard]] std::optional<unsigned> parseJobs(std::string_view text)
 {
-  unsigned value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (text.empty() || error != std::errc() || stop != end || value > kMaxJobs)
-    return std::nullopt;
-  return value;
+  const std::optional<uint64_t> value = FW::parseBoundedNumber(text, 0, kMaxJobs);
+  return value ? std::optional<unsigned>(static_cast<unsigned>(*value)) : std::nullopt;
 }
 
 struct Args
@@ -198,13 +195,10 @@ bool Args::parse(int argc, const char* const* argv)
         .valueName = "S",
         .expected = "a whole number of seconds from 1 to 86400",
         .callback = [this](std::string_view value) {
-          unsigned parsed = 0;
-          const char* end = value.data() + value.size();
-          const auto [stop, error] = std::from_chars(value.data(), end, parsed);
-          if (value.empty() || error != std::errc() || stop != end || parsed == 0 || parsed > 86400)
-            return false;
-          modelTimeout = parsed;
-          return true;
+          const std::optional<uint64_t> parsed = FW::parseBoundedNumber(value, 1, 86400);
+          if (parsed)
+            modelTimeout = static_cast<unsigned>(*parsed);
+          return parsed.has_value();
         },
       })
       .add({
@@ -214,13 +208,10 @@ bool Args::parse(int argc, const char* const* argv)
         .valueName = "MIB",
         .expected = "a whole number of MiB from 0 to 1048576",
         .callback = [this](std::string_view value) {
-          unsigned long long parsed = 0;
-          const char* end = value.data() + value.size();
-          const auto [stop, error] = std::from_chars(value.data(), end, parsed);
-          if (value.empty() || error != std::errc() || stop != end || parsed > (1ull << 20))
-            return false;
-          modelMemory = parsed << 20;
-          return true;
+          const std::optional<uint64_t> parsed = FW::parseBoundedNumber(value, 0, 1u << 20);
+          if (parsed)
+            modelMemory = *parsed << 20;
+          return parsed.has_value();
         },
       })
       .add({

@@ -1,6 +1,6 @@
 // The statistics report: one JSON document for the whole run, in walk order, with failures.
-#include "vertexmill/report.hpp"
 #include "tool_test_support.hpp"
+#include "vertexmill/report.hpp"
 
 #include <nlohmann/json.hpp>
 

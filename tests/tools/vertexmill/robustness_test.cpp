@@ -1,10 +1,10 @@
 // Bad models among good ones: what ends the run and what does not, what is named, and that
 // nothing but whole outputs stays in the output tree. Also the --report path rules and the
 // totals of up-to-date models.
-#include "vertexmill/report.hpp"
-#include "tool_test_support.hpp"
 #include "fatal_exit_status.hpp"
 #include "resmgr/file_io.hpp"
+#include "tool_test_support.hpp"
+#include "vertexmill/report.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -341,6 +341,14 @@ TEST_F(Robustness, OptionsThatWouldDestroyOrMisleadAreRefused)
     {{"--tree", "--shard", "3/2", str("tree"), str("out")}, "ERROR: invalid value '3/2' for --shard: expected K/N"},
     {{"--tree", "--keep-going", "--time-limit", "0", str("tree"), str("out")},
      "ERROR: invalid value '0' for --time-limit: expected a whole number of seconds from 1 to 86400"},
+    {{"--tree", "--keep-going", "--memory-limit", "4G", str("tree"), str("out")},
+     "ERROR: invalid value '4G' for --memory-limit: expected a whole number of MiB from 0 to 1048576"},
+    {{"--tree", "--memory-limit", "512", str("tree"), str("out")}, "ERROR: --memory-limit works with --keep-going only"},
+    // A worker started with values the tool never writes names the bad one and does nothing.
+    {{"--model-worker", crate, str("out/crate.geometry"), "abc", "0", "0"},
+     "ERROR: the worker's job count 'abc' is out of range"},
+    {{"--model-worker", crate, str("out/crate.geometry"), "1", "0", "0", str("cache"), "", "0"},
+     "ERROR: the worker's cache timeout '0' is out of range"},
     {{"--cache", str("cache"), "--cache-max-size", "lots", crate, str("out")},
      "ERROR: invalid value 'lots' for --cache-max-size"},
     {{"--cache-url", "http://localhost:1", "--cache-timeout", "0", crate, str("out")},

@@ -1,17 +1,19 @@
 // The pieces of tree mode that the end-to-end tests cannot steer: display text, the console
 // router under concurrent logging, the walk order, and models that vanish after the walk.
 
-#include "vertexmill/console_router.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/parallel.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "moo/primitive_vertex_format.hpp"
+#include "tool_test_support.hpp"
+#include "vertexmill/cache_options.hpp"
+#include "vertexmill/console_router.hpp"
 #include "vertexmill/display_text.hpp"
 #include "vertexmill/exit_status.hpp"
-#include "moo/primitive_vertex_format.hpp"
+#include "vertexmill/shard.hpp"
 #include "vertexmill/tree_run.hpp"
 #include "vertexmill/tree_walk.hpp"
-#include "tool_test_support.hpp"
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
@@ -32,6 +34,30 @@ namespace
 {
 
 // --- Display text -------------------------------------------------------------------------------
+
+// --- Option values -------------------------------------------------------------------------------
+
+TEST(OptionValues, ShardsCacheSizesAndTimeouts)
+{
+  EXPECT_EQ(parseShard("1/1")->index, 1u);
+  EXPECT_EQ(parseShard("3/65536")->count, 65536u);
+  for (const char* bad : {"", "1", "0/2", "3/2", "1/0", "1/65537", "/2", "1/", "a/2", "1/2/3", "-1/2", "1 /2"})
+    EXPECT_FALSE(parseShard(bad)) << bad;
+
+  EXPECT_EQ(parseCacheSize("0"), 0u);
+  EXPECT_EQ(parseCacheSize("512"), 512u);
+  EXPECT_EQ(parseCacheSize("2K"), 2048u);
+  EXPECT_EQ(parseCacheSize("3MiB"), 3u << 20);
+  EXPECT_EQ(parseCacheSize("1gb"), 1u << 30);
+  EXPECT_EQ(parseCacheSize("5T"), uint64_t{5} << 40);
+  for (const char* bad : {"", "K", "1X", "1 G", "-1", "16777216T", "1.5G"})
+    EXPECT_FALSE(parseCacheSize(bad)) << bad;
+
+  EXPECT_EQ(parseCacheTimeout("1"), 1);
+  EXPECT_EQ(parseCacheTimeout("600"), 600);
+  for (const char* bad : {"0", "601", "", "10s", "-5"})
+    EXPECT_FALSE(parseCacheTimeout(bad)) << bad;
+}
 
 TEST(DisplayText, EveryBadByteBecomesOneReplacementCharacter)
 {
