@@ -1,6 +1,7 @@
 #include "geometry_inspect/inspect_command.hpp"
 
 #include "cstdmf/path_utils.hpp"
+#include "cstdmf/version.hpp"
 #include "fw/arg_parser.hpp"
 #include "fw/bounded_number.hpp"
 #include "geometry_inspect/geometry_inspection.hpp"
@@ -24,10 +25,6 @@
 #include <string_view>
 #include <system_error>
 #include <vector>
-
-#ifndef VERTEXMILL_VERSION
-#define VERTEXMILL_VERSION "unknown"
-#endif
 
 namespace geometry_inspect
 {
@@ -583,7 +580,7 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
     return kExitSound;
   if (options.version)
   {
-    out << kToolName << ' ' << VERTEXMILL_VERSION << '\n';
+    out << kToolName << ' ' << cstdmf::toolsVersion() << '\n';
     return kExitSound;
   }
   if (options.inputs.empty())

@@ -4,6 +4,7 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "cstdmf/version.hpp"
 #include "resmgr/bin_section.hpp"
 #include "resmgr/data_section_cache.hpp"
 
@@ -17,10 +18,6 @@
 #ifndef VERTEXMILL_PRODUCT_NAME
 #define VERTEXMILL_PRODUCT_NAME "vertexmill"
 #endif
-#ifndef VERTEXMILL_VERSION
-#define VERTEXMILL_VERSION "0.1.0"
-#endif
-
 namespace
 {
 
@@ -241,7 +238,7 @@ ZRResource::VersionData ZRResource::readVersionData(const std::string& executabl
   // Executables here carry no version resource: the build stamps the product's own name and
   // version in, and there is no company to name.
   (void)executablePath;
-  return VersionData{std::string(), VERTEXMILL_PRODUCT_NAME, VERTEXMILL_VERSION};
+  return VersionData{std::string(), VERTEXMILL_PRODUCT_NAME, std::string(cstdmf::toolsVersion())};
 #endif
 }
 

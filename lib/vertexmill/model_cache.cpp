@@ -2,6 +2,7 @@
 
 #include "content_cache/file_io.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "cstdmf/version.hpp"
 #include "resmgr/file_io.hpp"
 #include "vertexmill/report.hpp"
 #include "vertexmill_build_id.hpp"
@@ -12,10 +13,6 @@
 #include <array>
 #include <span>
 #include <system_error>
-
-#ifndef VERTEXMILL_VERSION
-#define VERTEXMILL_VERSION "unknown"
-#endif
 
 namespace vertexmill
 {
@@ -64,7 +61,7 @@ ToolIdentity ToolIdentity::current()
 {
   // The build id is a hash of the converting code's sources made when the tool was built; the
   // library that optimises and encodes is linked from the system, so its version counts too.
-  return ToolIdentity{VERTEXMILL_VERSION,
+  return ToolIdentity{std::string(cstdmf::toolsVersion()),
                       std::string(VERTEXMILL_BUILD_ID) + " meshoptimizer " + std::to_string(MESHOPTIMIZER_VERSION)};
 }
 

@@ -3,6 +3,7 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "cstdmf/version.hpp"
 #include "moo/geometry_data.hpp"
 #include "resmgr/file_io.hpp"
 
@@ -14,10 +15,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <span>
-
-#ifndef VERTEXMILL_VERSION
-#define VERTEXMILL_VERSION "0.0.0"
-#endif
 
 namespace vertexmill
 {
@@ -379,7 +376,7 @@ std::string Report::toJson() const
 
   ordered_json document{{"schema", "vertexmill-report"},
                         {"schemaVersion", kSchemaVersion},
-                        {"tool", {{"name", "vertexmill"}, {"version", VERTEXMILL_VERSION}}},
+                        {"tool", {{"name", "vertexmill"}, {"version", std::string(cstdmf::toolsVersion())}}},
                         {"models", std::move(list)},
                         {"totals",
                          {{"models", models.size()},

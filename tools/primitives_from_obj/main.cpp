@@ -18,6 +18,7 @@
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "cstdmf/version.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "resmgr/file_io.hpp"
 
@@ -38,10 +39,6 @@
 #ifndef IMPORT_TOOL_NAME
 #define IMPORT_TOOL_NAME "primitives_import"
 #endif
-#ifndef VERTEXMILL_VERSION
-#define VERTEXMILL_VERSION "0.0.0"
-#endif
-
 namespace
 {
 
@@ -295,7 +292,7 @@ int run(int argc, char** argv)
   }
   if (args.version)
   {
-    fmt::print("{} {}\n", kTool, VERTEXMILL_VERSION);
+    fmt::print("{} {}\n", kTool, cstdmf::toolsVersion());
     return kExitOk;
   }
 

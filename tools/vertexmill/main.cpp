@@ -9,6 +9,7 @@
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "cstdmf/version.hpp"
 #include "fw/arg_parser.hpp"
 #include "fw/bounded_number.hpp"
 #include "moo/primitive_vertex_format.hpp"
@@ -46,10 +47,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#ifndef VERTEXMILL_VERSION
-#define VERTEXMILL_VERSION "unknown"
-#endif
 
 namespace
 {
@@ -704,7 +701,7 @@ int vertexmillMain(int argc, const char* const* argv)
     return kExitSuccess;
   if (args.showVersion)
   {
-    std::printf("%s %s\n", kToolName, VERTEXMILL_VERSION);
+    std::printf("%s %s\n", kToolName, std::string(cstdmf::toolsVersion()).c_str());
     return kExitSuccess;
   }
   if (args.shard && !args.tree)
