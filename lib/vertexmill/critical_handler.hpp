@@ -1,8 +1,8 @@
 #pragma once
 // What the tool does when an assertion or critical error ends the process: after the CRITICAL
-// line, one more line names the model that was being converted (console modes 1 and 2 only),
-// the temporary files of the writes in flight are removed, and the default record follows (the
-// crash report in the temporary directory). The process still ends with -1.
+// line, nothing more is logged, one more line names the model that was being converted (console
+// modes 1 and 2 only), the temporary files of the writes in flight are removed, and the default
+// record follows (the crash report in the temporary directory). The process still ends with -1.
 
 #include "cstdmf/critical_error.hpp"
 
