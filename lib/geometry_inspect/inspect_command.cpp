@@ -185,7 +185,7 @@ int runPrimitives(const Options& options, const std::string& file, const ConstBi
     if (options.validate)
       out << verdict(file, listing.issues());
   }
-  return listing.issues().hasErrors() ? kExitUnsound : kExitSound;
+  return listing.issues().hasErrors() ? kExitFailed : kExitSuccess;
 }
 
 bool renderToFile(const Options& options, GeometryInspection& inspection, std::string& error)
@@ -270,7 +270,7 @@ int runGeometry(const Options& options, const std::string& file, const ConstBina
     if (options.validate)
       out << verdict(file, inspection.issues());
   }
-  return inspection.issues().hasErrors() ? kExitUnsound : kExitSound;
+  return inspection.issues().hasErrors() ? kExitFailed : kExitSuccess;
 }
 
 // One input given as a file: everything the switches ask for.
@@ -289,7 +289,7 @@ int runOneFile(const Options& options, const std::string& file, std::ostream& ou
     {
       err << "ERROR: --stats, --export-obj and --render need a .geometry file; '" << file
           << "' is a .primitives container\n";
-      return kExitBadArguments;
+      return kExitBadCommandLine;
     }
     return runPrimitives(options, file, block, out, err);
   }
@@ -413,7 +413,7 @@ int runMany(const Options& options, std::ostream& out, std::ostream& err)
   else
     out << fmt::format("total: {} files, {} sound, {} not sound; {} vertices, {} triangles, {} B\n", files.size(),
                        files.size() - unsound, unsound, totalVertices, totalTriangles, totalBytes);
-  return unsound != 0 ? kExitUnsound : kExitSound;
+  return unsound != 0 ? kExitFailed : kExitSuccess;
 }
 
 // The folder an output file goes into must exist; otherwise nothing is done (status 2).
@@ -448,7 +448,7 @@ int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
   if (report.is_discarded() || !report.is_object() || !report.contains("models") || !report["models"].is_array())
   {
     err << "ERROR: '" << reportPath << "' is not a vertexmill report (a JSON object with a \"models\" array)\n";
-    return kExitUnsound;
+    return kExitFailed;
   }
   // Outputs are named as vertexmill was given them: relative to where it ran, which is usually
   // here, or else beside the report.
@@ -469,11 +469,11 @@ int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
   if (!preview::writeWholeFile(options.reportHtmlPath, page, error))
   {
     err << "ERROR: " << error << '\n';
-    return kExitUnsound;
+    return kExitFailed;
   }
   out << fmt::format("{}: report page of {} ({} models)\n", options.reportHtmlPath, reportPath,
                      report["models"].size());
-  return kExitSound;
+  return kExitSuccess;
 }
 
 std::optional<preview::Mode> parseMode(std::string_view text)
@@ -572,16 +572,16 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
   parser.setWriters([&](std::string_view text) { out << text; }, [&](std::string_view text) { parseErrors += text; });
   const auto refuse = [&](const std::string& text) {
     err << text << (text.ends_with('\n') ? "" : "\n") << "Run with --help for the usage.\n";
-    return kExitBadArguments;
+    return kExitBadCommandLine;
   };
   if (!parser.parse(argc, argv))
     return refuse(badValue.empty() ? parseErrors : badValue);
   if (parser.helpShown())
-    return kExitSound;
+    return kExitSuccess;
   if (options.version)
   {
     out << kToolName << ' ' << cstdmf::toolsVersion() << '\n';
-    return kExitSound;
+    return kExitSuccess;
   }
   if (options.inputs.empty())
     return refuse("ERROR: no input given: name a .geometry or .primitives file, or a folder");

@@ -16,19 +16,17 @@
 // file when its extension says so, and otherwise whichever its bytes look like. Section names come
 // from --names FILE.primitives, or from the .primitives file beside a .geometry file with its stem.
 
+#include "cstdmf/exit_status.hpp"
+
 #include <ostream>
 
 namespace geometry_inspect
 {
 
-// The statuses all the project's tools share.
-enum ExitStatus : int
-{
-  kExitSound = 0,        // every file was read and nothing is wrong with it (warnings allowed)
-  kExitBadArguments = 1, // the command line was refused
-  kExitBadPath = 2,      // an input is missing or unreadable, or an output folder cannot be used; nothing done
-  kExitUnsound = 3,      // a file is corrupt or not sound, or an export or render failed
-};
+// The statuses all the project's tools share: kExitSuccess when every file was read and nothing is
+// wrong with it (warnings allowed), kExitFailed when a file is corrupt or not sound, or an export
+// or render failed.
+using enum cstdmf::ExitStatus;
 
 // Runs the tool on a UTF-8 command line (argv[0] is the program's name). Reports go to `out`;
 // findings ("ERROR: ...", "WARNING: ...") and command-line errors to `err`. Needs the vertex format

@@ -1,11 +1,4 @@
-// primitives_import: converts a mesh file into a .primitives file, or writes a built-in shape.
-// Wavefront OBJ files (optionally gzip-compressed) are read by the project's own reader; every
-// other format the import library knows (glTF, FBX, Collada, PLY, STL, 3DS, X, ...) is read by
-// that library in a child process (see import_worker.hpp). The same program is also built under
-// its former name, primitives_from_obj, for the scripts that call it so.
-//
-// Exit status: 0 success, 1 bad command line, 2 a path cannot be used (nothing was done),
-// 3 the import failed or the output could not be written.
+#include "primitives_from_obj/import_command.hpp"
 
 #include "fw/bounded_number.hpp"
 #include "primitives_from_obj/import_worker.hpp"
@@ -15,6 +8,7 @@
 #include "primitives_from_obj/procedural_shapes.hpp"
 #include "primitives_from_obj/scene_reader.hpp"
 
+#include "cstdmf/exit_status.hpp"
 #include "cstdmf/log_sinks.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
@@ -36,18 +30,13 @@
 #include <system_error>
 #include <vector>
 
-#ifndef IMPORT_TOOL_NAME
-#define IMPORT_TOOL_NAME "primitives_import"
-#endif
+namespace objimport
+{
 namespace
 {
 
-constexpr int kExitOk = 0;
-constexpr int kExitUsage = 1;
-constexpr int kExitBadPath = 2;
-constexpr int kExitFailed = 3;
+using enum cstdmf::ExitStatus;
 
-constexpr std::string_view kTool = IMPORT_TOOL_NAME;
 constexpr std::string_view kObjFormat = "xyznuvtb";
 constexpr unsigned kDefaultTimeLimit = 120;
 
@@ -57,7 +46,7 @@ constexpr std::string_view kFormatNames = "xyznuv xyznuv2 xyznuvtb xyznuv2tb xyz
                                           "xyznuv2iiiwwtb xyznuvtbi xyznuv2tbi xyznuvtboi xyznuv2tboi xyznuvr "
                                           "xyznuviiiwwr";
 
-void printUsage(std::FILE* stream)
+void printUsage(std::FILE* stream, std::string_view toolName)
 {
   fmt::print(stream,
              "usage: {0} INPUT OUTPUT.primitives [--format NAME] [--flip-v] [--time-limit SECONDS]\n"
@@ -85,7 +74,7 @@ void printUsage(std::FILE* stream)
              "\n"
              "Exit status: 0 success, 1 bad arguments, 2 a path cannot be used (nothing done),\n"
              "3 the import failed or the output could not be written.\n",
-             kTool, kDefaultTimeLimit,
+             toolName, kDefaultTimeLimit,
              platform::kDefaultChildMemoryBytes == 0 ? std::string("none") : std::to_string(platform::kDefaultChildMemoryBytes >> 20));
 }
 
@@ -256,7 +245,7 @@ bool inputIsReadable(const std::string& input, std::string& error)
   return true;
 }
 
-int run(int argc, char** argv)
+int run(int argc, char** argv, std::string_view toolName)
 {
   if (argc > 1 && std::string_view(argv[1]) == objimport::kWorkerOption)
   {
@@ -282,29 +271,29 @@ int run(int argc, char** argv)
   if (!parseArguments(argc, argv, args, error))
   {
     fmt::print(stderr, "ERROR: {}\n", error);
-    printUsage(stderr);
-    return kExitUsage;
+    printUsage(stderr, toolName);
+    return kExitBadCommandLine;
   }
   if (args.help)
   {
-    printUsage(stdout);
-    return kExitOk;
+    printUsage(stdout, toolName);
+    return kExitSuccess;
   }
   if (args.version)
   {
-    fmt::print("{} {}\n", kTool, cstdmf::toolsVersion());
-    return kExitOk;
+    fmt::print("{} {}\n", toolName, cstdmf::toolsVersion());
+    return kExitSuccess;
   }
 
   // Assertions and library warnings reach the console as in the main tool.
   cstdmf::setupConsoleLogging(1);
   FormatRegistry registry;
   if (!args.format.empty() && Moo::PrimitiveVertexFormat::findByFormatName(args.format) == nullptr)
-    return fail(kExitUsage, fmt::format("unknown vertex format '{}'; known formats: {}", args.format, kFormatNames));
+    return fail(kExitBadCommandLine, fmt::format("unknown vertex format '{}'; known formats: {}", args.format, kFormatNames));
 
   objimport::ObjMesh mesh;
   if (args.procedural && !objimport::makeProceduralMesh(*args.procedural, mesh))
-    return fail(kExitUsage, fmt::format("unknown shape '{}' (cube, sphere or torus)", *args.procedural));
+    return fail(kExitBadCommandLine, fmt::format("unknown shape '{}' (cube, sphere or torus)", *args.procedural));
   if (!outputIsWritable(args.output, error))
     return fail(kExitBadPath, error);
   if (!args.procedural && !inputIsReadable(args.input, error))
@@ -357,21 +346,23 @@ int run(int argc, char** argv)
 
   fmt::print("{}: {} set{}, {} vertices, {} triangles, format {}, {} bytes{}\n", args.output, setCount,
              setCount == 1 ? "" : "s", vertices, triangles, formatName, container->len(), readAs);
-  return kExitOk;
+  return kExitSuccess;
 }
 
 } // namespace
 
-int main(int argc, char** argv)
+int runImport(int argc, char** argv, std::string_view toolName)
 {
   // Nothing in the import throws on bad input; this only keeps an allocation failure from
   // escaping as an unexplained abort.
   try
   {
-    return run(argc, argv);
+    return run(argc, argv, toolName);
   }
   catch (const std::bad_alloc&)
   {
     return fail(kExitFailed, "out of memory");
   }
 }
+
+} // namespace objimport

@@ -1,16 +1,10 @@
 #pragma once
+// The tool's exit statuses are the project's (cstdmf/exit_status.hpp); a model that failed to
+// convert is kExitFailed.
+
+#include "cstdmf/exit_status.hpp"
 
 namespace vertexmill
 {
-
-// The tool's exit statuses; -1 (255) is left to the critical-error path.
-enum ExitStatus : int
-{
-  kExitSuccess = 0,
-  kExitBadCommandLine = 1,
-  kExitBadPath = 2,
-  kExitConversionFailed = 3,
-  kExitFilesystemError = 4,
-};
-
+using enum cstdmf::ExitStatus;
 } // namespace vertexmill

@@ -288,7 +288,7 @@ int TreeRun::run()
     ZR_MSG_FMT(DebugMessagePriority::Error, "", "{} of {} models failed to convert:\n{}", m_failures.size(), count,
                lines);
   }
-  return kExitConversionFailed;
+  return kExitFailed;
 }
 } // namespace
 

@@ -40,7 +40,7 @@ struct TreeRunOptions
 };
 
 // Converts every model of the list and returns the exit status: kExitSuccess, or
-// kExitConversionFailed when a model failed. With keepGoing and a workerProgram every model is
+// kExitFailed when a model failed. With keepGoing and a workerProgram every model is
 // converted in a worker process of its own, so that whatever happens to one is that model's
 // failure only. Without keepGoing no model is started after the
 // first failure; models already being converted are finished and their outputs kept.

@@ -363,7 +363,7 @@ TEST_F(RunnerFixture, ModelsRemovedAfterTheWalkFailCleanly)
       TreeRunOptions options;
       options.jobs = jobs;
       options.keepGoing = keepGoing;
-      EXPECT_EQ(convertModels(list, options, *m_router), kExitConversionFailed);
+      EXPECT_EQ(convertModels(list, options, *m_router), kExitFailed);
 
       const std::vector<std::string> all = m_sink->lines();
       const std::vector<std::string> lines(all.begin() + static_cast<long>(linesBefore), all.end());
