@@ -47,10 +47,19 @@ GeometryCompiler::~GeometryCompiler() = default;
 bool GeometryCompiler::compile(const Request& request, const std::string& outputPath, bool encode, bool optimize,
                                bool verify)
 {
+  CompileOptions options;
+  options.encodeBuffers = encode;
+  options.optimizeMeshes = optimize;
+  options.verifyVertices = verify;
+  return compile(request, outputPath, options);
+}
+
+bool GeometryCompiler::compile(const Request& request, const std::string& outputPath, const CompileOptions& options)
+{
   ZR_GUARD("GeometryCompiler::compile");
   clear();
   m_systemReason.clear();
-  m_settings = Settings{encode, optimize, verify};
+  m_settings = options;
 
   if (request.primitivesPath.empty())
     return false;
@@ -60,10 +69,42 @@ bool GeometryCompiler::compile(const Request& request, const std::string& output
   return written;
 }
 
-bool GeometryCompiler::compileModel(const Request& request, const std::string& outputPath)
+BinaryPtr GeometryCompiler::compileBytes(const ModelBytes& model, const std::string& outputPath,
+                                         const CompileOptions& options)
 {
+  clear();
+  m_systemReason.clear();
+  m_settings = options;
+  BinaryPtr packed;
+  if (!model.primitivesPath.empty() && compileModel(model.request(), outputPath, &model, &packed))
+  {
+    if (m_statistics)
+      gatherStatistics();
+    return packed;
+  }
+  if (m_statistics)
+    gatherStatistics();
+  return nullptr;
+}
 
-  if (!loadPrimitives(request))
+bool GeometryCompiler::compileModel(const Request& request, const std::string& outputPath, const ModelBytes* model,
+                                    BinaryPtr* packed)
+{
+  bool loaded = false;
+  if (model)
+  {
+    // The bytes in memory stand for the file: split as a file read whole is.
+    BinFile binFile;
+    if (takeFile(request.primitivesPath, model->primitives, binFile))
+    {
+      loaded = packLOD(binFile);
+      if (!loaded)
+        ZR_MSG(kError, kCategory, "GeometryCompiler::load packLOD failed for '%s'.\n", request.primitivesPath.c_str());
+    }
+  }
+  else
+    loaded = loadPrimitives(request);
+  if (!loaded)
   {
     ZR_MSG(kError, kCategory, "GeometryCompiler::compile loading '%s' failed.\n", request.primitivesPath.c_str());
     return false;
@@ -81,16 +122,28 @@ bool GeometryCompiler::compileModel(const Request& request, const std::string& o
     {request.armorVisualPath, "armorvisual",
      "GeometryCompiler::loading visual armor model from file: %s for model: %s\n"},
   };
-  for (const Companion& companion : companions)
+  const ModelBytes::Companion* inMemory[] = {model ? &model->collision : nullptr, model ? &model->armor : nullptr,
+                                             model ? &model->armorVisual : nullptr};
+  for (size_t i = 0; i < std::size(companions); ++i)
   {
+    const Companion& companion = companions[i];
     if (companion.path.empty())
       continue;
     ZR_MSG(kTrace, kCategory, companion.traceFormat, companion.path.c_str(), request.modelName.c_str());
-    if (!loadCompanionModel(companion.path, request.modelName, companion.kind))
+    const bool taken = inMemory[i] ? takeCompanionModel(companion.path, request.modelName, companion.kind,
+                                                        inMemory[i]->bytes)
+                                   : loadCompanionModel(companion.path, request.modelName, companion.kind);
+    if (!taken)
       ZR_MSG(kError, kCategory, "GeometryCompiler::compile loading '%s' failed.\n", companion.path.c_str());
   }
 
-  return save(outputPath);
+  if (!packed)
+    return save(outputPath);
+  std::optional<StoredMeasurement> measurement;
+  *packed = saveToBlock(outputPath, measurement);
+  if (measurement)
+    measurement->finish();
+  return *packed != nullptr;
 }
 
 void GeometryCompiler::clear()
@@ -178,18 +231,28 @@ bool GeometryCompiler::readFile(const std::string& path, BinFile& binFile)
   m_resourceName = path;
 
   const fileio::ReadResult read = fileio::readWholeFile(path, "Geometry");
+  if (!read)
+  {
+    reportLoadFailure(path, FileSections::Failure::Read, read);
+    return false;
+  }
+  return takeFile(path, read.block, binFile);
+}
+
+bool GeometryCompiler::takeFile(const std::string& path, const BinaryPtr& block, BinFile& binFile)
+{
+  binFile.children.clear();
+  binFile.resourceName = path;
+  m_resourceName = path;
   const auto failed = [&](FileSections::Failure failure) {
-    reportLoadFailure(path, failure, read);
+    reportLoadFailure(path, failure, fileio::ReadResult{fileio::ReadStatus::Ok, block, block ? block->len() : 0});
     return false;
   };
-  if (!read)
-    return failed(FileSections::Failure::Read);
-  if (read.block->len() == 0)
+  if (!block || block->len() == 0)
     return failed(FileSections::Failure::Empty);
   if (m_statistics)
-    m_statistics->inputBytes = read.block->len();
+    m_statistics->inputBytes = block->len();
 
-  const BinaryPtr& block = read.block;
   const bool parsed = parseBinSectionEntries(
     block, [&](const char* name, int nameLength, const char* data, int dataLength) {
       BinaryPtr child(new BinaryBlock(data, static_cast<size_t>(dataLength), "BinaryBlock/BinSection", block));
@@ -298,7 +361,7 @@ bool GeometryCompiler::packVertices(const std::string& sectionName, std::span<co
   }
 
   size_t badVertex = 0;
-  if (m_refuseUnpackableNormals && Moo::findUnpackableUnitVector(primFormat->m_gpuFormat, header.payload.data(),
+  if (m_settings.refuseUnpackableNormals && Moo::findUnpackableUnitVector(primFormat->m_gpuFormat, header.payload.data(),
                                                                  primFormat->m_format, header.vertexCount, badVertex))
   {
     ZR_MSG(kError, kCategory,
@@ -524,13 +587,18 @@ bool GeometryCompiler::loadCompanionModel(const std::string& path, const std::st
            kind, path.c_str(), modelName.c_str(), m_systemReason.c_str());
     return false;
   }
-  if (read.block->len() == 0)
+  return takeCompanionModel(path, modelName, kind, read.block);
+}
+
+bool GeometryCompiler::takeCompanionModel(const std::string& path, const std::string& modelName, const char* kind,
+                                          const BinaryPtr& block)
+{
+  if (!block || block->len() == 0)
   {
     ZR_MSG(kError, kCategory, "GeometryCompiler::loadCompanionModel the %s model '%s' of model '%s' is empty.\n", kind,
            path.c_str(), modelName.c_str());
     return false;
   }
-  const BinaryPtr& block = read.block;
   const uint64_t fileSize = block->len();
 
   const std::string sectionName = cstdmf::toUtf8(cstdmf::u8path(path).filename());

@@ -4,6 +4,7 @@
 // merged per format, every render set optimised, the buffers encoded, and the whole written as
 // one packed prototype.
 
+#include "geometry_compiler/compile_options.hpp"
 #include "geometry_compiler/compile_statistics.hpp"
 #include "geometry_compiler/element_columns.hpp"
 #include "geometry_compiler/merged_geometry.hpp"
@@ -55,17 +56,33 @@ public:
 
   // A .primitives file in memory: where it came from and its sections in file order, each
   // borrowing the one block that holds the file.
+  // A model held in memory: the bytes of its .primitives file and of each companion that it has,
+  // with the names the messages give them (the paths they were read from).
+  struct ModelBytes
+  {
+    struct Companion
+    {
+      std::string path; // empty: the model has none
+      BinaryPtr bytes;
+    };
+    std::string primitivesPath;
+    BinaryPtr primitives;
+    Companion collision;
+    Companion armor;
+    Companion armorVisual;
+    std::string modelName; // used only in companion-loading messages
+
+    // What compile() would be asked for these files.
+    Request request() const
+    {
+      return Request{primitivesPath, collision.path, armor.path, armorVisual.path, modelName};
+    }
+  };
+
   struct BinFile
   {
     std::string resourceName;
     std::vector<std::pair<std::string, BinaryPtr>> children;
-  };
-
-  struct Settings
-  {
-    bool encodeBuffers = true;  // store merged buffers in their encoded form
-    bool optimizeMeshes = true; // reorder every render set for the GPU caches
-    bool verifyVertices = true; // check converted vertices and report unusable ones
   };
 
   GeometryCompiler();
@@ -76,11 +93,6 @@ public:
   // Worker threads for optimising render sets and encoding buffers (1: all on the calling
   // thread). The output does not depend on it.
   void setJobs(unsigned jobs) { m_jobs = jobs == 0 ? 1 : jobs; }
-
-  // Refuse (an error naming the file, section and vertex) a vertex section holding a normal,
-  // tangent or binormal that is neither unit length nor zero, instead of letting its packing end
-  // the process through the assertion. Off by default: such data is a broken invariant.
-  void setRefuseUnpackableNormals(bool refuse) { m_refuseUnpackableNormals = refuse; }
 
   // Where the next compile records what it did (null: nothing is recorded). Not owned; must
   // outlive the compile.
@@ -95,6 +107,14 @@ public:
 
   // The whole conversion: reads the request's files and writes outputPath whole or not at all.
   // Returns false (after logging why) when no file was written.
+  [[nodiscard]] bool compile(const Request& request, const std::string& outputPath, const CompileOptions& options);
+  // The conversion of a model held in memory: the same steps, messages and bytes as compile() of
+  // the same files, but nothing is read or written. Returns the bytes of the .geometry file, or null
+  // (after logging why) when the compile failed; `outputPath` only names the result in messages.
+  [[nodiscard]] BinaryPtr compileBytes(const ModelBytes& model, const std::string& outputPath,
+                                       const CompileOptions& options);
+  // The same with the three switches given one by one (encode, optimize, verify) and the other
+  // options at their defaults.
   [[nodiscard]] bool compile(const Request& request, const std::string& outputPath, bool encode, bool optimize,
                              bool verify);
 
@@ -180,8 +200,16 @@ private:
     float texelDensity = 0.0f;
   };
 
-  // compile after its checks: load, companions, save.
-  bool compileModel(const Request& request, const std::string& outputPath);
+  // readFile after the read: splits the bytes of a whole file (reported as `path`) into sections.
+  bool takeFile(const std::string& path, const BinaryPtr& block, BinFile& binFile);
+  // compile after its checks: load, companions, save. With `model` the sources are taken from
+  // memory and the packed file is handed to *packed instead of being written.
+  bool compileModel(const Request& request, const std::string& outputPath, const ModelBytes* model = nullptr,
+                    BinaryPtr* packed = nullptr);
+  // The companion step over bytes already read: kept as a data section named after the file.
+  // False (reported) when there are none.
+  bool takeCompanionModel(const std::string& path, const std::string& modelName, const char* kind,
+                          const BinaryPtr& bytes);
 
   // Pairs every index range with its vertex range. With `optimizing`, reports the ranges that
   // cannot be paired and records each index buffer's largest vertex count.
@@ -262,6 +290,9 @@ private:
   bool saveArmor(SaveState& state, const std::string& resourcePath);
   void saveCollisionModels(SaveState& state);
   // Encodes every merged buffer in place, telling `measurement` of each index buffer encoded.
+  // save() up to the packed block; `resourcePath` only names it in messages. Null when it failed
+  // (reported).
+  BinaryPtr saveToBlock(const std::string& resourcePath, std::optional<StoredMeasurement>& measurement);
   void encodeBuffers(SaveState& state, StoredMeasurement* measurement = nullptr);
   void saveVerticesData(SaveState& state);
   void saveVerticesMapping(SaveState& state);
@@ -271,9 +302,8 @@ private:
   // Fills *m_statistics from what the compile met and the state it ended in.
   void gatherStatistics() const;
 
-  Settings m_settings;
+  CompileOptions m_settings;
   unsigned m_jobs = 1;
-  bool m_refuseUnpackableNormals = false;
   bool m_overdraw = false;
   std::function<bool()> m_approveWrite;
   CompileStatistics* m_statistics = nullptr;

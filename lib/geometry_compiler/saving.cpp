@@ -47,6 +47,19 @@ struct GeometryCompiler::SaveState
 bool GeometryCompiler::save(const std::string& resourcePath)
 {
   ZR_GUARD("GeometryCompiler::save");
+  std::optional<StoredMeasurement> measurement;
+  const BinaryPtr block = saveToBlock(resourcePath, measurement);
+  if (!block)
+    return false;
+  // The stored buffers are measured while the file is written.
+  const bool written = writeToFile(resourcePath, block);
+  if (measurement)
+    measurement->finish();
+  return written;
+}
+
+BinaryPtr GeometryCompiler::saveToBlock(const std::string& resourcePath, std::optional<StoredMeasurement>& measurement)
+{
   if (m_settings.optimizeMeshes)
     optimizeMesh();
   else if (m_statistics)
@@ -54,8 +67,7 @@ bool GeometryCompiler::save(const std::string& resourcePath)
 
   SaveState state;
   if (!saveArmor(state, resourcePath))
-    return false;
-  std::optional<StoredMeasurement> measurement;
+    return nullptr;
   if (m_settings.encodeBuffers && m_statistics)
     if (std::vector<StoredSet> sets = locateStoredSets(); !sets.empty())
       measurement.emplace(*this, std::move(sets));
@@ -68,14 +80,11 @@ bool GeometryCompiler::save(const std::string& resourcePath)
 
   BinaryPtr block = packData(state.prototype);
   if (!block)
-    return false;
+    return nullptr;
   if (m_approveWrite && !m_approveWrite())
-    return false;
+    return nullptr;
   m_progress.outputBytes = block->len();
-  const bool written = writeToFile(resourcePath, block);
-  if (measurement)
-    measurement->finish();
-  return written;
+  return block;
 }
 
 bool GeometryCompiler::saveArmor(SaveState& state, const std::string& resourcePath)

@@ -65,15 +65,14 @@ ToolIdentity ToolIdentity::current()
                       std::string(VERTEXMILL_BUILD_ID) + " meshoptimizer " + std::to_string(MESHOPTIMIZER_VERSION)};
 }
 
-std::optional<Digest> modelKey(const GeometryCompiler::Request& request, const OutputOptions& options,
+std::optional<Digest> modelKey(const GeometryCompiler::Request& request, const CompileOptions& options,
                                const ToolIdentity& identity, std::vector<InputStamp>* stamps)
 {
   content_cache::Sha256 hash;
   hash.updateField(kKeyScheme);
   hash.updateField(identity.version);
   hash.updateField(identity.buildId);
-  hash.updateField(std::string("encode=") + (options.encode ? "1" : "0") + " optimize=" + (options.optimize ? "1" : "0") +
-                   " verify=" + (options.verify ? "1" : "0"));
+  hash.updateField(options.keyText());
 
   const std::array<std::pair<std::string_view, const std::string*>, 4> files = {{
     {"primitives", &request.primitivesPath},
@@ -247,8 +246,9 @@ void ModelCache::finish()
     (void)m_local->evict(m_settings.maxBytes);
 }
 
-CachedConversion::CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request, std::string outputText)
-  : m_cache(cache), m_request(request), m_outputText(std::move(outputText))
+CachedConversion::CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request,
+                                   const CompileOptions& options, std::string outputText)
+  : m_cache(cache), m_request(request), m_options(options), m_outputText(std::move(outputText))
 {
 }
 
@@ -278,7 +278,7 @@ bool CachedConversion::replay(bool withoutErrors, Figures wanted)
 {
   if (!m_cache)
     return false;
-  m_key = modelKey(m_request, OutputOptions{}, ToolIdentity::current(), &m_stamps);
+  m_key = modelKey(m_request, m_options, ToolIdentity::current(), &m_stamps);
   if (!m_key)
     return false; // an unreadable input: the conversion says what is wrong
   const std::optional<CacheEntry> entry = m_cache->lookup(*m_key, m_request.primitivesPath);

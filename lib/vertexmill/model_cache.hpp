@@ -32,15 +32,6 @@ struct CacheSettings
   long timeoutSeconds = 10;        // per remote request
 };
 
-// What changes the bytes of an output besides the input files. The compiler switches are fixed in
-// this tool today; they are part of the key so that a tool that varies them cannot mix results.
-struct OutputOptions
-{
-  bool encode = true;
-  bool optimize = true;
-  bool verify = true;
-};
-
 // The version and build id of the converting code that a key is made for.
 struct ToolIdentity
 {
@@ -61,7 +52,7 @@ struct InputStamp
   bool operator==(const InputStamp&) const = default;
 };
 [[nodiscard]] std::optional<content_cache::Digest> modelKey(const GeometryCompiler::Request& request,
-                                                            const OutputOptions& options,
+                                                            const CompileOptions& options,
                                                             const ToolIdentity& identity,
                                                             std::vector<InputStamp>* stamps = nullptr);
 
@@ -127,7 +118,9 @@ void replayMessages(const std::vector<content_cache::CachedMessage>& messages, c
 class CachedConversion
 {
 public:
-  CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request, std::string outputText);
+  // `options` are those the model is compiled with: they are part of its key.
+  CachedConversion(ModelCache* cache, const GeometryCompiler::Request& request, const CompileOptions& options,
+                   std::string outputText);
 
   // How much of the conversion's figures a result must carry to be used: none, the statistics,
   // or the statistics with overdraw (--report-overdraw). A result kept without them is converted
@@ -156,6 +149,7 @@ public:
 private:
   ModelCache* m_cache;
   const GeometryCompiler::Request& m_request;
+  CompileOptions m_options;
   std::string m_outputText;
   std::optional<content_cache::Digest> m_key;
   std::vector<InputStamp> m_stamps;

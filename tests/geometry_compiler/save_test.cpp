@@ -424,9 +424,10 @@ TEST(Compile, UnpackableNormalsAreRefusedWhenAsked)
                                      {"a.indices", indexSection(gridIndices<uint16_t>(1))}}));
   LogCapture log;
   GeometryCompiler compiler;
-  compiler.setRefuseUnpackableNormals(true);
   GeometryCompiler::Request request{model.source.string(), "", "", "", "hull"};
-  EXPECT_FALSE(compiler.compile(request, model.output.string(), true, true, true));
+  CompileOptions refusing;
+  refusing.refuseUnpackableNormals = true;
+  EXPECT_FALSE(compiler.compile(request, model.output.string(), refusing));
   EXPECT_TRUE(log.contains("section 'a.vertices' of '" + model.source.string() +
                            "': vertex 1 has a normal that is neither unit length nor zero"));
   EXPECT_TRUE(std::filesystem::is_empty(model.output.parent_path()));
@@ -439,4 +440,59 @@ TEST(Compile, UnpackableNormalsAreRefusedWhenAsked)
   }
   EXPECT_FALSE(Moo::isPackableUnitVector(Moo::Vector3{0.0f, 0.0f, 1.02f}));
   EXPECT_FALSE(Moo::isPackableUnitVector(Moo::Vector3{0.0f, std::numeric_limits<float>::quiet_NaN(), 0.0f}));
+}
+
+// A model held in memory compiles to the bytes compile() writes for the same files, with the same
+// messages, whether it converts, loses a companion or fails.
+TEST(Compile, BytesInMemoryGiveWhatTheFilesGive)
+{
+  Model model;
+  const std::filesystem::path collision = model.dir.path / "hull.collision";
+  const std::filesystem::path armor = model.dir.path / "hull.armor";
+  writeFile(collision, std::vector<std::byte>(64, std::byte{7}));
+  writeFile(armor, std::vector<std::byte>{});
+  const auto good = container({{"a.vertices", vertexSection(gridVertices(5))},
+                               {"a.indices", indexSection(gridIndices<uint16_t>(5))},
+                               {"a.normals", std::vector<std::byte>(4)}});
+  const std::vector<std::vector<std::byte>> sources = {good, {}, std::vector<std::byte>(16, std::byte{0x5A}),
+                                                       container({{"a.vertices", std::vector<std::byte>(70)}})};
+  for (size_t i = 0; i < sources.size(); ++i)
+  {
+    SCOPED_TRACE(i);
+    writeFile(model.source, sources[i]);
+    std::filesystem::remove(model.output);
+    const GeometryCompiler::Request request{model.source.string(), collision.string(), armor.string(), "", "hull"};
+
+    LogCapture fromFiles;
+    CompileStatistics fileFigures;
+    GeometryCompiler compiler;
+    compiler.setStatistics(&fileFigures);
+    const bool written = compiler.compile(request, model.output.string(), CompileOptions{});
+    const std::string fileMessages = fromFiles.take();
+
+    const auto block = [](const std::vector<std::byte>& bytes) {
+      return BinaryPtr(new BinaryBlock(bytes.data(), bytes.size(), "Test"));
+    };
+    GeometryCompiler::ModelBytes inMemory;
+    inMemory.primitivesPath = request.primitivesPath;
+    inMemory.primitives = block(sources[i]);
+    inMemory.collision = {collision.string(), block(readFile(collision))};
+    inMemory.armor = {armor.string(), block({})};
+    inMemory.modelName = "hull";
+    CompileStatistics memoryFigures;
+    GeometryCompiler again;
+    again.setStatistics(&memoryFigures);
+    const BinaryPtr packed = again.compileBytes(inMemory, model.output.string(), CompileOptions{});
+    EXPECT_EQ(fromFiles.take(), fileMessages);
+    ASSERT_EQ(packed != nullptr, written);
+    EXPECT_EQ(memoryFigures.outputBytes, fileFigures.outputBytes);
+    EXPECT_EQ(memoryFigures.renderSets.size(), fileFigures.renderSets.size());
+    if (written)
+    {
+      const std::vector<std::byte> onDisk = readFile(model.output);
+      EXPECT_TRUE(std::equal(onDisk.begin(), onDisk.end(), reinterpret_cast<const std::byte*>(packed->data()),
+                             reinterpret_cast<const std::byte*>(packed->data()) + packed->len()));
+      EXPECT_EQ(onDisk.size(), packed->len());
+    }
+  }
 }

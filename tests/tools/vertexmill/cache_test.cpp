@@ -186,7 +186,7 @@ TEST(ModelCacheKey, EveryInputAndOptionChangesTheKeyButNotTheSourcePath)
   GeometryCompiler::Request request;
   request.primitivesPath = u8(root / "a/ship.primitives");
   const vertexmill::ToolIdentity identity{"1.0", "build"};
-  const auto key = [&](const GeometryCompiler::Request& r, vertexmill::OutputOptions options = {},
+  const auto key = [&](const GeometryCompiler::Request& r, CompileOptions options = {},
                        const vertexmill::ToolIdentity& tool = {"1.0", "build"}) {
     const auto digest = vertexmill::modelKey(r, options, tool);
     EXPECT_TRUE(digest.has_value());
@@ -203,6 +203,7 @@ TEST(ModelCacheKey, EveryInputAndOptionChangesTheKeyButNotTheSourcePath)
   expectNew(key(request, {false, true, true}), "encode");
   expectNew(key(request, {true, false, true}), "optimize");
   expectNew(key(request, {true, true, false}), "verify");
+  expectNew(key(request, {true, true, true, true}), "refuse unpackable normals");
   expectNew(key(request, {}, {"1.1", "build"}), "version");
   expectNew(key(request, {}, {"1.0", "other build"}), "build id");
   GeometryCompiler::Request companion = request;
