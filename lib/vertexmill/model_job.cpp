@@ -7,6 +7,7 @@
 #include "resmgr/file_io.hpp"
 #include "vertexmill/console_router.hpp"
 #include "vertexmill/model_cache.hpp"
+#include "vertexmill/model_sources.hpp"
 #include "vertexmill/report.hpp"
 
 #include <atomic>
@@ -28,41 +29,6 @@ namespace
 {
 constexpr std::string_view kGeometryExtension = ".geometry";
 
-// Companion files beside a model, tried in this order, and where each goes in the request.
-struct Companion
-{
-  std::string_view extension;
-  std::string GeometryCompiler::Request::*slot;
-};
-constexpr std::array<Companion, 3> kCompanions = {{
-  {".collision", &GeometryCompiler::Request::collisionPath},
-  {".armor", &GeometryCompiler::Request::armorPath},
-  {".armorvisual", &GeometryCompiler::Request::armorVisualPath},
-}};
-
-// Companions are looked for only beside the source, with exactly its stem.
-fs::path companionPath(const fs::path& source, std::string_view extension)
-{
-  fs::path name = source.stem();
-  name += cstdmf::u8path(extension);
-  return source.parent_path() / name;
-}
-
-GeometryCompiler::Request makeRequest(const fs::path& source)
-{
-  GeometryCompiler::Request request;
-  request.primitivesPath = cstdmf::toUtf8(source);
-  request.modelName = cstdmf::toUtf8(source.stem());
-  for (const Companion& companion : kCompanions)
-  {
-    const fs::path candidate = companionPath(source, companion.extension);
-    std::error_code error;
-    if (fs::exists(fs::status(candidate, error)))
-      request.*companion.slot = cstdmf::toUtf8(candidate);
-  }
-  return request;
-}
-
 // The write time of an existing file, or nothing (also when the file is missing).
 std::optional<fs::file_time_type> writeTime(const fs::path& path)
 {
@@ -74,26 +40,6 @@ std::optional<fs::file_time_type> writeTime(const fs::path& path)
 }
 } // namespace
 
-std::vector<fs::path> companionFiles(const fs::path& source)
-{
-  const GeometryCompiler::Request request = makeRequest(source);
-  std::vector<fs::path> files;
-  for (const Companion& companion : kCompanions)
-  {
-    if (!(request.*companion.slot).empty())
-      files.push_back(cstdmf::u8path(request.*companion.slot));
-  }
-  return files;
-}
-
-std::vector<fs::path> companionPaths(const fs::path& source)
-{
-  std::vector<fs::path> paths;
-  for (const Companion& companion : kCompanions)
-    paths.push_back(companionPath(source, companion.extension));
-  return paths;
-}
-
 fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relativeSource)
 {
   fs::path output = outputDirectory / relativeSource;
@@ -104,7 +50,7 @@ fs::path geometryPathFor(const fs::path& outputDirectory, const fs::path& relati
 // An output newer than its sources may still be damaged (cut short by a full disk, overwritten by
 // another program) or lack a companion that could not be read when it was made: either way it is
 // converted again, a damaged one with a warning.
-bool holdsWhatItShould(const fs::path& source, const fs::path& output)
+bool holdsWhatItShould(const ModelSources& sources, const fs::path& output)
 {
   const std::string outputText = cstdmf::toUtf8(output);
   const fileio::ReadResult read = fileio::readWholeFile(outputText, "Geometry");
@@ -120,9 +66,10 @@ bool holdsWhatItShould(const fs::path& source, const fs::path& output)
                outputText, problem);
     return false;
   }
-  for (const fs::path& companion : companionFiles(source))
+  const std::vector<fs::path> files = sources.files();
+  for (auto companion = files.begin() + 1; companion != files.end(); ++companion)
   {
-    const std::string name = cstdmf::toUtf8(companion.filename());
+    const std::string name = cstdmf::toUtf8(companion->filename());
     const auto named = [&name](const Moo::GeometryData::ModelData& model) { return model.name == name; };
     if (std::none_of(geometry.collisionModels().begin(), geometry.collisionModels().end(), named) &&
         std::none_of(geometry.armorModels().begin(), geometry.armorModels().end(), named))
@@ -131,29 +78,23 @@ bool holdsWhatItShould(const fs::path& source, const fs::path& output)
   return true;
 }
 
-bool isUpToDate(const fs::path& source, const fs::path& output, const std::optional<fs::file_time_type>& toolTime)
+bool isUpToDate(const ModelSources& sources, const fs::path& output,
+                const std::optional<fs::file_time_type>& toolTime)
 {
   std::error_code error;
-  if (!fs::is_regular_file(fs::status(output, error)))
+  if (!fs::is_regular_file(fs::status(output, error)) || sources.unexamined)
     return false;
   const std::optional<fs::file_time_type> outputTime = writeTime(output);
-  const std::optional<fs::file_time_type> sourceTime = writeTime(source);
-  if (!outputTime || !sourceTime || !toolTime)
+  if (!outputTime || !toolTime || !(*outputTime > *toolTime))
     return false;
-  if (!(*outputTime > *sourceTime && *outputTime > *toolTime))
-    return false;
-  for (const Companion& companion : kCompanions)
+  for (const fs::path& input : sources.files())
   {
-    const fs::path candidate = companionPath(source, companion.extension);
-    const fs::file_status status = fs::status(candidate, error);
-    if (status.type() == fs::file_type::not_found)
-      continue;
-    // A companion that is there but cannot be examined may have changed: convert again.
-    const std::optional<fs::file_time_type> companionTime = writeTime(candidate);
-    if (!companionTime || !(*outputTime > *companionTime))
+    // An input that is there but cannot be examined may have changed: convert again.
+    const std::optional<fs::file_time_type> inputTime = writeTime(input);
+    if (!inputTime || !(*outputTime > *inputTime))
       return false;
   }
-  return holdsWhatItShould(source, output);
+  return holdsWhatItShould(sources, output);
 }
 
 namespace
@@ -176,6 +117,8 @@ private:
 
 ModelResult convertModel(const fs::path& source, const fs::path& output, const ModelSettings& settings)
 {
+  const ModelSources sources = ModelSources::find(source);
+  const GeometryCompiler::Request& request = sources.request;
   const std::string sourceText = cstdmf::toUtf8(source);
   const std::string outputText = cstdmf::toUtf8(output);
 
@@ -209,10 +152,10 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
       if (settings.report)
         settings.report->addModel(settings.reportOrder, std::move(*report));
     }
-    return ModelResult{outcome, reason};
+    return ModelResult{outcome, reason, outcome == ModelOutcome::Failed ? std::vector<fs::path>{} : sources.files()};
   };
 
-  if (settings.incremental && isUpToDate(source, output, settings.toolTime))
+  if (settings.incremental && isUpToDate(sources, output, settings.toolTime))
   {
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {} (up to date)\n", outputText);
@@ -222,7 +165,6 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     return finish(ModelOutcome::UpToDate);
   }
 
-  const GeometryCompiler::Request request = makeRequest(source);
   ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
   ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {}\n", outputText);
 
@@ -240,7 +182,7 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     }
   }
 
-  CachedConversion cached(settings.cache, request, outputText);
+  CachedConversion cached(settings.cache, request, settings.compile, outputText);
   // A hit reports the figures its conversion measured; a kept result without them (an older
   // entry, or one without the overdraw asked for) is converted again, and kept again with them.
   using Figures = CachedConversion::Figures;
@@ -277,7 +219,7 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
       return false;
     });
   std::unique_ptr<MessageRecorder> recorder = cached.record();
-  const bool converted = compiler.compile(request, outputText, true, true, true);
+  const bool converted = compiler.compile(request, outputText, settings.compile);
   cached.keep(converted, std::move(recorder), statistics, measured);
   reason = compiler.systemReason();
   return finish(converted ? ModelOutcome::Converted : ModelOutcome::Failed);

@@ -2,6 +2,8 @@
 // Converting one model: its companion files, its output directory, the compiler run, and the
 // up-to-date check of --incremental.
 
+#include "geometry_compiler/compile_options.hpp"
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -12,9 +14,12 @@ namespace vertexmill
 
 class ModelCache;
 class Report;
+struct ModelSources;
 
 struct ModelSettings
 {
+  // What the model is compiled with; the tool always uses the defaults (every switch on).
+  CompileOptions compile;
   // Threads the compiler may use inside the model (optimising render sets, encoding buffers).
   unsigned compilerJobs = 1;
   // Skip the model when its output is newer than everything it is made from.
@@ -49,6 +54,8 @@ struct ModelResult
   // The system's words for the file operation that failed, when one did ("Permission denied");
   // the model's messages keep the tool's own wording, and this goes beside them.
   std::string reason;
+  // The files the output was made from (the source, then its companions); empty when it failed.
+  std::vector<std::filesystem::path> inputs;
 };
 
 // Converts source into output, logging the used-files pair (INFO) and every failure. A model
@@ -60,16 +67,10 @@ struct ModelResult
 [[nodiscard]] ModelResult convertModel(const std::filesystem::path& source, const std::filesystem::path& output,
                                         const ModelSettings& settings);
 
-// True when output is a file written after the source, each of its companion files and the tool
-// itself (toolTime). False whenever a time cannot be read.
-[[nodiscard]] bool isUpToDate(const std::filesystem::path& source, const std::filesystem::path& output,
+// True when output is a sound file written after the source, each of its companion files and the
+// tool itself (toolTime), holding every companion. False whenever a time cannot be read.
+[[nodiscard]] bool isUpToDate(const ModelSources& sources, const std::filesystem::path& output,
                               const std::optional<std::filesystem::file_time_type>& toolTime);
-
-// The companion files of a model that exist, in the order they are tried.
-std::vector<std::filesystem::path> companionFiles(const std::filesystem::path& source);
-// The companion files a source may have (.collision, .armor, .armorvisual beside it), whether
-// they exist or not.
-std::vector<std::filesystem::path> companionPaths(const std::filesystem::path& source);
 
 // dst / relative source, with the extension replaced by ".geometry".
 std::filesystem::path geometryPathFor(const std::filesystem::path& outputDirectory,

@@ -14,6 +14,7 @@
 #include "vertexmill/exit_status.hpp"
 #include "vertexmill/model_cache.hpp"
 #include "vertexmill/report.hpp"
+#include "vertexmill/worker_request.hpp"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/sink.h>
@@ -40,6 +41,7 @@ namespace fs = std::filesystem;
 namespace
 {
 // Frames on the child's standard output:
+//   "V <version>\n"               first: the version of the request the child took
 //   "M<level> <length>\n<text>"  a message, in the order logged
 //   "R <length>\n<json>"         the model's report entry
 //   "S <length>\n<text>"         the system's words for a file operation that failed
@@ -77,31 +79,11 @@ public:
   }
 };
 
-// A fault the tests ask a child to commit, through the environment: "<model stem>=<kind>" makes
-// the child converting that model abort, crash, hang or allocate without bound.
-void commitTestFault(const fs::path& source)
+// Set by test builds only (setWorkerFaultHook).
+std::function<void(const fs::path&)>& faultHook()
 {
-  const char* request = std::getenv("VERTEXMILL_WORKER_FAULT");
-  if (!request)
-    return;
-  const std::string_view text(request);
-  const size_t equals = text.find('=');
-  if (equals == std::string_view::npos || text.substr(0, equals) != cstdmf::toUtf8(source.stem()))
-    return;
-  const std::string_view kind = text.substr(equals + 1);
-  if (kind == "abort")
-    std::abort();
-  if (kind == "crash")
-    std::raise(SIGSEGV);
-  if (kind == "hang")
-    std::this_thread::sleep_for(std::chrono::hours(1));
-  if (kind == "allocate")
-  {
-    // Address space only: the pages are never touched, so the bound is met without using memory.
-    std::vector<std::unique_ptr<char[]>> blocks;
-    for (;;)
-      blocks.emplace_back(new char[size_t{256} << 20]);
-  }
+  static std::function<void(const fs::path&)> s_hook;
+  return s_hook;
 }
 
 bool readWhole(const fs::path& path, std::string& text)
@@ -115,6 +97,7 @@ bool readWhole(const fs::path& path, std::string& text)
 
 struct ChildOutput
 {
+  std::optional<int> version;
   std::optional<ModelOutcome> outcome;
   std::optional<ModelReport> report;
   std::string reason;
@@ -139,6 +122,13 @@ ChildOutput readFrames(std::string_view data, ModelLog& log, const std::function
       break;
     const std::string_view header = data.substr(0, lineEnd);
     data.remove_prefix(lineEnd + 1);
+    if (header.size() >= 3 && header[0] == 'V')
+    {
+      int version = 0;
+      if (std::from_chars(header.data() + 2, header.data() + header.size(), version).ec == std::errc())
+        result.version = version;
+      continue;
+    }
     if (header.size() >= 3 && header[0] == 'O')
     {
       const int code = header[2] - '0';
@@ -222,28 +212,16 @@ ModelResult convertModelInWorker(const std::string& program, const fs::path& sou
   const fs::path errPath = scratchPath(".err");
   io.stdoutPath = cstdmf::toUtf8(outPath);
   io.stderrPath = cstdmf::toUtf8(errPath);
-  const std::vector<std::string> arguments = {kWorkerOption,
-                                              sourceText,
-                                              cstdmf::toUtf8(output),
-                                              std::to_string(settings.compilerJobs),
-                                              std::to_string((settings.incremental ? 1 : 0) | (settings.strict ? 2 : 0)),
-                                              !settings.report && !settings.stats ? "0"
-                                              : settings.reportOverdraw         ? "2"
-                                                                                : "1"};
-  // The worker opens the run's cache itself; the folder is bounded once, by this process.
-  std::vector<std::string> workerArguments = arguments;
-  if (settings.cache)
-  {
-    const CacheSettings& cache = settings.cache->settings();
-    workerArguments.push_back(cstdmf::toUtf8(cache.directory));
-    workerArguments.push_back(cache.url);
-    workerArguments.push_back(std::to_string(cache.timeoutSeconds));
-  }
+  const std::string request = WorkerRequest::forModel(sourceText, cstdmf::toUtf8(output), settings).toJson();
+  const fs::path requestPath = scratchPath(".request");
+  const fileio::WriteResult written = fileio::writeWholeFile(
+    cstdmf::toUtf8(requestPath), std::as_bytes(std::span<const char>(request.data(), request.size())));
   platform::ChildLimits childLimits;
   childLimits.timeoutMilliseconds = limits.timeoutSeconds * 1000u;
   childLimits.memoryBytes = limits.memoryBytes;
-  const platform::ChildRun run =
-    platform::runLimitedProcess(program, workerArguments, io, childLimits);
+  platform::ChildRun run;
+  if (written)
+    run = platform::runLimitedProcess(program, {kWorkerOption, cstdmf::toUtf8(requestPath)}, io, childLimits);
 
   std::string frames, errors;
   (void)readWhole(outPath, frames);
@@ -251,6 +229,7 @@ ModelResult convertModelInWorker(const std::string& program, const fs::path& sou
   std::error_code ignored;
   fs::remove(outPath, ignored);
   fs::remove(errPath, ignored);
+  fs::remove(requestPath, ignored);
 
   ChildOutput child = readFrames(frames, log, keep);
   // Whatever the child wrote outside the logger (a runtime's last words) is an error of the model.
@@ -265,16 +244,20 @@ ModelResult convertModelInWorker(const std::string& program, const fs::path& sou
     start = end + 1;
   }
 
-  const bool normalEnd = run.started && !run.timedOut && child.outcome &&
-                         (run.status == kExitSuccess || run.status == kExitConversionFailed);
+  const bool normalEnd = run.started && !run.timedOut && child.version == WorkerRequest::kVersion && child.outcome &&
+                         (run.status == kExitSuccess || run.status == kExitFailed);
   if (!normalEnd)
   {
     std::string reason;
     // The closing list puts the model's path before this, its first error when it said nothing.
-    if (!run.started)
+    if (!written)
+      reason = "could not write the request of a worker process for " + sourceText + ": " + written.reason;
+    else if (!run.started)
       reason = "could not start a worker process for " + sourceText;
     else if (run.timedOut)
       reason = "the conversion was stopped after " + std::to_string(limits.timeoutSeconds) + " seconds";
+    else if (run.status == kExitBadCommandLine && !child.version)
+      reason = "the worker process refused the request for " + sourceText;
     else if (run.status == 255 || run.status == -1)
       reason = "a critical error ended the conversion of " + sourceText;
 #ifndef _WIN32
@@ -313,25 +296,29 @@ ModelResult convertModelInWorker(const std::string& program, const fs::path& sou
   return result;
 }
 
+void setWorkerFaultHook(std::function<void(const fs::path& source)> hook)
+{
+  faultHook() = std::move(hook);
+}
+
 int runModelWorker(const std::vector<std::string>& arguments)
 {
-  if (arguments.size() != 5 && arguments.size() != 8)
+  // Written by the tool itself, but still checked: a worker started by hand, or by a tool of
+  // another version, says what it cannot take, and does nothing.
+  if (arguments.size() != 1)
   {
-    std::fputs("ERROR: the worker needs source, output, jobs, incremental, report and maybe the cache\n", stderr);
+    std::fputs("ERROR: a worker takes one argument, the file of its request\n", stderr);
     return kExitBadCommandLine;
   }
-  // Written by the tool itself, but still checked: a worker started by hand with wrong values
-  // says which one, and does nothing.
-  const std::optional<uint64_t> jobs = FW::parseBoundedNumber(arguments[2], 1, 1024);
-  const std::optional<uint64_t> flags = FW::parseBoundedNumber(arguments[3], 0, 3); // bit 0 --incremental, bit 1 --strict
-  const std::optional<uint64_t> figures = FW::parseBoundedNumber(arguments[4], 0, 2); // none, statistics, with overdraw
-  const std::optional<uint64_t> timeout =
-    arguments.size() == 8 ? FW::parseBoundedNumber(arguments[7], 1, 600) : std::optional<uint64_t>(1);
-  if (!jobs || !flags || !figures || !timeout)
+  const fileio::ReadResult read = fileio::readWholeFile(arguments[0], "WorkerRequest");
+  WorkerRequest request;
+  std::string problem = read ? std::string() : read.reason;
+  if (read && !WorkerRequest::fromJson(std::string_view(read.block->data(), read.block->len()), request, problem))
+    problem = "it is not a request this worker takes: " + problem;
+  if (!problem.empty())
   {
-    std::fprintf(stderr, "ERROR: the worker's %s '%s' is out of range\n",
-                 !jobs ? "job count" : !flags ? "flags" : !figures ? "report level" : "cache timeout",
-                 (!jobs ? arguments[2] : !flags ? arguments[3] : !figures ? arguments[4] : arguments[7]).c_str());
+    std::fprintf(stderr, "ERROR: cannot take the worker request %s: %s\n", toDisplayText(arguments[0]).c_str(),
+                 toDisplayText(problem).c_str());
     return kExitBadCommandLine;
   }
   platform::useBinaryStandardStreams();
@@ -341,16 +328,19 @@ int runModelWorker(const std::vector<std::string>& arguments)
   (void)ZRResource::init(std::vector<std::string>{});
   Moo::PrimitiveVertexFormat::init(0);
 
-  const fs::path source = cstdmf::u8path(arguments[0]);
-  const fs::path output = cstdmf::u8path(arguments[1]);
+  std::fprintf(stdout, "V %d\n", WorkerRequest::kVersion);
+  std::fflush(stdout);
+  const fs::path source = cstdmf::u8path(request.source);
+  const fs::path output = cstdmf::u8path(request.output);
   ModelSettings settings;
-  settings.compilerJobs = static_cast<unsigned>(*jobs);
-  settings.incremental = (*flags & 1) != 0;
-  settings.strict = (*flags & 2) != 0;
+  settings.compile = request.compile;
+  settings.compilerJobs = request.compilerJobs;
+  settings.incremental = request.incremental;
+  settings.strict = request.strict;
   Report report;
-  if (*figures != 0)
+  if (request.figures != WorkerRequest::Figures::None)
     settings.report = &report;
-  settings.reportOverdraw = *figures == 2;
+  settings.reportOverdraw = request.figures == WorkerRequest::Figures::WithOverdraw;
   if (settings.incremental)
   {
     std::error_code error;
@@ -360,17 +350,18 @@ int runModelWorker(const std::vector<std::string>& arguments)
   }
 
   std::unique_ptr<ModelCache> cache;
-  if (arguments.size() == 8)
+  if (request.cache)
   {
     CacheSettings cacheSettings;
-    cacheSettings.directory = cstdmf::u8path(arguments[5]);
-    cacheSettings.url = arguments[6];
-    cacheSettings.timeoutSeconds = static_cast<long>(*timeout);
+    cacheSettings.directory = cstdmf::u8path(request.cache->directory);
+    cacheSettings.url = request.cache->url;
+    cacheSettings.timeoutSeconds = request.cache->timeoutSeconds;
     cache = std::make_unique<ModelCache>(cacheSettings);
     settings.cache = cache.get();
   }
 
-  commitTestFault(source);
+  if (faultHook())
+    faultHook()(source);
   const ModelResult result = convertModel(source, output, settings);
   for (const ModelReport& model : report.takeModels())
   {
@@ -387,7 +378,7 @@ int runModelWorker(const std::vector<std::string>& arguments)
   std::fflush(stdout);
   Moo::PrimitiveVertexFormat::fini();
   ZRResource::fini();
-  return result.outcome == ModelOutcome::Failed ? kExitConversionFailed : kExitSuccess;
+  return result.outcome == ModelOutcome::Failed ? kExitFailed : kExitSuccess;
 }
 
 } // namespace vertexmill

@@ -2,8 +2,8 @@
 // Converting a model in a process of its own (--keep-going), so that nothing the model does (an
 // assertion, a library abort, a crash, running away in time or memory) can end the run.
 //
-// The parent starts the tool itself with the hidden first argument kWorkerOption. The child
-// converts the one model and writes what it logged, its report entry and its outcome to standard
+// The parent starts the tool itself with the hidden first argument kWorkerOption and the file of a
+// WorkerRequest. The child converts the one model and writes what it logged, its report entry and its outcome to standard
 // output as frames; the parent reads them back into the model's log, so the console looks as if
 // the model had been converted in the parent.
 
@@ -39,7 +39,12 @@ WorkerLimits defaultWorkerLimits();
                                                 const WorkerLimits& limits, ModelLog& log,
                                                 const std::function<bool(int level)>& keep);
 
-// The child's side: `arguments` are what followed kWorkerOption. Returns the exit status.
+// The child's side: `arguments` are what followed kWorkerOption (the file of its request,
+// worker_request.hpp). Returns the exit status.
 int runModelWorker(const std::vector<std::string>& arguments);
+
+// Test builds only: called in the worker with the model's source just before it is converted, so a
+// test can make that model's worker crash, hang or run out of memory. The tool never sets it.
+void setWorkerFaultHook(std::function<void(const std::filesystem::path& source)> hook);
 
 } // namespace vertexmill

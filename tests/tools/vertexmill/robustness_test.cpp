@@ -242,7 +242,8 @@ TEST_F(Robustness, WorkerProcessesContainCrashesAbortsAndRunaways)
     setFault(fault);
     fs::remove_all(path("out"));
     fs::create_directories(path("out"));
-    const RunResult result = run({"--keep-going", "--time-limit", "2", "-j2", "--tree", str("tree"), str("out")});
+    const RunResult result =
+      run({"--keep-going", "--time-limit", "2", "-j2", "--tree", str("tree"), str("out")}, {}, kFaultyToolPath);
     setFault(nullptr);
     EXPECT_EQ(result.status, 3) << result.err;
     EXPECT_NE(result.err.find("1 of 4 models failed"), std::string::npos) << result.err;
@@ -316,6 +317,8 @@ TEST_F(Robustness, OptionsThatWouldDestroyOrMisleadAreRefused)
     std::string message; // what the one ERROR line starts with
   };
   const std::string crate = str("one/crate.primitives");
+  writeFile(path("request.json"), R"({"version": 1, "source": "s", "output": "o", "compilerJobs": 0})");
+  writeFile(path("old-request.json"), R"({"version": 0})");
   const std::vector<Case> cases = {
     // Inputs and outputs of the same run.
     {{"--report-html", str("tree/a.primitives"), "--tree", str("tree"), str("out")},
@@ -344,11 +347,15 @@ TEST_F(Robustness, OptionsThatWouldDestroyOrMisleadAreRefused)
     {{"--tree", "--keep-going", "--memory-limit", "4G", str("tree"), str("out")},
      "ERROR: invalid value '4G' for --memory-limit: expected a whole number of MiB from 0 to 1048576"},
     {{"--tree", "--memory-limit", "512", str("tree"), str("out")}, "ERROR: --memory-limit works with --keep-going only"},
-    // A worker started with values the tool never writes names the bad one and does nothing.
-    {{"--model-worker", crate, str("out/crate.geometry"), "abc", "0", "0"},
-     "ERROR: the worker's job count 'abc' is out of range"},
-    {{"--model-worker", crate, str("out/crate.geometry"), "1", "0", "0", str("cache"), "", "0"},
-     "ERROR: the worker's cache timeout '0' is out of range"},
+    // A worker started with a request the tool never writes names what is wrong and does nothing.
+    {{"--model-worker", crate, str("out/crate.geometry")},
+     "ERROR: a worker takes one argument, the file of its request"},
+    {{"--model-worker", str("request.json")},
+     "ERROR: cannot take the worker request " + str("request.json") +
+       ": it is not a request this worker takes: field 'compilerJobs': expected a whole number from 1 to 1024"},
+    {{"--model-worker", str("old-request.json")},
+     "ERROR: cannot take the worker request " + str("old-request.json") +
+       ": it is not a request this worker takes: it is of version 0, and this worker takes version 1"},
     {{"--cache", str("cache"), "--cache-max-size", "lots", crate, str("out")},
      "ERROR: invalid value 'lots' for --cache-max-size"},
     {{"--cache-url", "http://localhost:1", "--cache-timeout", "0", crate, str("out")},
@@ -442,11 +449,12 @@ TEST_F(Robustness, WorkersDieWithAKilledRun)
 {
   writeGoodModels("tree");
   fs::create_directories(path("out"));
-  const std::string worker = "pgrep -f -- '[-]-model-worker.*" + str("tree") + "/a.primitives' >/dev/null";
+  // Only the hanging worker of model a lives long, and only these runs use the faulty tool.
+  const std::string worker = "pgrep -f -- '^" + std::string(kFaultyToolPath) + " [-]-model-worker' >/dev/null";
   for (const std::string signal : {"KILL", "TERM", "INT"})
   {
     SCOPED_TRACE(signal);
-    const std::string script = "VERTEXMILL_WORKER_FAULT=a=hang " + shellQuote(kToolPath) +
+    const std::string script = "VERTEXMILL_WORKER_FAULT=a=hang " + shellQuote(kFaultyToolPath) +
                                " -q --keep-going --tree " + shellQuote(str("tree")) + " " + shellQuote(str("out")) +
                                " & run=$!; for i in $(seq 50); do " + worker + " && break; sleep 0.1; done; kill -" +
                                signal + " $run; wait $run; status=$?; for i in $(seq 50); do " + worker +

@@ -28,6 +28,8 @@ namespace fs = std::filesystem;
 namespace vertexmill_test
 {
 constexpr const char* kToolPath = VERTEXMILL_TOOL_PATH;
+// The tool with a worker fault hook (VERTEXMILL_WORKER_FAULT), for the robustness tests.
+constexpr const char* kFaultyToolPath = VERTEXMILL_FAULTY_TOOL_PATH;
 constexpr const char* kEmptyArguments = "ERROR: empty arguments not allowed ( use . as current directory )\n";
 
 struct RunResult
