@@ -21,39 +21,19 @@
 
 set -euo pipefail
 
-if [[ $# -ne 1 ]]; then
-  echo "usage: $0 BUILD_DIR" >&2
-  exit 1
-fi
-build=$(cd "$1" && pwd)
-script_dir=$(cd "$(dirname "$0")" && pwd)
-corpus=${VERTEXMILL_CORPUS:-$script_dir/../../shared/corpus}
+bench_name=bench_corpus
+source "$(dirname "$0")/common.sh"
+bench_setup "$@"
 repeats=${REPEATS:-5}
-
-if [[ ! -d $corpus ]]; then
-  echo "bench_corpus: no mesh corpus at '$corpus' (set VERTEXMILL_CORPUS); nothing to measure."
-  exit 0
-fi
-corpus=$(cd "$corpus" && pwd)
-
-vertexmill=$build/tools/vertexmill/vertexmill
-importer=$build/tools/primitives_from_obj/primitives_from_obj
 prepare=$build/bench/bench_corpus_prepare
 bare=$build/bench/bench_corpus_bare
 compile_bench=$build/bench/bench_compile
 gltfpack=${GLTFPACK:-$(command -v gltfpack || true)}
 gnu_time=/usr/bin/time
 
-for tool in "$vertexmill" "$importer" "$prepare" "$bare"; do
-  if [[ ! -x $tool ]]; then
-    echo "bench_corpus: $tool is not built (ninja vertexmill primitives_from_obj bench_corpus_prepare bench_corpus_bare)" >&2
-    exit 1
-  fi
-done
-if [[ ! -x $gnu_time ]]; then
-  echo "bench_corpus: $gnu_time is missing (apt-get install -y time)" >&2
-  exit 1
-fi
+bench_require "ninja vertexmill primitives_from_obj bench_corpus_prepare bench_corpus_bare" \
+  "$vertexmill" "$importer" "$prepare" "$bare"
+bench_require "apt-get install -y time" "$gnu_time"
 if [[ -z $gltfpack ]]; then
   echo "bench_corpus: gltfpack not found; its columns stay empty (apt-get install -y gltfpack)" >&2
 fi

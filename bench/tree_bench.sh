@@ -22,54 +22,14 @@
 
 set -euo pipefail
 
-if [[ $# -ne 1 ]]; then
-  echo "usage: $0 BUILD_DIR" >&2
-  exit 1
-fi
-build=$(cd "$1" && pwd)
-script_dir=$(cd "$(dirname "$0")" && pwd)
-corpus=${VERTEXMILL_CORPUS:-$script_dir/../../shared/corpus}
+bench_name=bench_tree
+source "$(dirname "$0")/common.sh"
+bench_setup "$@"
 repeats=${REPEATS:-7}
-cache=${TREE_CACHE:-$build/bench_tree_models}
-
-if [[ ! -d $corpus ]]; then
-  echo "bench_tree: no mesh corpus at '$corpus' (set VERTEXMILL_CORPUS); nothing to measure."
-  exit 0
-fi
-vertexmill=$build/tools/vertexmill/vertexmill
-importer=$build/tools/primitives_from_obj/primitives_from_obj
 gnu_time=/usr/bin/time
-for tool in "$vertexmill" "$importer"; do
-  if [[ ! -x $tool ]]; then
-    echo "bench_tree: $tool is not built (ninja vertexmill primitives_from_obj)" >&2
-    exit 1
-  fi
-done
-if [[ ! -x $gnu_time ]]; then
-  echo "bench_tree: $gnu_time is missing (apt-get install -y time)" >&2
-  exit 1
-fi
-
-# The tree: FORMAT/MESH.primitives.
-small_meshes=(spot_low_resolution spot_triangulated boat pizza nefertiti-lowres koala)
-small_formats=(xyznuv xyznuvtb xyznuv2tb)
-large_formats=(xyznuvtb xyznuv)
-tree=$cache/models
-if [[ ! -f $cache/complete || $importer -nt $cache/complete ]]; then
-  echo "bench_tree: importing the corpus into $tree (once)..."
-  rm -rf "$cache"
-  for format in "${small_formats[@]}"; do
-    mkdir -p "$tree/$format"
-    for mesh in "${small_meshes[@]}"; do
-      "$importer" "$corpus/$mesh.obj" "$tree/$format/$mesh.primitives" --format "$format" >/dev/null
-    done
-  done
-  for format in "${large_formats[@]}"; do
-    mkdir -p "$tree/$format"
-    "$importer" "$corpus/merged_scene.obj.gz" "$tree/$format/merged_scene.primitives" --format "$format" >/dev/null
-  done
-  touch "$cache/complete"
-fi
+bench_require "ninja vertexmill primitives_from_obj" "$vertexmill" "$importer"
+bench_require "apt-get install -y time" "$gnu_time"
+bench_tree_models "${TREE_CACHE:-$build/bench_tree_models}"
 models=$(find "$tree" -name '*.primitives' | wc -l)
 single=$tree/xyznuvtb/merged_scene.primitives
 
