@@ -18,49 +18,17 @@ std::string errnoText(int code)
 {
   return std::generic_category().message(code);
 }
-} // namespace
 
-bool hashFile(const fs::path& path, Sha256& hash, std::string& problem)
-{
-  if (cstdmf::isSpecialFile(path))
-  {
-    problem = std::string(cstdmf::kSpecialFileReason);
-    return false;
-  }
-  errno = 0;
-  std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
-  if (!file)
-  {
-    problem = errnoText(errno != 0 ? errno : EIO);
-    return false;
-  }
-  std::vector<char> buffer(size_t(1) << 20);
-  for (;;)
-  {
-    const size_t count = std::fread(buffer.data(), 1, buffer.size(), file);
-    hash.update(std::as_bytes(std::span<const char>(buffer.data(), count)));
-    if (count < buffer.size())
-      break;
-  }
-  const bool failed = std::ferror(file) != 0;
-  std::fclose(file);
-  if (failed)
-  {
-    problem = errnoText(EIO);
-    return false;
-  }
-  return true;
-}
-
-bool readWholeFile(const fs::path& path, std::string& bytes, std::string& problem, bool* missing)
+// Opens a file for reading, never a pipe, socket or device (reading one could wait forever). Null
+// with the reason in `problem`; `missing` tells a file that is not there.
+std::FILE* openForReading(const fs::path& path, std::string& problem, bool* missing = nullptr)
 {
   if (missing)
     *missing = false;
-  bytes.clear();
   if (cstdmf::isSpecialFile(path))
   {
     problem = std::string(cstdmf::kSpecialFileReason);
-    return false;
+    return nullptr;
   }
   errno = 0;
   std::FILE* file = platform::openFile(cstdmf::toUtf8(path), "rb");
@@ -70,8 +38,43 @@ bool readWholeFile(const fs::path& path, std::string& bytes, std::string& proble
     if (missing)
       *missing = code == ENOENT;
     problem = errnoText(code != 0 ? code : EIO);
-    return false;
   }
+  return file;
+}
+
+// Closes a file read to its end; false with the reason when a read failed.
+bool closeAfterReading(std::FILE* file, std::string& problem)
+{
+  const bool failed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (failed)
+    problem = errnoText(EIO);
+  return !failed;
+}
+} // namespace
+
+bool hashFile(const fs::path& path, Sha256& hash, std::string& problem)
+{
+  std::FILE* file = openForReading(path, problem);
+  if (!file)
+    return false;
+  std::vector<char> buffer(size_t(1) << 20);
+  for (;;)
+  {
+    const size_t count = std::fread(buffer.data(), 1, buffer.size(), file);
+    hash.update(std::as_bytes(std::span<const char>(buffer.data(), count)));
+    if (count < buffer.size())
+      break;
+  }
+  return closeAfterReading(file, problem);
+}
+
+bool readWholeFile(const fs::path& path, std::string& bytes, std::string& problem, bool* missing)
+{
+  bytes.clear();
+  std::FILE* file = openForReading(path, problem, missing);
+  if (!file)
+    return false;
   // Read at its size in one go: growing the buffer would copy and touch the bytes several times.
   std::error_code sizeError;
   const uintmax_t expected = fs::file_size(path, sizeError);
@@ -89,14 +92,7 @@ bool readWholeFile(const fs::path& path, std::string& bytes, std::string& proble
     if (count < sizeof(buffer))
       break;
   }
-  const bool failed = std::ferror(file) != 0;
-  std::fclose(file);
-  if (failed)
-  {
-    problem = errnoText(EIO);
-    return false;
-  }
-  return true;
+  return closeAfterReading(file, problem);
 }
 
 } // namespace content_cache
