@@ -85,56 +85,9 @@ size_t encodeUtf8(char32_t codePoint, char* out)
 // prefix (at least one byte), so the byte that broke the sequence starts the next read.
 char32_t decodeUtf8(std::string_view text, size_t& pos)
 {
-  const auto byteAt = [&](size_t index) { return static_cast<unsigned char>(text[index]); };
-  const unsigned char lead = byteAt(pos++);
-  if (lead < 0x80)
-    return lead;
-
-  size_t trailing = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  char32_t codePoint = 0;
-  if (lead >= 0xC2 && lead <= 0xDF)
-  {
-    trailing = 1;
-    codePoint = lead & 0x1F;
-  }
-  else if (lead >= 0xE0 && lead <= 0xEF)
-  {
-    trailing = 2;
-    codePoint = lead & 0x0F;
-    if (lead == 0xE0)
-      low = 0xA0; // overlong below U+0800
-    else if (lead == 0xED)
-      high = 0x9F; // surrogates
-  }
-  else if (lead >= 0xF0 && lead <= 0xF4)
-  {
-    trailing = 3;
-    codePoint = lead & 0x07;
-    if (lead == 0xF0)
-      low = 0x90; // overlong below U+10000
-    else if (lead == 0xF4)
-      high = 0x8F; // beyond U+10FFFF
-  }
-  else
-  {
-    return kReplacement; // a stray continuation byte, C0, C1 or F5..FF
-  }
-
-  for (size_t i = 0; i < trailing; ++i)
-  {
-    if (pos >= text.size())
-      return kReplacement;
-    const unsigned char byte = byteAt(pos);
-    if (byte < low || byte > high)
-      return kReplacement;
-    codePoint = (codePoint << 6) | (byte & 0x3F);
-    ++pos;
-    low = 0x80;
-    high = 0xBF;
-  }
-  return codePoint;
+  const Utf8Step step = decodeUtf8At(text, pos);
+  pos += step.length != 0 ? step.length : step.malformedLength;
+  return step.length != 0 ? step.codePoint : kReplacement;
 }
 
 template <typename Unit>
@@ -211,6 +164,74 @@ std::string utf16toutf8(std::u16string_view text)
 std::u16string utf8toutf16(std::string_view text)
 {
   return utf8ToWide<std::u16string>(text);
+}
+
+Utf8Step decodeUtf8At(std::string_view text, size_t start)
+{
+  const auto byteAt = [&](size_t index) { return static_cast<unsigned char>(text[index]); };
+  size_t pos = start;
+  const auto malformed = [&] { return Utf8Step{kReplacement, 0, pos - start}; };
+  const unsigned char lead = byteAt(pos++);
+  if (lead < 0x80)
+    return Utf8Step{lead, 1, 0};
+
+  size_t trailing = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  char32_t codePoint = 0;
+  if (lead >= 0xC2 && lead <= 0xDF)
+  {
+    trailing = 1;
+    codePoint = lead & 0x1F;
+  }
+  else if (lead >= 0xE0 && lead <= 0xEF)
+  {
+    trailing = 2;
+    codePoint = lead & 0x0F;
+    if (lead == 0xE0)
+      low = 0xA0; // overlong below U+0800
+    else if (lead == 0xED)
+      high = 0x9F; // surrogates
+  }
+  else if (lead >= 0xF0 && lead <= 0xF4)
+  {
+    trailing = 3;
+    codePoint = lead & 0x07;
+    if (lead == 0xF0)
+      low = 0x90; // overlong below U+10000
+    else if (lead == 0xF4)
+      high = 0x8F; // beyond U+10FFFF
+  }
+  else
+  {
+    return malformed(); // a stray continuation byte, C0, C1 or F5..FF
+  }
+
+  for (size_t i = 0; i < trailing; ++i)
+  {
+    if (pos >= text.size())
+      return malformed();
+    const unsigned char byte = byteAt(pos);
+    if (byte < low || byte > high)
+      return malformed();
+    codePoint = (codePoint << 6) | (byte & 0x3F);
+    ++pos;
+    low = 0x80;
+    high = 0xBF;
+  }
+  return Utf8Step{codePoint, pos - start, 0};
+}
+
+bool isValidUtf8(std::string_view text)
+{
+  for (size_t pos = 0; pos < text.size();)
+  {
+    const Utf8Step step = decodeUtf8At(text, pos);
+    if (step.length == 0)
+      return false;
+    pos += step.length;
+  }
+  return true;
 }
 
 } // namespace FW::StringUtils

@@ -25,6 +25,21 @@ inline constexpr size_t kMaxUtf8BytesPerWideChar = 4;
 std::string wtoutf8(std::wstring_view text);
 std::wstring utf8tow(std::string_view text);
 
+// One step of reading UTF-8 at text[pos] (pos < text.size()): the code point and the length of the
+// well-formed sequence there, or, when it is malformed, length 0 and the length of its longest
+// valid prefix (at least 1) in malformedLength. Overlong forms, surrogates and values beyond
+// U+10FFFF are malformed.
+struct Utf8Step
+{
+  char32_t codePoint = 0;
+  size_t length = 0;
+  size_t malformedLength = 0;
+};
+Utf8Step decodeUtf8At(std::string_view text, size_t pos);
+
+// Whether every byte of the text belongs to a well-formed UTF-8 sequence.
+bool isValidUtf8(std::string_view text);
+
 // The same conversions with UTF-16 spelled out, whatever the width of wchar_t.
 std::string utf16toutf8(std::u16string_view text);
 std::u16string utf8toutf16(std::string_view text);

@@ -1,5 +1,7 @@
 #include "vertexmill/display_text.hpp"
 
+#include "fw/string_utils.hpp"
+
 #include <cstdint>
 #include <cstdio>
 
@@ -17,61 +19,9 @@ bool isContinuation(unsigned char byte)
 // Length of the well-formed sequence at text[pos], or 0 when the byte there starts none.
 size_t sequenceLength(std::string_view text, size_t pos)
 {
-  const auto at = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = at(pos);
-  if (lead < 0x80)
-    return 1;
-  size_t length = 0;
-  uint32_t lowest = 0;
-  uint32_t code = 0;
-  if ((lead & 0xE0) == 0xC0)
-  {
-    length = 2;
-    lowest = 0x80;
-    code = lead & 0x1F;
-  }
-  else if ((lead & 0xF0) == 0xE0)
-  {
-    length = 3;
-    lowest = 0x800;
-    code = lead & 0x0F;
-  }
-  else if ((lead & 0xF8) == 0xF0)
-  {
-    length = 4;
-    lowest = 0x10000;
-    code = lead & 0x07;
-  }
-  else
-    return 0;
-  if (text.size() - pos < length)
-    return 0;
-  for (size_t i = 1; i < length; ++i)
-  {
-    if (!isContinuation(at(pos + i)))
-      return 0;
-    code = (code << 6) | (at(pos + i) & 0x3F);
-  }
-  if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
-    return 0;
-  return length;
-}
-} // namespace
-
-bool isValidUtf8(std::string_view text)
-{
-  for (size_t pos = 0; pos < text.size();)
-  {
-    const size_t length = sequenceLength(text, pos);
-    if (length == 0)
-      return false;
-    pos += length;
-  }
-  return true;
+  return FW::StringUtils::decodeUtf8At(text, pos).length;
 }
 
-namespace
-{
 // A character a terminal would act on rather than show: the C0 controls but line end and tab,
 // DEL, and the C1 controls (U+0080 to U+009F; 0x9B alone starts an escape sequence on some
 // terminals).

@@ -9,10 +9,6 @@
 namespace vertexmill
 {
 
-// True when the text is well-formed UTF-8 (no overlong forms, no surrogates, nothing above
-// U+10FFFF, no sequence cut short).
-bool isValidUtf8(std::string_view text);
-
 // The text with every byte that does not belong to a well-formed UTF-8 sequence replaced by
 // U+FFFD, and every control character a terminal would act on (escape sequences, carriage
 // return, backspace; not line end or tab) written as its code ("\x1b", "\u009b"): names and

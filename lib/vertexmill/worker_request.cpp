@@ -1,7 +1,7 @@
 #include "vertexmill/worker_request.hpp"
 
 #include "cstdmf/path_utils.hpp"
-#include "vertexmill/display_text.hpp"
+#include "fw/string_utils.hpp"
 #include "vertexmill/model_cache.hpp"
 #include "vertexmill/model_job.hpp"
 #include "vertexmill/tool_options.hpp"
@@ -20,7 +20,7 @@ using nlohmann::json;
 // {"hex": "<its bytes>"}, which JSON strings cannot hold.
 json textToJson(const std::string& text)
 {
-  if (isValidUtf8(text))
+  if (FW::StringUtils::isValidUtf8(text))
     return text;
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string hex;

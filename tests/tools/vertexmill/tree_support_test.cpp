@@ -5,6 +5,7 @@
 #include "cstdmf/parallel.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
+#include "fw/string_utils.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "tool_test_support.hpp"
 #include "vertexmill/cache_options.hpp"
@@ -76,7 +77,7 @@ TEST(DisplayText, EveryBadByteBecomesOneReplacementCharacter)
   };
   for (const auto& [raw, shown] : cases)
   {
-    EXPECT_FALSE(isValidUtf8(raw));
+    EXPECT_FALSE(FW::StringUtils::isValidUtf8(raw));
     EXPECT_EQ(toDisplayText(raw), shown);
   }
 }
