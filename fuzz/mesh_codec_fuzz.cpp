@@ -28,23 +28,6 @@ void require(bool condition)
     std::abort();
 }
 
-// The index codec keeps the triangle order and winding but may start a triangle at another corner.
-template <typename IndexT>
-bool sameTriangles(const std::vector<IndexT>& decoded, const std::vector<IndexT>& original)
-{
-  if (decoded.size() != original.size())
-    return false;
-  for (size_t i = 0; i < original.size(); i += 3)
-  {
-    const IndexT* a = &decoded[i];
-    const IndexT* b = &original[i];
-    if (!((a[0] == b[0] && a[1] == b[1] && a[2] == b[2]) || (a[0] == b[1] && a[1] == b[2] && a[2] == b[0]) ||
-          (a[0] == b[2] && a[1] == b[0] && a[2] == b[1])))
-      return false;
-  }
-  return true;
-}
-
 void fuzzVertices(std::span<const std::byte> encoded, size_t stride)
 {
   std::vector<std::byte> vertices;
@@ -75,7 +58,7 @@ void fuzzIndices(std::span<const std::byte> encoded)
   std::vector<IndexT> again;
   require(MeshDataOptimizer::decodeIndexData<IndexT>(MeshDataOptimizer::encodeIndexData<IndexT>(indices, vertexCount),
                                                      again));
-  require(sameTriangles(again, indices));
+  require(MeshDataOptimizer::sameTriangles<IndexT>(again, indices));
 }
 
 void fuzzOne(size_t target, std::span<const std::byte> encoded)
@@ -145,7 +128,7 @@ void fuzzEncodedIndices(std::span<const uint8_t> input)
   std::vector<IndexT> decoded;
   const bool ok = MeshDataOptimizer::decodeIndexData<IndexT>(encoded, decoded);
   if (!edited)
-    require(indices.empty() ? !ok : ok && sameTriangles(decoded, indices));
+    require(indices.empty() ? !ok : ok && MeshDataOptimizer::sameTriangles<IndexT>(decoded, indices));
   fuzzIndices<IndexT>(encoded);
 }
 

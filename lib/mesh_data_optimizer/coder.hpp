@@ -83,6 +83,24 @@ template <MeshIndex IndexT>
 template <MeshIndex IndexT>
 [[nodiscard]] bool decodeIndexData(std::span<const std::byte> encoded, std::vector<IndexT>& indices);
 
+// Whether decoded indices draw the original triangles: the index codec keeps the triangle order
+// and winding but may start a triangle at another corner.
+template <MeshIndex IndexT>
+[[nodiscard]] bool sameTriangles(std::span<const IndexT> decoded, std::span<const IndexT> original)
+{
+  if (decoded.size() != original.size())
+    return false;
+  for (size_t i = 0; i + 2 < original.size(); i += 3)
+  {
+    const IndexT* a = &decoded[i];
+    const IndexT* b = &original[i];
+    if (!((a[0] == b[0] && a[1] == b[1] && a[2] == b[2]) || (a[0] == b[1] && a[1] == b[2] && a[2] == b[0]) ||
+          (a[0] == b[2] && a[1] == b[0] && a[2] == b[1])))
+      return false;
+  }
+  return true;
+}
+
 extern template cstdmf::ByteVector encodeIndexData<uint16_t>(std::span<const uint16_t>, size_t);
 extern template cstdmf::ByteVector encodeIndexData<uint32_t>(std::span<const uint32_t>, size_t);
 extern template bool decodeIndexData<uint16_t>(std::span<const std::byte>, std::vector<uint16_t>&);

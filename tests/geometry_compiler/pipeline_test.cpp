@@ -2,6 +2,7 @@
 #include "geometry_compiler/geometry_compiler.hpp"
 #include "geometry_compiler/verifier.hpp"
 #include "moo/primitive_vertex_format.hpp"
+#include "format_registry_environment.hpp"
 #include "primitives_builder.hpp"
 
 #include <gtest/gtest.h>
@@ -15,14 +16,6 @@ using namespace testutil;
 
 namespace
 {
-
-// The vertex format registry, once for the whole test program.
-struct Registry : testing::Environment
-{
-  void SetUp() override { Moo::PrimitiveVertexFormat::init(0); }
-  void TearDown() override { Moo::PrimitiveVertexFormat::fini(); }
-};
-const auto* const s_registry = testing::AddGlobalTestEnvironment(new Registry);
 
 GeometryCompiler::BinFile binFile(const Sections& sections, const std::string& name = "model.primitives")
 {

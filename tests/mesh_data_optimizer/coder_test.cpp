@@ -43,23 +43,6 @@ std::vector<std::byte> withHeader(uint32_t count, size_t payloadSize)
   return encoded;
 }
 
-// The index codec keeps the triangle order and winding but may start a triangle at another corner.
-template <typename IndexT>
-bool sameTriangles(const std::vector<IndexT>& decoded, const std::vector<IndexT>& original)
-{
-  if (decoded.size() != original.size())
-    return false;
-  for (size_t i = 0; i < original.size(); i += 3)
-  {
-    const IndexT* a = &decoded[i];
-    const IndexT* b = &original[i];
-    if (!((a[0] == b[0] && a[1] == b[1] && a[2] == b[2]) || (a[0] == b[1] && a[1] == b[2] && a[2] == b[0]) ||
-          (a[0] == b[2] && a[1] == b[0] && a[2] == b[1])))
-      return false;
-  }
-  return true;
-}
-
 // decode(bytes) -> (result, output size). Every prefix, a trailing byte and a wrong codec version
 // are refused, each with exactly one error and an empty output.
 template <typename Decode>
@@ -151,7 +134,7 @@ void checkIndexCoder()
   EXPECT_EQ(EncodedBufferHeader::readFrom(encoded).getElementCount(), indices.size());
   std::vector<IndexT> decoded;
   ASSERT_TRUE(MeshDataOptimizer::decodeIndexData<IndexT>(encoded, decoded));
-  EXPECT_TRUE(sameTriangles(decoded, indices));
+  EXPECT_TRUE(MeshDataOptimizer::sameTriangles<IndexT>(decoded, indices));
 
   auto decode = [&decoded](std::span<const std::byte> bytes) {
     decoded.resize(5);

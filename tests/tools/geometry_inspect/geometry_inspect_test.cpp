@@ -1,6 +1,7 @@
 // The inspector in-process on models compiled by the real compiler: what it reports, what it
 // accepts and refuses, and what it exports.
 
+#include "format_registry_environment.hpp"
 #include "tools/geometry_inspect/inspect_test_support.hpp"
 
 #include "geometry_inspect/obj_export.hpp"
@@ -24,15 +25,6 @@ using geometry_inspect::GeometryInspection;
 
 namespace
 {
-
-class RegistryEnvironment final : public ::testing::Environment
-{
-public:
-  void SetUp() override { Moo::PrimitiveVertexFormat::init(0); }
-  void TearDown() override { Moo::PrimitiveVertexFormat::fini(); }
-};
-[[maybe_unused]] ::testing::Environment* const s_registry =
-  ::testing::AddGlobalTestEnvironment(new RegistryEnvironment);
 
 nlohmann::json jsonOf(const RunResult& run)
 {

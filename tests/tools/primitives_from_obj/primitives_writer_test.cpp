@@ -1,6 +1,7 @@
 #include "primitives_from_obj/primitives_writer.hpp"
 
 #include "primitives_from_obj/procedural_shapes.hpp"
+#include "format_registry_environment.hpp"
 #include "tools/primitives_from_obj/test_support.hpp"
 
 #include "moo/vertex_conversion.hpp"
@@ -17,16 +18,6 @@ using namespace objimport;
 
 namespace
 {
-
-// Keeps the format registry initialised for the whole test program.
-class RegistryEnvironment final : public ::testing::Environment
-{
-public:
-  void SetUp() override { Moo::PrimitiveVertexFormat::init(0); }
-  void TearDown() override { Moo::PrimitiveVertexFormat::fini(); }
-};
-[[maybe_unused]] ::testing::Environment* const s_registry =
-  ::testing::AddGlobalTestEnvironment(new RegistryEnvironment);
 
 constexpr std::array<std::string_view, 13> kAllFormats = {
   "xyznuv",     "xyznuv2",     "xyznuvtb",   "xyznuv2tb",  "xyznuviiiww", "xyznuviiiwwtb", "xyznuv2iiiwwtb",
