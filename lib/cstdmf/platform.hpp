@@ -85,6 +85,11 @@ struct SystemInfo
 // Gathers it without allocating more than a few strings; usable on the critical-error path.
 SystemInfo systemInfo();
 
+// The processors this process may use, at least 1: those of its affinity mask, and on Linux no
+// more than its cgroup's CPU quota allows (cpu.max, or cpu.cfs_quota_us under cgroup v1), rounded
+// up. A machine's processor count says nothing of a container or a scheduler's share of it.
+unsigned usableProcessorCount();
+
 // The system's directory for temporary files (UTF-8, '/' separators, no trailing separator);
 // empty if unknown.
 std::string tempDirectory();

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 #include <fstream>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #if defined(__linux__)
@@ -23,6 +25,7 @@
 #include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <string>
 #include <thread>
 #include <time.h>
 #include <unistd.h>
@@ -318,6 +321,76 @@ ChildRun runLimitedProcess(const std::string& program, const std::vector<std::st
       ::close(fd);
   }
   return run;
+}
+
+namespace
+{
+// The first line of a small file, empty when it cannot be read.
+std::string firstLine(const std::filesystem::path& path)
+{
+  std::ifstream stream(path);
+  std::string line;
+  std::getline(stream, line);
+  return line;
+}
+
+// Processors a quota of `quota` per `period` microseconds allows, rounded up; 0 for no quota.
+unsigned processorsOfQuota(long long quota, long long period)
+{
+  if (quota <= 0 || period <= 0)
+    return 0;
+  return static_cast<unsigned>(std::max<long long>(1, (quota + period - 1) / period));
+}
+
+#ifdef __linux__
+// The smallest CPU quota of this process's cgroup and the cgroups above it; 0 for none.
+unsigned cgroupProcessorLimit()
+{
+  namespace fs = std::filesystem;
+  unsigned limit = 0;
+  const auto take = [&limit](unsigned processors) {
+    if (processors != 0 && (limit == 0 || processors < limit))
+      limit = processors;
+  };
+  std::ifstream groups("/proc/self/cgroup");
+  for (std::string line; std::getline(groups, line);)
+  {
+    if (line.rfind("0::", 0) == 0)
+    {
+      // cgroup v2: "<quota> <period>" or "max <period>" in cpu.max, at every level up to the root.
+      for (fs::path group = fs::path("/sys/fs/cgroup") / fs::path(line.substr(3)).relative_path();;
+           group = group.parent_path())
+      {
+        long long quota = 0, period = 0;
+        if (std::sscanf(firstLine(group / "cpu.max").c_str(), "%lld %lld", &quota, &period) == 2)
+          take(processorsOfQuota(quota, period));
+        if (group == "/sys/fs/cgroup" || !group.has_parent_path() || group == group.parent_path())
+          break;
+      }
+    }
+  }
+  // cgroup v1, as a container sees its own group.
+  long long quota = 0, period = 0;
+  if (std::sscanf(firstLine("/sys/fs/cgroup/cpu/cpu.cfs_quota_us").c_str(), "%lld", &quota) == 1 &&
+      std::sscanf(firstLine("/sys/fs/cgroup/cpu/cpu.cfs_period_us").c_str(), "%lld", &period) == 1)
+    take(processorsOfQuota(quota, period));
+  return limit;
+}
+#endif
+} // namespace
+
+unsigned usableProcessorCount()
+{
+  unsigned count = std::thread::hardware_concurrency();
+#ifdef __linux__
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (::sched_getaffinity(0, sizeof(set), &set) == 0 && CPU_COUNT(&set) > 0)
+    count = static_cast<unsigned>(CPU_COUNT(&set));
+  if (const unsigned limit = cgroupProcessorLimit(); limit != 0 && (count == 0 || limit < count))
+    count = limit;
+#endif
+  return std::max(1u, count);
 }
 
 SystemInfo systemInfo()

@@ -416,6 +416,24 @@ Utf8Arguments::Utf8Arguments(int argc, const wchar_t* const* wideArgv)
   m_pointers.push_back(nullptr);
 }
 
+unsigned usableProcessorCount()
+{
+  DWORD_PTR processMask = 0, systemMask = 0;
+  unsigned count = 0;
+  if (::GetProcessAffinityMask(::GetCurrentProcess(), &processMask, &systemMask))
+  {
+    for (; processMask != 0; processMask &= processMask - 1)
+      ++count;
+  }
+  if (count == 0)
+  {
+    SYSTEM_INFO system{};
+    ::GetNativeSystemInfo(&system);
+    count = system.dwNumberOfProcessors;
+  }
+  return count == 0 ? 1u : count;
+}
+
 SystemInfo systemInfo()
 {
   SystemInfo info;

@@ -111,7 +111,7 @@ void registerOptions(ArgParser::Builder& builder, ToolOptions& o)
               o.srcPath))
     .add(path("dst-path", "path to destination directory", o.dstPath));
   ArgParser::Option jobs =
-    value("jobs", "convert N models at once, and use N threads within a model (0: one per hardware thread)", "N",
+    value("jobs", "convert N models at once, and use N threads within a model (0: one per processor this process may use)", "N",
           "a whole number from 0 to " + std::to_string(kMaxJobs), number(o.jobs, 0, kMaxJobs));
   jobs.shortName = 'j';
   builder.add(std::move(jobs))

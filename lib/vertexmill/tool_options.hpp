@@ -22,7 +22,7 @@ struct ToolOptions
   std::filesystem::path srcPath;
   std::filesystem::path dstPath;
   int32_t verbosity = 1; // 0 quiet, 1 warnings and errors, 2 also the used-files list
-  unsigned jobs = 1;     // 0: one per hardware thread, until the run resolves it
+  unsigned jobs = 1;     // 0: one per usable processor, until the run resolves it
   bool keepGoing = false;
   unsigned modelTimeout = 0;                      // seconds; 0: the default limit
   std::optional<unsigned long long> modelMemory;  // bytes, 0: none; unset: the default limit

@@ -6,6 +6,7 @@
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
 #include "cstdmf/version.hpp"
+#include "fw/bounded_number.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "resmgr/file_io.hpp"
 #include "resmgr/zrresource.hpp"
@@ -29,6 +30,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -48,6 +50,19 @@ namespace fs = std::filesystem;
 
 constexpr const char* kToolName = "vertexmill";
 constexpr std::string_view kPrimitivesExtension = ".primitives";
+
+// "--jobs 0": the processors this process may use (its affinity and CPU quota), and no more than a
+// Slurm task was given (SLURM_CPUS_PER_TASK).
+unsigned usableJobCount()
+{
+  unsigned jobs = platform::usableProcessorCount();
+  if (const char* slurm = std::getenv("SLURM_CPUS_PER_TASK"))
+  {
+    if (const std::optional<uint64_t> given = FW::parseBoundedNumber(slurm, 1, kMaxJobs); given && *given < jobs)
+      jobs = static_cast<unsigned>(*given);
+  }
+  return std::min(jobs, kMaxJobs);
+}
 
 // What the run shares with every model besides its options: made once at start.
 struct RunServices
@@ -323,7 +338,7 @@ int runVertexmill(int argc, const char* const* argv)
   Moo::PrimitiveVertexFormat::init(0);
 
   if (args.jobs == 0)
-    args.jobs = std::max(1u, std::thread::hardware_concurrency());
+    args.jobs = usableJobCount();
   std::unique_ptr<Report> report;
   if (!args.reportPath.empty() || !args.reportHtmlPath.empty())
     report = std::make_unique<Report>();

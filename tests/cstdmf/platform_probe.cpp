@@ -40,6 +40,11 @@ int probe(int argc, char** argv)
                 platform::terminalWidth(1));
     return 0;
   }
+  if (command == "processors")
+  {
+    std::printf("%u", platform::usableProcessorCount());
+    return 0;
+  }
   if (command == "exit" && argc > 2)
     return std::atoi(argv[2]);
   if (command == "fatal")

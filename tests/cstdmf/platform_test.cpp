@@ -7,12 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -246,3 +248,23 @@ TEST(Utf8Arguments, WideCommandLineBecomesUtf8)
 #endif
 
 } // namespace
+
+// --jobs 0 counts what the process may use: a process held to one processor sees one.
+TEST_F(Platform, UsableProcessorsFollowTheAffinityMask)
+{
+  const unsigned usable = platform::usableProcessorCount();
+  EXPECT_GE(usable, 1u);
+  EXPECT_LE(usable, std::max(1u, std::thread::hardware_concurrency()));
+#ifdef _WIN32
+  GTEST_SKIP() << "no taskset here to narrow a child's affinity";
+#else
+  if (!fs::exists("/usr/bin/taskset"))
+    GTEST_SKIP() << "taskset(1) is not installed";
+  const std::string program = cstdmf::toUtf8(fs::absolute(PLATFORM_PROBE_PATH));
+  const std::optional<int> status = platform::runProcess(
+    "/usr/bin/taskset", {"-c", "0", program, "processors"},
+    {cstdmf::toUtf8(m_root / "out.txt"), cstdmf::toUtf8(m_root / "err.txt"), {}});
+  ASSERT_EQ(status, std::optional<int>(0)) << slurp(m_root / "err.txt");
+  EXPECT_EQ(slurp(m_root / "out.txt"), "1");
+#endif
+}

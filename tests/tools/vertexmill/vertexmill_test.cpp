@@ -31,7 +31,7 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "this files in tree mode\n"
     "      --dst-path <path>          path to destination directory\n"
     "  -j, --jobs <N>                 convert N models at once, and use N threads within a model (0: one "
-    "per hardware thread)\n"
+    "per processor this process may use)\n"
     "      --keep-going               in tree mode convert every model even after failures, then list "
     "the failed ones\n"
     "      --time-limit <S>           with --keep-going, a model still converting after S seconds fails "
