@@ -85,6 +85,13 @@ struct SystemInfo
 // Gathers it without allocating more than a few strings; usable on the critical-error path.
 SystemInfo systemInfo();
 
+// An environment variable's value in UTF-8 (read as UTF-16 on Windows, so a path outside the ANSI
+// code page survives); nothing when it is not set.
+std::optional<std::string> environmentVariable(const char* name);
+// Sets (a value) or removes (nothing) an environment variable for this process and the children it
+// starts from now on. `value` is UTF-8.
+void setEnvironmentVariable(const char* name, const std::optional<std::string>& value);
+
 // The processors this process may use, at least 1: those of its affinity mask, and on Linux no
 // more than its cgroup's CPU quota allows (cpu.max, or cpu.cfs_quota_us under cgroup v1), rounded
 // up. A machine's processor count says nothing of a container or a scheduler's share of it.

@@ -379,6 +379,20 @@ unsigned cgroupProcessorLimit()
 #endif
 } // namespace
 
+std::optional<std::string> environmentVariable(const char* name)
+{
+  const char* value = std::getenv(name);
+  return value ? std::optional<std::string>(value) : std::nullopt;
+}
+
+void setEnvironmentVariable(const char* name, const std::optional<std::string>& value)
+{
+  if (value)
+    ::setenv(name, value->c_str(), 1);
+  else
+    ::unsetenv(name);
+}
+
 unsigned usableProcessorCount()
 {
   unsigned count = std::thread::hardware_concurrency();

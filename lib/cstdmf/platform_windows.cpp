@@ -416,6 +416,17 @@ Utf8Arguments::Utf8Arguments(int argc, const wchar_t* const* wideArgv)
   m_pointers.push_back(nullptr);
 }
 
+std::optional<std::string> environmentVariable(const char* name)
+{
+  const wchar_t* value = ::_wgetenv(widen(name).c_str());
+  return value ? std::optional<std::string>(narrow(value)) : std::nullopt;
+}
+
+void setEnvironmentVariable(const char* name, const std::optional<std::string>& value)
+{
+  (void)::_wputenv_s(widen(name).c_str(), value ? widen(*value).c_str() : L"");
+}
+
 unsigned usableProcessorCount()
 {
   DWORD_PTR processMask = 0, systemMask = 0;

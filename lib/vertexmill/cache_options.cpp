@@ -1,5 +1,7 @@
 #include "vertexmill/cache_options.hpp"
 
+#include "cstdmf/platform.hpp"
+
 #include "content_cache/remote_store.hpp"
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
@@ -20,8 +22,7 @@ namespace
 // An environment variable's value; empty when it is not set.
 std::string environment(const char* name)
 {
-  const char* value = std::getenv(name);
-  return value ? std::string(value) : std::string();
+  return platform::environmentVariable(name).value_or(std::string());
 }
 } // namespace
 

@@ -56,9 +56,9 @@ constexpr std::string_view kPrimitivesExtension = ".primitives";
 unsigned usableJobCount()
 {
   unsigned jobs = platform::usableProcessorCount();
-  if (const char* slurm = std::getenv("SLURM_CPUS_PER_TASK"))
+  if (const std::optional<std::string> slurm = platform::environmentVariable("SLURM_CPUS_PER_TASK"))
   {
-    if (const std::optional<uint64_t> given = FW::parseBoundedNumber(slurm, 1, kMaxJobs); given && *given < jobs)
+    if (const std::optional<uint64_t> given = FW::parseBoundedNumber(*slurm, 1, kMaxJobs); given && *given < jobs)
       jobs = static_cast<unsigned>(*given);
   }
   return std::min(jobs, kMaxJobs);

@@ -318,14 +318,7 @@ public:
 private:
   void set(const char* value)
   {
-#ifdef _WIN32
-    _putenv_s(m_name, value ? value : "");
-#else
-    if (value)
-      setenv(m_name, value, 1);
-    else
-      unsetenv(m_name);
-#endif
+    platform::setEnvironmentVariable(m_name, value ? std::optional<std::string>(value) : std::nullopt);
   }
   const char* m_name;
 };
@@ -348,6 +341,13 @@ TEST_F(VertexmillTool, CacheFromTheEnvironmentUnlessNoCache)
     const RunResult bad = run({str("src/ship.primitives"), str("out")});
     EXPECT_EQ(bad.status, 1);
     EXPECT_NE(bad.err.find("VERTEXMILL_CACHE_MAX_SIZE"), std::string::npos) << bad.err;
+  }
+  {
+    // A folder outside ASCII and outside any ANSI code page, from the environment.
+    const std::string name = "env \xD0\xBA\xD1\x8D\xD1\x88 \xE7\xBC\x93\xE5\xAD\x98"; // кэш 缓存
+    const ScopedEnvironment cache("VERTEXMILL_CACHE", str(name));
+    EXPECT_EQ(run({str("src/ship.primitives"), str("out")}).status, 0);
+    EXPECT_EQ(entriesIn(path(name)).size(), 1u);
   }
   // A cache folder that cannot be made: nothing is done.
   writeFile(path("file"), "x");

@@ -87,14 +87,8 @@ protected:
 
   static void setFault(const char* value)
   {
-#ifdef _WIN32
-    _putenv_s("VERTEXMILL_WORKER_FAULT", value ? value : "");
-#else
-    if (value)
-      setenv("VERTEXMILL_WORKER_FAULT", value, 1);
-    else
-      unsetenv("VERTEXMILL_WORKER_FAULT");
-#endif
+    platform::setEnvironmentVariable("VERTEXMILL_WORKER_FAULT",
+                                     value ? std::optional<std::string>(value) : std::nullopt);
   }
 };
 

@@ -231,14 +231,7 @@ private:
 #endif
   static void setEnvironment(const char* name, const std::optional<std::string>& value)
   {
-#ifdef _WIN32
-    _putenv_s(name, value ? value->c_str() : "");
-#else
-    if (value)
-      setenv(name, value->c_str(), 1);
-    else
-      unsetenv(name);
-#endif
+    platform::setEnvironmentVariable(name, value);
   }
   std::vector<std::pair<std::string, std::optional<std::string>>> m_savedEnvironment;
 };
