@@ -352,22 +352,22 @@ unsigned cgroupProcessorLimit()
     if (processors != 0 && (limit == 0 || processors < limit))
       limit = processors;
   };
+  // cgroup v2: "<quota> <period>" or "max <period>" in cpu.max, at every level from the root down to
+  // this process's group.
+  const auto takeCpuMax = [&take](const fs::path& group) {
+    long long quota = 0, period = 0;
+    if (std::sscanf(firstLine(group / "cpu.max").c_str(), "%lld %lld", &quota, &period) == 2)
+      take(processorsOfQuota(quota, period));
+  };
   std::ifstream groups("/proc/self/cgroup");
   for (std::string line; std::getline(groups, line);)
   {
-    if (line.rfind("0::", 0) == 0)
-    {
-      // cgroup v2: "<quota> <period>" or "max <period>" in cpu.max, at every level up to the root.
-      for (fs::path group = fs::path("/sys/fs/cgroup") / fs::path(line.substr(3)).relative_path();;
-           group = group.parent_path())
-      {
-        long long quota = 0, period = 0;
-        if (std::sscanf(firstLine(group / "cpu.max").c_str(), "%lld %lld", &quota, &period) == 2)
-          take(processorsOfQuota(quota, period));
-        if (group == "/sys/fs/cgroup" || !group.has_parent_path() || group == group.parent_path())
-          break;
-      }
-    }
+    if (line.rfind("0::", 0) != 0)
+      continue;
+    fs::path group = "/sys/fs/cgroup";
+    takeCpuMax(group);
+    for (const fs::path& part : fs::path(line.substr(3)).relative_path())
+      takeCpuMax(group /= part);
   }
   // cgroup v1, as a container sees its own group.
   long long quota = 0, period = 0;

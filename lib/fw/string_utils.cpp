@@ -86,8 +86,8 @@ size_t encodeUtf8(char32_t codePoint, char* out)
 char32_t decodeUtf8(std::string_view text, size_t& pos)
 {
   const Utf8Step step = decodeUtf8At(text, pos);
-  pos += step.length != 0 ? step.length : step.malformedLength;
-  return step.length != 0 ? step.codePoint : kReplacement;
+  pos += step.length;
+  return step.codePoint;
 }
 
 template <typename Unit>
@@ -170,10 +170,10 @@ Utf8Step decodeUtf8At(std::string_view text, size_t start)
 {
   const auto byteAt = [&](size_t index) { return static_cast<unsigned char>(text[index]); };
   size_t pos = start;
-  const auto malformed = [&] { return Utf8Step{kReplacement, 0, pos - start}; };
+  const auto malformed = [&] { return Utf8Step{kReplacement, pos - start, false}; };
   const unsigned char lead = byteAt(pos++);
   if (lead < 0x80)
-    return Utf8Step{lead, 1, 0};
+    return Utf8Step{lead, 1, true};
 
   size_t trailing = 0;
   unsigned char low = 0x80;
@@ -219,7 +219,7 @@ Utf8Step decodeUtf8At(std::string_view text, size_t start)
     low = 0x80;
     high = 0xBF;
   }
-  return Utf8Step{codePoint, pos - start, 0};
+  return Utf8Step{codePoint, pos - start, true};
 }
 
 bool isValidUtf8(std::string_view text)
@@ -227,7 +227,7 @@ bool isValidUtf8(std::string_view text)
   for (size_t pos = 0; pos < text.size();)
   {
     const Utf8Step step = decodeUtf8At(text, pos);
-    if (step.length == 0)
+    if (!step.wellFormed)
       return false;
     pos += step.length;
   }

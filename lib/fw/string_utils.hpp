@@ -26,14 +26,13 @@ std::string wtoutf8(std::wstring_view text);
 std::wstring utf8tow(std::string_view text);
 
 // One step of reading UTF-8 at text[pos] (pos < text.size()): the code point and the length of the
-// well-formed sequence there, or, when it is malformed, length 0 and the length of its longest
-// valid prefix (at least 1) in malformedLength. Overlong forms, surrogates and values beyond
-// U+10FFFF are malformed.
+// well-formed sequence there, or, when it is malformed (overlong forms, surrogates and values beyond
+// U+10FFFF are), U+FFFD and the length of its longest valid prefix, at least 1.
 struct Utf8Step
 {
   char32_t codePoint = 0;
   size_t length = 0;
-  size_t malformedLength = 0;
+  bool wellFormed = false;
 };
 Utf8Step decodeUtf8At(std::string_view text, size_t pos);
 

@@ -57,10 +57,7 @@ bool GeometryCompiler::compile(const Request& request, const std::string& output
 bool GeometryCompiler::compile(const Request& request, const std::string& outputPath, const CompileOptions& options)
 {
   ZR_GUARD("GeometryCompiler::compile");
-  clear();
-  m_systemReason.clear();
-  m_settings = options;
-
+  startCompile(options);
   if (request.primitivesPath.empty())
     return false;
   const bool written = compileModel(request, outputPath);
@@ -72,19 +69,21 @@ bool GeometryCompiler::compile(const Request& request, const std::string& output
 BinaryPtr GeometryCompiler::compileBytes(const ModelBytes& model, const std::string& outputPath,
                                          const CompileOptions& options)
 {
+  startCompile(options);
+  if (model.primitivesPath.empty())
+    return nullptr;
+  BinaryPtr packed; // stays null unless the whole compile succeeds
+  (void)compileModel(model.request(), outputPath, &model, &packed);
+  if (m_statistics)
+    gatherStatistics();
+  return packed;
+}
+
+void GeometryCompiler::startCompile(const CompileOptions& options)
+{
   clear();
   m_systemReason.clear();
   m_settings = options;
-  BinaryPtr packed;
-  if (!model.primitivesPath.empty() && compileModel(model.request(), outputPath, &model, &packed))
-  {
-    if (m_statistics)
-      gatherStatistics();
-    return packed;
-  }
-  if (m_statistics)
-    gatherStatistics();
-  return nullptr;
 }
 
 bool GeometryCompiler::compileModel(const Request& request, const std::string& outputPath, const ModelBytes* model,

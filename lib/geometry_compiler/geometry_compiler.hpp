@@ -54,8 +54,6 @@ public:
     std::string modelName;       // used only in companion-loading messages
   };
 
-  // A .primitives file in memory: where it came from and its sections in file order, each
-  // borrowing the one block that holds the file.
   // A model held in memory: the bytes of its .primitives file and of each companion that it has,
   // with the names the messages give them (the paths they were read from).
   struct ModelBytes
@@ -79,6 +77,8 @@ public:
     }
   };
 
+  // A .primitives file in memory: where it came from and its sections in file order, each
+  // borrowing the one block that holds the file.
   struct BinFile
   {
     std::string resourceName;
@@ -200,6 +200,8 @@ private:
     float texelDensity = 0.0f;
   };
 
+  // What every compile starts with: empty state and the options it runs with.
+  void startCompile(const CompileOptions& options);
   // readFile after the read: splits the bytes of a whole file (reported as `path`) into sections.
   bool takeFile(const std::string& path, const BinaryPtr& block, BinFile& binFile);
   // compile after its checks: load, companions, save. With `model` the sources are taken from

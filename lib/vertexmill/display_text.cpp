@@ -19,7 +19,8 @@ bool isContinuation(unsigned char byte)
 // Length of the well-formed sequence at text[pos], or 0 when the byte there starts none.
 size_t sequenceLength(std::string_view text, size_t pos)
 {
-  return FW::StringUtils::decodeUtf8At(text, pos).length;
+  const FW::StringUtils::Utf8Step step = FW::StringUtils::decodeUtf8At(text, pos);
+  return step.wellFormed ? step.length : 0;
 }
 
 // A character a terminal would act on rather than show: the C0 controls but line end and tab,

@@ -66,10 +66,9 @@ bool holdsWhatItShould(const ModelSources& sources, const fs::path& output)
                outputText, problem);
     return false;
   }
-  const std::vector<fs::path> files = sources.files();
-  for (auto companion = files.begin() + 1; companion != files.end(); ++companion)
+  for (const fs::path& companion : sources.companions())
   {
-    const std::string name = cstdmf::toUtf8(companion->filename());
+    const std::string name = cstdmf::toUtf8(companion.filename());
     const auto named = [&name](const Moo::GeometryData::ModelData& model) { return model.name == name; };
     if (std::none_of(geometry.collisionModels().begin(), geometry.collisionModels().end(), named) &&
         std::none_of(geometry.armorModels().begin(), geometry.armorModels().end(), named))

@@ -52,14 +52,21 @@ ModelSources ModelSources::find(const fs::path& source)
   return sources;
 }
 
-std::vector<fs::path> ModelSources::files() const
+std::vector<fs::path> ModelSources::companions() const
 {
-  std::vector<fs::path> files{cstdmf::u8path(request.primitivesPath)};
+  std::vector<fs::path> files;
   for (const Companion& companion : kCompanions)
   {
     if (!(request.*companion.slot).empty())
       files.push_back(cstdmf::u8path(request.*companion.slot));
   }
+  return files;
+}
+
+std::vector<fs::path> ModelSources::files() const
+{
+  std::vector<fs::path> files = companions();
+  files.insert(files.begin(), cstdmf::u8path(request.primitivesPath));
   return files;
 }
 

@@ -22,7 +22,9 @@ struct ModelSources
   // Looks beside `source` for its companions, in the order collision, armor, armor visual.
   static ModelSources find(const std::filesystem::path& source);
 
-  // The source, then every companion that exists.
+  // Every companion that exists, in that order.
+  std::vector<std::filesystem::path> companions() const;
+  // The source, then its companions.
   std::vector<std::filesystem::path> files() const;
 };
 

@@ -4,7 +4,6 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
-#include "fw/bounded_number.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
 #include "moo/primitive_vertex_format.hpp"
 #include "resmgr/file_io.hpp"
@@ -22,16 +21,13 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <mutex>
 #include <sstream>
 #include <string_view>
 #include <system_error>
-#include <thread>
 
 
 namespace vertexmill
