@@ -136,13 +136,24 @@ bool GeometryCompiler::compileModel(const Request& request, const std::string& o
       ZR_MSG(kError, kCategory, "GeometryCompiler::compile loading '%s' failed.\n", companion.path.c_str());
   }
 
+  // Saving encodes the merged buffers in place: the levels start from a copy taken before.
+  std::optional<MergedGeometry> base;
+  if (m_settings.lods.levels > 0)
+    base = m_mergedGeometry;
+  bool saved = false;
   if (!packed)
-    return save(outputPath);
-  std::optional<StoredMeasurement> measurement;
-  *packed = saveToBlock(outputPath, measurement);
-  if (measurement)
-    measurement->finish();
-  return *packed != nullptr;
+    saved = save(outputPath);
+  else
+  {
+    std::optional<StoredMeasurement> measurement;
+    *packed = saveToBlock(outputPath, measurement);
+    if (measurement)
+      measurement->finish();
+    saved = *packed != nullptr;
+  }
+  if (saved && base)
+    makeLevels(*base, outputPath);
+  return saved;
 }
 
 void GeometryCompiler::clear()
@@ -155,6 +166,7 @@ void GeometryCompiler::clear()
   m_stringPool.clear();
   m_progress = CompileStatistics{};
   m_rawBufferSizes.reset();
+  m_levels.clear();
 }
 
 bool GeometryCompiler::loadPrimitives(const Request& request)

@@ -118,6 +118,24 @@ public:
   [[nodiscard]] bool compile(const Request& request, const std::string& outputPath, bool encode, bool optimize,
                              bool verify);
 
+  // One simplified level of the model that the last compile made beside the main file.
+  struct Level
+  {
+    unsigned number = 0; // 1 for the first level after the main model
+    BinaryPtr bytes;     // the whole .geometry file
+    uint64_t triangles = 0;
+    uint64_t vertices = 0;
+    float errorAbsolute = 0.0f; // the largest deviation from the main model, in model units
+    float errorRelative = 0.0f; // the same, relative to the model's size
+    float ratio = 0.0f;         // its triangles over those of the level before it (the main model for the first)
+    CompileStatistics statistics; // filled only when the compile gathers statistics
+  };
+  // The levels of detail the last compile made (its options asked for some, and it succeeded), in
+  // order. The chain ends early at a level that would remove less than a tenth of the triangles of
+  // the level before it; requestedLevels() tells how many were asked for.
+  const std::vector<Level>& levels() const { return m_levels; }
+  unsigned requestedLevels() const { return m_settings.lods.levels; }
+
   // The system's own words for the file operation that failed in the last compile ("Permission
   // denied", "No space left on device"), empty when none did. Its messages keep their fixed
   // wording; callers with room for it (a report, a summary) show this beside them.
@@ -193,6 +211,8 @@ private:
   struct MeshTask
   {
     std::string name;
+    std::string vertexSection;
+    std::string indexSection;
     std::span<std::byte> vertices;
     uint16_t stride = 0;
     std::span<std::byte> indices;
@@ -238,6 +258,15 @@ private:
                                       Verifier* verifier, GeometryCompilerDetail::PositionAndUVColumns* columns);
 
   void optimizeMesh();
+  // The levels of detail from the merged state as it was before saving (`base`), each simplified
+  // from it, saved to bytes, on up to m_jobs threads; `outputPath` names them in messages.
+  void makeLevels(const MergedGeometry& base, const std::string& outputPath);
+  // Simplifies every render set of the merged state to about `keep` of its triangles, no further
+  // than the options' largest error from where it was, and drops the vertices no triangle uses any
+  // more. Fills the level's triangle, vertex and error figures.
+  // Returns the triangles the render sets had before.
+  uint64_t simplifyRenderSets(float keep, Level& level);
+
   // Where a render set lies in the merged buffers, by position, so that it can be found again once
   // the buffers are encoded.
   struct StoredSet
@@ -326,4 +355,5 @@ private:
   CompileStatistics m_progress;
   // The merged buffers' sizes before encoding; set once saving has filled the buffer records.
   std::optional<std::pair<std::vector<uint64_t>, std::vector<uint64_t>>> m_rawBufferSizes;
+  std::vector<Level> m_levels;
 };

@@ -113,7 +113,7 @@ std::vector<GeometryCompiler::MeshTask> GeometryCompiler::gatherMeshTasks(bool o
     std::string name = prefix;
     if (!name.empty() && name.back() == '.')
       name.pop_back();
-    tasks.push_back(MeshTask{std::move(name), vertexBuffers.bytesOf(*vertexMapping), stride,
+    tasks.push_back(MeshTask{std::move(name), vertexName, indexName, vertexBuffers.bytesOf(*vertexMapping), stride,
                              indexBuffers.bytesOf(indexMapping), *format, vertexMapping->texelDensity});
   }
   return tasks;

@@ -38,18 +38,21 @@ std::string depfileWord(const std::string& path)
   return word;
 }
 
-std::string depfileText(const std::string& target, const std::vector<std::string>& prerequisites)
+std::string depfileText(const std::vector<std::string>& targets, const std::vector<std::string>& prerequisites)
 {
-  std::string text = depfileWord(target) + ":";
+  std::string text;
+  for (const std::string& target : targets)
+    text += (text.empty() ? "" : " ") + depfileWord(target);
+  text += ":";
   for (const std::string& prerequisite : prerequisites)
     text += " \\\n  " + depfileWord(prerequisite);
   return text + "\n";
 }
 
-bool writeDepfile(const std::filesystem::path& path, const std::string& target,
+bool writeDepfile(const std::filesystem::path& path, const std::vector<std::string>& targets,
                   const std::vector<std::string>& prerequisites)
 {
-  const std::string text = depfileText(target, prerequisites);
+  const std::string text = depfileText(targets, prerequisites);
   const fileio::WriteResult written =
     fileio::writeWholeFile(cstdmf::toUtf8(path), std::as_bytes(std::span<const char>(text)));
   if (!written)

@@ -14,12 +14,12 @@ namespace vertexmill
 // colons inside paths (a Windows drive) are left as they are.
 std::string depfileWord(const std::string& path);
 
-// "target: prerequisite ...\n", one prerequisite per continued line.
-std::string depfileText(const std::string& target, const std::vector<std::string>& prerequisites);
+// "target ...: prerequisite ...\n", one prerequisite per continued line.
+std::string depfileText(const std::vector<std::string>& targets, const std::vector<std::string>& prerequisites);
 
 // Writes the text to `path` whole or not at all. False, after an ERROR naming the path and the
 // system's reason, when it cannot be written.
-[[nodiscard]] bool writeDepfile(const std::filesystem::path& path, const std::string& target,
+[[nodiscard]] bool writeDepfile(const std::filesystem::path& path, const std::vector<std::string>& targets,
                                 const std::vector<std::string>& prerequisites);
 
 } // namespace vertexmill

@@ -6,6 +6,7 @@
 #include "moo/geometry_data.hpp"
 #include "resmgr/file_io.hpp"
 #include "vertexmill/console_router.hpp"
+#include "vertexmill/levels_of_detail.hpp"
 #include "vertexmill/model_cache.hpp"
 #include "vertexmill/model_sources.hpp"
 #include "vertexmill/report.hpp"
@@ -78,12 +79,18 @@ bool holdsWhatItShould(const ModelSources& sources, const fs::path& output)
 }
 
 bool isUpToDate(const ModelSources& sources, const fs::path& output,
-                const std::optional<fs::file_time_type>& toolTime)
+                const std::optional<fs::file_time_type>& toolTime, bool withLevels)
 {
   std::error_code error;
   if (!fs::is_regular_file(fs::status(output, error)) || sources.unexamined)
     return false;
-  const std::optional<fs::file_time_type> outputTime = writeTime(output);
+  std::optional<fs::file_time_type> outputTime = writeTime(output);
+  // A model with levels is as old as the oldest of its main file and first level.
+  if (withLevels && outputTime)
+  {
+    const std::optional<fs::file_time_type> levelTime = writeTime(levelPath(output, 1));
+    outputTime = levelTime ? std::min(*outputTime, *levelTime) : std::optional<fs::file_time_type>();
+  }
   if (!outputTime || !toolTime || !(*outputTime > *toolTime))
     return false;
   for (const fs::path& input : sources.files())
@@ -125,6 +132,19 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
   std::unique_ptr<ModelReport> report;
   std::unique_ptr<ReportMessageCollector> collector;
   const auto started = std::chrono::steady_clock::now();
+
+  // Generated levels of detail, for a main model whose artist did not make its own.
+  CompileOptions compileOptions = settings.compile;
+  std::string levelsNote;
+  if (compileOptions.lods.levels > 0)
+  {
+    levelsNote = levelsRefusal(source);
+    if (!levelsNote.empty())
+      compileOptions.lods.levels = 0;
+  }
+  const bool makesLevels = compileOptions.lods.levels > 0;
+  std::vector<LevelReport> levels;
+  std::vector<fs::path> levelOutputs;
   if (settings.report || settings.stats)
   {
     report = std::make_unique<ModelReport>();
@@ -132,6 +152,7 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     report->output = outputText;
     if (settings.report)
       collector = std::make_unique<ReportMessageCollector>(*report);
+    report->levelsRequested = settings.compile.lods.levels;
   }
   std::optional<ErrorCounter> errors;
   if (report || settings.strict)
@@ -146,15 +167,18 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
                        : outcome == ModelOutcome::UpToDate ? "up-to-date"
                                                            : "failed";
       report->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+      report->levels = std::move(levels);
+      report->levelsNote = levelsNote;
       if (settings.stats)
         printOutputLine(statsLine(*report));
       if (settings.report)
         settings.report->addModel(settings.reportOrder, std::move(*report));
     }
-    return ModelResult{outcome, reason, outcome == ModelOutcome::Failed ? std::vector<fs::path>{} : sources.files()};
+    return ModelResult{outcome, reason, outcome == ModelOutcome::Failed ? std::vector<fs::path>{} : sources.files(),
+                       outcome == ModelOutcome::Failed ? std::vector<fs::path>{} : levelOutputs};
   };
 
-  if (settings.incremental && isUpToDate(sources, output, settings.toolTime))
+  if (settings.incremental && isUpToDate(sources, output, settings.toolTime, makesLevels))
   {
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {} (up to date)\n", outputText);
@@ -181,7 +205,8 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     }
   }
 
-  CachedConversion cached(settings.cache, request, settings.compile, outputText);
+  // A cache entry holds one file: a model with levels is converted every time.
+  CachedConversion cached(makesLevels ? nullptr : settings.cache, request, compileOptions, outputText);
   // A hit reports the figures its conversion measured; a kept result without them (an older
   // entry, or one without the overdraw asked for) is converted again, and kept again with them.
   using Figures = CachedConversion::Figures;
@@ -196,7 +221,7 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     }
     return finish(ModelOutcome::Converted);
   }
-  if (report && settings.cache)
+  if (report && settings.cache && !makesLevels)
     report->cache = "miss";
 
   // A result the cache keeps carries its figures (but the costly overdraw only when asked for),
@@ -218,9 +243,21 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
       return false;
     });
   std::unique_ptr<MessageRecorder> recorder = cached.record();
-  const bool converted = compiler.compile(request, outputText, settings.compile);
+  bool converted = compiler.compile(request, outputText, compileOptions);
   cached.keep(converted, std::move(recorder), statistics, measured);
   reason = compiler.systemReason();
+  if (converted && makesLevels)
+  {
+    converted = writeLevels(output, compiler.levels(), levels, reason);
+    for (const LevelReport& level : levels)
+      levelOutputs.push_back(cstdmf::u8path(level.output));
+    if (converted)
+    {
+      if (levels.size() < compileOptions.lods.levels)
+        levelsNote = "ended-early";
+      warnAboutLevelsPast(output, static_cast<unsigned>(levels.size()));
+    }
+  }
   return finish(converted ? ModelOutcome::Converted : ModelOutcome::Failed);
 }
 

@@ -56,6 +56,8 @@ struct ModelResult
   std::string reason;
   // The files the output was made from (the source, then its companions); empty when it failed.
   std::vector<std::filesystem::path> inputs;
+  // The levels of detail written beside the output (--lods); empty when it failed.
+  std::vector<std::filesystem::path> levelOutputs;
 };
 
 // Converts source into output, logging the used-files pair (INFO) and every failure. A model
@@ -69,8 +71,9 @@ struct ModelResult
 
 // True when output is a sound file written after the source, each of its companion files and the
 // tool itself (toolTime), holding every companion. False whenever a time cannot be read.
+// With `withLevels` the first generated level of detail must be as new.
 [[nodiscard]] bool isUpToDate(const ModelSources& sources, const std::filesystem::path& output,
-                              const std::optional<std::filesystem::file_time_type>& toolTime);
+                              const std::optional<std::filesystem::file_time_type>& toolTime, bool withLevels = false);
 
 // dst / relative source, with the extension replaced by ".geometry".
 std::filesystem::path geometryPathFor(const std::filesystem::path& outputDirectory,

@@ -141,6 +141,24 @@ ordered_json modelJson(const ModelReport& model)
     result["cache"] = model.cache;
   if (!model.reason.empty())
     result["reason"] = model.reason;
+  // Only with --lods.
+  if (model.levelsRequested > 0)
+  {
+    ordered_json levels = ordered_json::array();
+    for (const LevelReport& level : model.levels)
+      levels.push_back({{"level", level.number},
+                        {"output", level.output},
+                        {"triangles", level.triangles},
+                        {"vertices", level.vertices},
+                        {"bytes", level.bytes},
+                        {"errorAbsolute", level.errorAbsolute},
+                        {"errorRelative", level.errorRelative},
+                        {"ratio", level.ratio}});
+    result["levels"] = std::move(levels);
+    result["levelsRequested"] = model.levelsRequested;
+    if (!model.levelsNote.empty())
+      result["levelsNote"] = model.levelsNote;
+  }
   return result;
 }
 } // namespace
@@ -182,6 +200,9 @@ std::string statsLine(const ModelReport& model)
                 totals.acmr, model.seconds);
   if (!model.cache.empty())
     line += " cache=" + model.cache;
+  if (model.levelsRequested > 0)
+    line += fmt::format(" lods={}/{}", model.levels.size(), model.levelsRequested) +
+            (model.levelsNote.empty() ? "" : " lods_note=" + model.levelsNote);
   // Last, quoted: the one field with blanks in it.
   if (!model.reason.empty())
   {
@@ -194,6 +215,11 @@ std::string statsLine(const ModelReport& model)
     }
     line += " reason=\"" + quoted + "\"";
   }
+  for (const LevelReport& level : model.levels)
+    line += fmt::format("\nstats: {}: level {} triangles={} vertices={} bytes_out={} error={:.6g} error_relative={:.6g} "
+                        "ratio={:.3f}",
+                        model.source, level.number, level.triangles, level.vertices, level.bytes, level.errorAbsolute,
+                        level.errorRelative, level.ratio);
   return line;
 }
 
@@ -310,6 +336,14 @@ bool modelReportFromJson(std::string_view text, ModelReport& model)
       model.errors.push_back(e.get<std::string>() + "\n");
     model.reason = json.value("reason", std::string());
     model.cache = json.value("cache", std::string());
+    model.levelsRequested = json.value("levelsRequested", 0u);
+    model.levelsNote = json.value("levelsNote", std::string());
+    if (json.contains("levels"))
+      for (const auto& l : json.at("levels"))
+        model.levels.push_back({l.at("level").get<unsigned>(), l.at("output").get<std::string>(),
+                                l.at("triangles").get<uint64_t>(), l.at("vertices").get<uint64_t>(),
+                                l.at("bytes").get<uint64_t>(), l.at("errorAbsolute").get<double>(),
+                                l.at("errorRelative").get<double>(), l.at("ratio").get<double>()});
   }
   catch (const nlohmann::json::exception&)
   {

@@ -15,6 +15,19 @@
 namespace vertexmill
 {
 
+// One generated level of detail of a model.
+struct LevelReport
+{
+  unsigned number = 0;
+  std::string output;
+  uint64_t triangles = 0;
+  uint64_t vertices = 0;
+  uint64_t bytes = 0;
+  double errorAbsolute = 0.0; // the largest deviation from the main model, in model units
+  double errorRelative = 0.0; // the same, relative to the model's size
+  double ratio = 0.0;         // triangles over those of the level before
+};
+
 struct ModelReport
 {
   std::string source;
@@ -34,6 +47,11 @@ struct ModelReport
   bool readBack = false;
   uint64_t readBackVertices = 0;
   uint64_t readBackTriangles = 0;
+  // With --lods: the levels written, and what became of the chain: "" (as many as asked),
+  // "ended-early", "hand-made" (the artist's own levels are converted instead) or "not-a-main-model".
+  std::vector<LevelReport> levels;
+  unsigned levelsRequested = 0;
+  std::string levelsNote;
 };
 
 // A model's figures summed over its render sets, buffers and companions. The report's totals

@@ -4,6 +4,8 @@
 #include "fw/arg_parser.hpp"
 #include "fw/bounded_number.hpp"
 
+#include <charconv>
+#include <cmath>
 #include <functional>
 #include <optional>
 #include <string>
@@ -101,6 +103,25 @@ std::function<bool(std::string_view)> number(T& target, uint64_t low, uint64_t h
   };
 }
 
+// A decimal number within (low, high) or [low, high] as `inclusive` says, for a level-of-detail
+// option; it records that such an option was given.
+std::function<bool(std::string_view)> fraction(ToolOptions& o, const char* name, float& target, double low,
+                                               double high, bool inclusive)
+{
+  return [&o, name, &target, low, high, inclusive](std::string_view text) {
+    if (o.lodTuning.empty())
+      o.lodTuning = name;
+    double parsed = 0.0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
+    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(parsed))
+      return false;
+    if (inclusive ? (parsed < low || parsed > high) : (parsed <= low || parsed >= high))
+      return false;
+    target = static_cast<float>(parsed);
+    return true;
+  };
+}
+
 void registerOptions(ArgParser::Builder& builder, ToolOptions& o)
 {
   builder.add(flag<int32_t>("quiet", 'q', "don't produce output", o.verbosity, 0))
@@ -178,6 +199,26 @@ void registerOptions(ArgParser::Builder& builder, ToolOptions& o)
               "with --report or --report-html, also measure the overdraw of every render set (costly: "
               "about a third of the optimisation again)",
               o.reportOverdraw, true))
+    .add(value("lods",
+               "also write N simplified levels of detail of every main model, as "
+               "lods/MODEL_NAME_lod<n>.geometry beside its .geometry file",
+               "N", "a whole number from 0 to " + std::to_string(kMaxLevels), number(o.lods.levels, 0, kMaxLevels)))
+    .add(value("lod-ratio", "with --lods, each level keeps about R of the triangles of the level before it (default 0.5)",
+               "R", "a number greater than 0 and less than 1", fraction(o, "--lod-ratio", o.lods.ratio, 0.0, 1.0, false)))
+    .add(value("lod-error",
+               "with --lods, the largest deviation of a level from the main model, relative to the model's size "
+               "(default 0.01)",
+               "E", "a number from 0 to 1", fraction(o, "--lod-error", o.lods.maxError, 0.0, 1.0, true)))
+    .add({.kind = ArgParser::Kind::Flag,
+          .longName = "lod-sloppy",
+          .description = "with --lods, collapse meshes whose topology stops the simplifier regardless of it (may open "
+                         "cracks)",
+          .callback = [&o](std::string_view) {
+            if (o.lodTuning.empty())
+              o.lodTuning = "--lod-sloppy";
+            o.lods.sloppy = true;
+            return true;
+          }})
     .add(flag("stats", 0, "print one line of figures per model on standard output", o.stats, true))
     .add(flag("no-progress", 0, "do not show the progress line on a terminal", o.progress, false))
     .add(flag("version", 'V', "print the tool's name and version", o.showVersion, true));

@@ -2,6 +2,7 @@
 // The vertexmill command line: every option the tool takes, in one structure that the run reads
 // as it is.
 
+#include "geometry_compiler/compile_options.hpp"
 #include "vertexmill/cache_options.hpp"
 #include "vertexmill/shard.hpp"
 
@@ -38,7 +39,13 @@ struct ToolOptions
   CacheOptions cache;
   std::optional<Shard> shard;
   std::string depfilePath; // UTF-8; empty: none
+  LevelOfDetailOptions lods;
+  // The first option that tunes the levels of detail given on the command line (they need --lods).
+  std::string lodTuning;
 };
+
+// More levels of detail than this is a typing error: each halves the triangles by default.
+inline constexpr unsigned kMaxLevels = 8;
 
 // Fills `options` from the command line (UTF-8). Returns false when the parser refused it, after
 // it wrote an "ERROR: " line to standard error.

@@ -140,6 +140,7 @@ ModelSettings modelSettings(const ToolOptions& request, const RunServices& servi
 {
   ModelSettings settings;
   settings.compilerJobs = request.jobs;
+  settings.compile.lods = request.lods;
   settings.incremental = request.incremental;
   settings.report = services.report;
   settings.stats = request.stats;
@@ -181,7 +182,10 @@ int processSingle(const ToolOptions& request, const RunServices& services, const
     std::vector<std::string> inputs;
     for (const fs::path& input : result.inputs)
       inputs.push_back(cstdmf::toUtf8(input));
-    if (!writeDepfile(cstdmf::u8path(request.depfilePath), cstdmf::toUtf8(output), inputs))
+    std::vector<std::string> targets{cstdmf::toUtf8(output)};
+    for (const fs::path& level : result.levelOutputs)
+      targets.push_back(cstdmf::toUtf8(level));
+    if (!writeDepfile(cstdmf::u8path(request.depfilePath), targets, inputs))
       return kExitFailed;
   }
   return kExitSuccess;
@@ -301,6 +305,11 @@ int runVertexmill(int argc, const char* const* argv)
   {
     // Only a worker process can be held to a memory bound.
     std::fputs("ERROR: --memory-limit works with --keep-going only\n", stderr);
+    return kExitBadCommandLine;
+  }
+  if (!args.lodTuning.empty() && args.lods.levels == 0)
+  {
+    std::fprintf(stderr, "ERROR: %s works with --lods N (N from 1 to %u) only\n", args.lodTuning.c_str(), kMaxLevels);
     return kExitBadCommandLine;
   }
   if (!args.depfilePath.empty() && args.tree)

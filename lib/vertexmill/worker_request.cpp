@@ -92,6 +92,15 @@ public:
     return true;
   }
 
+  bool decimal(const char* name, float& target, double low, double high)
+  {
+    const json* field = find(name);
+    if (!field || !field->is_number() || field->get<double>() < low || field->get<double>() > high)
+      return refuse(name, "a number from " + std::to_string(low) + " to " + std::to_string(high));
+    target = static_cast<float>(field->get<double>());
+    return true;
+  }
+
   const std::string& problem() const { return m_problem; }
 
 private:
@@ -151,6 +160,11 @@ std::string WorkerRequest::toJson() const
       {"verifyVertices", compile.verifyVertices},
       {"refuseUnpackableNormals", compile.refuseUnpackableNormals}}},
   };
+  if (compile.lods.levels > 0)
+    document["lods"] = {{"levels", compile.lods.levels},
+                        {"ratio", compile.lods.ratio},
+                        {"maxError", compile.lods.maxError},
+                        {"sloppy", compile.lods.sloppy}};
   if (cache)
     document["cache"] = {
       {"directory", textToJson(cache->directory)}, {"url", textToJson(cache->url)}, {"timeoutSeconds", cache->timeoutSeconds}};
@@ -200,6 +214,19 @@ bool WorkerRequest::fromJson(std::string_view text, WorkerRequest& request, std:
     if (!ok)
     {
       problem = "in 'compile', " + switches.problem();
+      return false;
+    }
+  }
+  if (ok && document.contains("lods"))
+  {
+    const json& lodsObject = document["lods"];
+    LevelOfDetailOptions& lods = parsed.compile.lods;
+    FieldReader lodFields(lodsObject);
+    if (!lodsObject.is_object() || !lodFields.number("levels", lods.levels, 1, kMaxLevels) ||
+        !lodFields.decimal("ratio", lods.ratio, 0.0, 1.0) || !lodFields.decimal("maxError", lods.maxError, 0.0, 1.0) ||
+        !lodFields.flag("sloppy", lods.sloppy))
+    {
+      problem = lodsObject.is_object() ? "in 'lods', " + lodFields.problem() : "field 'lods': expected an object";
       return false;
     }
   }

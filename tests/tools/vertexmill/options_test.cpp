@@ -80,7 +80,7 @@ TEST(DepfileWords, BlanksHashesAndDollarsAreEscaped)
   EXPECT_EQ(depfileWord("my ship#1$.primitives"), "my\\ ship\\#1$$.primitives");
   EXPECT_EQ(depfileWord("a\\ b"), "a\\\\\\ b");
   EXPECT_EQ(depfileWord("C:/art/x.primitives"), "C:/art/x.primitives");
-  EXPECT_EQ(depfileText("out/a.geometry", {"a.primitives", "a.collision"}),
+  EXPECT_EQ(depfileText({"out/a.geometry"}, {"a.primitives", "a.collision"}),
             "out/a.geometry: \\\n  a.primitives \\\n  a.collision\n");
 }
 
