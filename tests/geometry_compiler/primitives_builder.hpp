@@ -112,11 +112,12 @@ inline std::vector<XyzNuv> gridVertices(int n, float scale = 1.0f)
   return vertices;
 }
 
+// The triangles of a grid of n columns (n+1 vertices a row) and `rows` rows (n when not given).
 template <typename Index>
-std::vector<Index> gridIndices(int n)
+std::vector<Index> gridIndices(int n, int rows = -1)
 {
   std::vector<Index> indices;
-  for (int y = 0; y < n; ++y)
+  for (int y = 0; y < (rows < 0 ? n : rows); ++y)
     for (int x = 0; x < n; ++x)
     {
       const Index a = static_cast<Index>(y * (n + 1) + x), b = static_cast<Index>(a + 1),

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -123,6 +124,37 @@ inline std::string validPrimitives(const std::vector<std::string>& setNames = {"
   }
   const BinaryPtr container = writeBinSectionContainer(entries);
   EXPECT_TRUE(container);
+  return container ? std::string(container->data(), container->len()) : std::string();
+}
+
+// A model worth simplifying: one render set, a gently curved sheet of n x n quads.
+inline std::string sheetPrimitives(int n)
+{
+  std::string vertices = formatName("xyznuv");
+  const uint32_t vertexCount = static_cast<uint32_t>((n + 1) * (n + 1));
+  appendPod(vertices, &vertexCount, 4);
+  for (int y = 0; y <= n; ++y)
+    for (int x = 0; x <= n; ++x)
+    {
+      const float vertex[8] = {float(x), float(y), 0.5f * std::sin(x * 0.2f) * std::cos(y * 0.1f), 0.0f, 0.0f, 1.0f,
+                               float(x) / n, float(y) / n};
+      appendPod(vertices, vertex, sizeof(vertex));
+    }
+  std::string indices = formatName("list");
+  const uint32_t indexCount = static_cast<uint32_t>(n * n * 6);
+  appendPod(indices, &indexCount, 4);
+  const uint32_t unused = 0;
+  appendPod(indices, &unused, 4);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x)
+    {
+      const uint16_t a = static_cast<uint16_t>(y * (n + 1) + x), b = a + 1, c = static_cast<uint16_t>(a + n + 1),
+                     d = c + 1;
+      const uint16_t quad[6] = {a, b, d, a, d, c};
+      appendPod(indices, quad, sizeof(quad));
+    }
+  const BinaryPtr container =
+    writeBinSectionContainer({{"sheet.vertices", blockOf(vertices)}, {"sheet.indices", blockOf(indices)}});
   return container ? std::string(container->data(), container->len()) : std::string();
 }
 
