@@ -57,3 +57,51 @@ bench_tree_models() {
     touch "$cache/complete"
   fi
 }
+
+# The measuring helpers below need `work` (a scratch folder) and `gnu_time` (/usr/bin/time).
+
+# cpu_us FILE: user + system CPU time of the reaped children in a `times` listing, in microseconds
+# (bash prints milliseconds).
+cpu_us() {
+  tail -n 1 "$1" | awk '{
+    total = 0
+    for (i = 1; i <= 2; ++i) { split($i, p, "m"); sub("s", "", p[2]); total += p[1] * 60 + p[2] }
+    printf "%d\n", total * 1e6
+  }'
+}
+
+# run_measured OUTFILE COMMAND...: runs the command with its output discarded and appends
+# "<wall microseconds> <peak KiB> <CPU microseconds>" to OUTFILE. Exits the script when the command
+# fails. CPU time (user + system) is less sensitive to the load of a shared machine than wall time.
+# Between the two snapshots nothing but the command is started: EPOCHREALTIME and `times` are
+# read without a child process, so neither figure counts the script's own helpers.
+run_measured() {
+  local out=$1
+  shift
+  local start end
+  start=$EPOCHREALTIME
+  times >"$work/times_before.txt"
+  if ! "$gnu_time" -f '%e %M' -o "$work/time.txt" "$@" >"$work/stdout.txt" 2>"$work/stderr.txt"; then
+    echo "$bench_name: failed: $*" >&2
+    cat "$work/stderr.txt" >&2
+    exit 1
+  fi
+  times >"$work/times_after.txt"
+  end=$EPOCHREALTIME
+  local wall_us=$((${end/./} - ${start/./}))
+  local cpu=$(($(cpu_us "$work/times_after.txt") - $(cpu_us "$work/times_before.txt")))
+  echo "$wall_us $(tail -n 1 "$work/time.txt" | cut -d' ' -f2) $cpu" >>"$out"
+}
+
+# median FILE COLUMN: the median of one column of numbers.
+median() {
+  sort -g -k"$2,$2" "$1" | awk -v c="$2" '{ v[NR] = $c } END { if (NR == 0) print "nan"; else if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+}
+
+# ratio_median A B COLUMN: the median of the per-round ratios of a column of A to the same column
+# of B (1 wall time, 3 CPU time).
+ratio_median() {
+  paste -d' ' "$1" "$2" | awk -v c="$3" '{ print $c / $(c + 3) }' >"$work/ratios.txt"
+  median "$work/ratios.txt" 1
+}
+

@@ -235,7 +235,9 @@ private:
 
   // Pairs every index range with its vertex range. With `optimizing`, reports the ranges that
   // cannot be paired and records each index buffer's largest vertex count.
-  std::vector<MeshTask> gatherMeshTasks(bool optimizing);
+  std::vector<MeshTask> gatherMeshTasks(bool optimizing) { return gatherMeshTasks(optimizing, m_mergedGeometry); }
+  // The same over another merged state; without `optimizing` nothing in it is changed.
+  std::vector<MeshTask> gatherMeshTasks(bool optimizing, MergedGeometry& merged);
   // The render sets as the statistics show them; `before` holds their state before optimising.
   std::vector<CompileStatistics::RenderSet> describeRenderSets(
     const std::vector<MeshTask>& tasks, bool optimized, const std::vector<MeshDataOptimizer::MeshStatistics>* before);
@@ -261,11 +263,11 @@ private:
   // The levels of detail from the merged state as it was before saving (`base`), each simplified
   // from it, saved to bytes, on up to m_jobs threads; `outputPath` names them in messages.
   void makeLevels(const MergedGeometry& base, const std::string& outputPath);
-  // Simplifies every render set of the merged state to about `keep` of its triangles, no further
-  // than the options' largest error from where it was, and drops the vertices no triangle uses any
-  // more. Fills the level's triangle, vertex and error figures.
-  // Returns the triangles the render sets had before.
-  uint64_t simplifyRenderSets(float keep, Level& level);
+  // Makes the merged state `base` (the main model's, unchanged) with every render set simplified
+  // to about `keep` of its triangles, no further than the options' largest error from where it was,
+  // and without the vertices no triangle uses any more. Fills the level's triangle, vertex and
+  // error figures; returns the triangles the render sets had before.
+  uint64_t simplifyRenderSets(const MergedGeometry& base, float keep, Level& level);
 
   // Where a render set lies in the merged buffers, by position, so that it can be found again once
   // the buffers are encoded.

@@ -22,31 +22,53 @@ namespace
 constexpr const char* kCategory = "Other";
 constexpr auto kWarning = DebugMessagePriority::Warning;
 
-// Puts new bytes in place of the named sections' ranges, moving every other range of the same
-// buffer along so that each buffer stays the sections' concatenation in the order they came.
+// The buffers of `base` into `target` (which holds base's mappings and records but no bytes yet),
+// with new bytes in place of the named sections' ranges and every other range moved along, so that
+// each buffer stays the sections' concatenation in the order they came.
 template <typename Info>
-void replaceRanges(MergedBuffers<Info>& buffers,
+void rebuildRanges(const MergedBuffers<Info>& base, MergedBuffers<Info>& target,
                    const std::unordered_map<std::string, cstdmf::ByteVector>& replacements)
 {
-  for (DataEntry& buffer : buffers.data)
+  for (size_t b = 0; b < base.data.size(); ++b)
   {
-    cstdmf::ByteVector rebuilt;
-    rebuilt.reserve(buffer.data.size());
-    for (MappingEntry& mapping : buffers.mappings)
+    const DataEntry& source = base.data[b];
+    cstdmf::ByteVector& rebuilt = target.data[b].data;
+    size_t size = 0;
+    for (const MappingEntry& mapping : target.mappings)
+      if (mapping.formatName == source.formatName)
+      {
+        const auto replacement = replacements.find(mapping.sectionName);
+        size += replacement != replacements.end() ? replacement->second.size() : mapping.info.sizeInBytes;
+      }
+    rebuilt.resize(size);
+    size_t at = 0;
+    for (MappingEntry& mapping : target.mappings)
     {
-      if (mapping.formatName != buffer.formatName)
+      if (mapping.formatName != source.formatName)
         continue;
       const auto replacement = replacements.find(mapping.sectionName);
       const std::span<const std::byte> bytes =
         replacement != replacements.end()
           ? std::span<const std::byte>(replacement->second)
-          : std::span<const std::byte>(buffer.data).subspan(mapping.info.offsetInBytes, mapping.info.sizeInBytes);
-      mapping.info.offsetInBytes = static_cast<uint32_t>(rebuilt.size());
+          : std::span<const std::byte>(source.data).subspan(mapping.info.offsetInBytes, mapping.info.sizeInBytes);
+      if (!bytes.empty())
+        std::memcpy(rebuilt.data() + at, bytes.data(), bytes.size());
+      mapping.info.offsetInBytes = static_cast<uint32_t>(at);
       mapping.info.sizeInBytes = static_cast<uint32_t>(bytes.size());
-      rebuilt.insert(rebuilt.end(), bytes.begin(), bytes.end());
+      at += bytes.size();
     }
-    buffer.data = std::move(rebuilt);
   }
+}
+
+// base's mappings and records, and its buffers without their bytes.
+template <typename Info>
+void copyLayout(const MergedBuffers<Info>& base, MergedBuffers<Info>& target)
+{
+  target.mappings = base.mappings;
+  target.records = base.records;
+  target.data.clear();
+  for (const DataEntry& entry : base.data)
+    target.data.push_back(DataEntry{entry.formatName, {}});
 }
 
 // The bounding box of every position of the render sets.
@@ -81,9 +103,10 @@ struct Bounds
 };
 } // namespace
 
-uint64_t GeometryCompiler::simplifyRenderSets(float keep, Level& level)
+uint64_t GeometryCompiler::simplifyRenderSets(const MergedGeometry& base, float keep, Level& level)
 {
-  const std::vector<MeshTask> tasks = gatherMeshTasks(false);
+  // Only read: gathering without optimising changes nothing, so the levels share one base.
+  const std::vector<MeshTask> tasks = gatherMeshTasks(false, const_cast<MergedGeometry&>(base));
   Bounds model;
   for (const MeshTask& task : tasks)
     model.add(task.vertices, task.stride);
@@ -125,18 +148,18 @@ uint64_t GeometryCompiler::simplifyRenderSets(float keep, Level& level)
     // Only the vertices the kept triangles use, in the order they are first used, each copied
     // whole: skin, normals and texture coordinates stay those of the main model.
     std::vector<uint32_t> remap(vertexCount, std::numeric_limits<uint32_t>::max());
-    cstdmf::ByteVector vertices;
     uint32_t used = 0;
     for (uint32_t& index : simplified.indices)
     {
       if (remap[index] == std::numeric_limits<uint32_t>::max())
-      {
         remap[index] = used++;
-        const std::byte* vertex = task.vertices.data() + static_cast<size_t>(index) * task.stride;
-        vertices.insert(vertices.end(), vertex, vertex + task.stride);
-      }
       index = remap[index];
     }
+    cstdmf::ByteVector vertices(static_cast<size_t>(used) * task.stride);
+    for (size_t v = 0; v < vertexCount; ++v)
+      if (remap[v] != std::numeric_limits<uint32_t>::max())
+        std::memcpy(vertices.data() + static_cast<size_t>(remap[v]) * task.stride, task.vertices.data() + v * task.stride,
+                    task.stride);
     cstdmf::ByteVector packedIndices(simplified.indices.size() * indexSize);
     for (size_t i = 0; i < simplified.indices.size(); ++i)
     {
@@ -158,8 +181,10 @@ uint64_t GeometryCompiler::simplifyRenderSets(float keep, Level& level)
   }
   level.errorRelative = modelScale > 0.0f ? level.errorAbsolute / modelScale : 0.0f;
 
-  replaceRanges(m_mergedGeometry.vertices(), vertexRanges);
-  replaceRanges(m_mergedGeometry.indices(), indexRanges);
+  copyLayout(base.vertices(), m_mergedGeometry.vertices());
+  copyLayout(base.indices(), m_mergedGeometry.indices());
+  rebuildRanges(base.vertices(), m_mergedGeometry.vertices(), vertexRanges);
+  rebuildRanges(base.indices(), m_mergedGeometry.indices(), indexRanges);
   for (MappingEntry& mapping : m_mergedGeometry.indices().mappings)
     if (const auto count = vertexCounts.find(mapping.sectionName); count != vertexCounts.end())
       mapping.maxIndex = count->second == 0 ? std::nullopt : std::optional<uint32_t>(count->second - 1);
@@ -181,9 +206,8 @@ void GeometryCompiler::makeLevels(const MergedGeometry& base, const std::string&
     child.m_settings.lods = {};
     child.m_overdraw = m_overdraw;
     child.m_resourceName = m_resourceName;
-    child.m_mergedGeometry = base;
     child.m_statistics = m_statistics ? &level.statistics : nullptr;
-    mainTriangles[i] = child.simplifyRenderSets(std::pow(lods.ratio, static_cast<float>(level.number)), level);
+    mainTriangles[i] = child.simplifyRenderSets(base, std::pow(lods.ratio, static_cast<float>(level.number)), level);
     std::optional<StoredMeasurement> measurement;
     level.bytes = child.saveToBlock(outputPath + " (level " + std::to_string(level.number) + ")", measurement);
     if (measurement)

@@ -65,10 +65,10 @@ private:
 };
 } // namespace
 
-std::vector<GeometryCompiler::MeshTask> GeometryCompiler::gatherMeshTasks(bool optimizing)
+std::vector<GeometryCompiler::MeshTask> GeometryCompiler::gatherMeshTasks(bool optimizing, MergedGeometry& merged)
 {
-  MergedGeometry::VertexBuffers& vertexBuffers = m_mergedGeometry.vertices();
-  MergedGeometry::IndexBuffers& indexBuffers = m_mergedGeometry.indices();
+  MergedGeometry::VertexBuffers& vertexBuffers = merged.vertices();
+  MergedGeometry::IndexBuffers& indexBuffers = merged.indices();
   std::vector<MeshTask> tasks;
   for (const MappingEntry& indexMapping : indexBuffers.mappings)
   {

@@ -1,5 +1,7 @@
 #include "mesh_data_optimizer/simplifier.hpp"
 
+#include "cstdmf/byte_vector.hpp"
+
 #include <meshoptimizer.h>
 
 #include <algorithm>
@@ -33,7 +35,8 @@ bool simplifiable(std::span<const uint32_t> indices, std::span<const std::byte> 
 }
 
 // Drops the triangles that use one vertex twice.
-void dropDegenerate(std::vector<uint32_t>& indices)
+template <typename Vector>
+void dropDegenerate(Vector& indices)
 {
   size_t kept = 0;
   for (size_t i = 0; i + 2 < indices.size(); i += 3)
@@ -74,14 +77,17 @@ Simplified simplify(std::span<const uint32_t> indices, std::span<const std::byte
                     size_t vertexStride, const SimplifyTarget& target)
 {
   Simplified result;
-  result.indices.assign(indices.begin(), indices.end());
   if (!simplifiable(indices, vertices, vertexCount, vertexStride) || indices.empty() ||
       !(target.relativeError >= 0.0f) || !std::isfinite(target.relativeError))
+  {
+    result.indices.assign(indices.begin(), indices.end());
     return result;
+  }
   const size_t wanted = std::min(indices.size(), std::max<size_t>(3, target.indexCount - target.indexCount % 3));
   const float* positions = reinterpret_cast<const float*>(vertices.data());
 
-  std::vector<uint32_t> kept(indices.size());
+  // Written by the library before it is read: no need to clear it first.
+  std::vector<uint32_t, cstdmf::DefaultInitAllocator<uint32_t>> kept(indices.size());
   float error = 0.0f;
   size_t count = meshopt_simplify(kept.data(), indices.data(), indices.size(), positions, vertexCount, vertexStride,
                                   wanted, target.relativeError, target.lockBorder ? meshopt_SimplifyLockBorder : 0,
@@ -93,7 +99,7 @@ Simplified simplify(std::span<const uint32_t> indices, std::span<const std::byte
   // edges); far above the target, the sloppy collapse may still get there within the error.
   if (target.sloppy && count > wanted + wanted / 2)
   {
-    std::vector<uint32_t> collapsed(indices.size());
+    std::vector<uint32_t, cstdmf::DefaultInitAllocator<uint32_t>> collapsed(indices.size());
     float sloppyError = 0.0f;
     const size_t sloppyCount = meshopt_simplifySloppy(collapsed.data(), indices.data(), indices.size(), positions,
                                                       vertexCount, vertexStride, wanted, target.relativeError,
@@ -110,8 +116,11 @@ Simplified simplify(std::span<const uint32_t> indices, std::span<const std::byte
   dropDegenerate(kept);
   // A mesh that would vanish keeps its triangles: a level shows every part of the model.
   if (kept.empty())
+  {
+    result.indices.assign(indices.begin(), indices.end());
     return result;
-  result.indices = std::move(kept);
+  }
+  result.indices.assign(kept.begin(), kept.end());
   result.relativeError = error;
   return result;
 }
