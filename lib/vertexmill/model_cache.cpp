@@ -4,6 +4,7 @@
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/version.hpp"
 #include "resmgr/file_io.hpp"
+#include "vertexmill/levels_of_detail.hpp"
 #include "vertexmill/report.hpp"
 #include "vertexmill_build_id.hpp"
 
@@ -272,6 +273,15 @@ CachedConversion::Figures decodeFigures(std::string_view text, CompileStatistics
   statistics = std::move(model.statistics);
   return static_cast<CachedConversion::Figures>(text[0] - '0');
 }
+
+// Where level `number` of a chain is kept: a key of its own, made from the model's.
+Digest levelKey(const Digest& modelKey, unsigned number)
+{
+  return content_cache::sha256(content_cache::toHex(modelKey) + " level " + std::to_string(number));
+}
+
+// A kept level's figures, in the report's form; "end" marks where the chain ended.
+constexpr std::string_view kChainEnd = "end";
 } // namespace
 
 bool CachedConversion::replay(bool withoutErrors, Figures wanted)
@@ -297,12 +307,38 @@ bool CachedConversion::replay(bool withoutErrors, Figures wanted)
       set.before.overdraw.reset();
       set.after.overdraw.reset();
     }
+  // A chain is used whole or not at all: every level up to its end must be kept.
+  std::vector<std::pair<LevelReport, CacheEntry>> levels;
+  for (unsigned number = 1; number <= m_levelsRequested; ++number)
+  {
+    std::optional<CacheEntry> level = m_cache->lookup(levelKey(*m_key, number), m_request.primitivesPath);
+    if (!level)
+      return false;
+    if (level->figures == kChainEnd)
+      break;
+    ModelReport figures;
+    if (!modelReportFromJson(level->figures, figures) || figures.levels.size() != 1)
+      return false;
+    levels.emplace_back(std::move(figures.levels.front()), std::move(*level));
+  }
   // Written whole or not at all, and by the compiler's own writer, so that its temporary file is
   // removed with the run's others when the run is stopped. When it cannot be written, the
   // conversion runs and reports the failure in its own words.
   if (!fileio::writeWholeFile(m_outputText, std::as_bytes(std::span<const char>(entry->output))))
     return false;
   m_replayedBytes = entry->output.size();
+  if (!levels.empty())
+  {
+    std::error_code error;
+    fs::create_directories(levelPath(m_output, 1).parent_path(), error);
+  }
+  for (auto& [level, kept] : levels)
+  {
+    level.output = cstdmf::toUtf8(levelPath(m_output, level.number));
+    if (!fileio::writeWholeFile(level.output, std::as_bytes(std::span<const char>(kept.output))))
+      return false;
+    m_levels.push_back(std::move(level));
+  }
   replayMessages(entry->messages, m_request.primitivesPath);
   return true;
 }
@@ -315,7 +351,8 @@ std::unique_ptr<MessageRecorder> CachedConversion::record()
 }
 
 void CachedConversion::keep(bool converted, std::unique_ptr<MessageRecorder> recorder,
-                            const CompileStatistics* statistics, Figures measured)
+                            const CompileStatistics* statistics, Figures measured,
+                            const std::vector<GeometryCompiler::Level>* levels)
 {
   if (!m_cache || !m_key || !recorder || !converted)
     return;
@@ -328,6 +365,27 @@ void CachedConversion::keep(bool converted, std::unique_ptr<MessageRecorder> rec
   // An input that changed while it was converted may not match the key: nothing is kept.
   if (!unchanged(m_stamps) || !content_cache::readWholeFile(cstdmf::u8path(m_outputText), entry.output, problem))
     return;
+  // The levels first: a model entry found by another run has its chain beside it.
+  if (levels)
+  {
+    for (const GeometryCompiler::Level& level : *levels)
+    {
+      ModelReport figures;
+      figures.levelsRequested = 1;
+      figures.levels.push_back(LevelReport{level.number, {}, level.triangles, level.vertices, level.bytes->len(),
+                                           level.errorAbsolute, level.errorRelative, level.ratio});
+      CacheEntry kept;
+      kept.figures = modelReportToJson(figures);
+      kept.output.assign(level.bytes->data(), level.bytes->len());
+      m_cache->store(levelKey(*m_key, level.number), kept, m_request.primitivesPath);
+    }
+    if (levels->size() < m_levelsRequested)
+    {
+      CacheEntry end;
+      end.figures = kChainEnd;
+      m_cache->store(levelKey(*m_key, static_cast<unsigned>(levels->size() + 1)), end, m_request.primitivesPath);
+    }
+  }
   m_cache->store(*m_key, entry, m_request.primitivesPath);
 }
 

@@ -13,6 +13,7 @@
 #include "content_cache/remote_store.hpp"
 #include "cstdmf/debug.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
+#include "vertexmill/report.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -132,6 +133,17 @@ public:
     WithOverdraw,
   };
 
+  // The model makes a chain of `requested` levels of detail beside `output`: a replay needs every
+  // level kept with the model (or the mark that the chain ended before it) and writes them too, and
+  // keep() keeps them.
+  void expectLevels(unsigned requested, std::filesystem::path output)
+  {
+    m_levelsRequested = requested;
+    m_output = std::move(output);
+  }
+  // After a replay with levels: the levels it wrote.
+  const std::vector<LevelReport>& levels() const { return m_levels; }
+
   // True when the result came from the cache and the output file is written. With
   // `withoutErrors` a result whose conversion logged an ERROR is not used.
   [[nodiscard]] bool replay(bool withoutErrors = false, Figures wanted = Figures::None);
@@ -144,7 +156,7 @@ public:
   // Keeps a successful conversion's output and messages (taken from the recorder), and its
   // figures when it measured them (`measured` says how much of them).
   void keep(bool converted, std::unique_ptr<MessageRecorder> recorder, const CompileStatistics* statistics = nullptr,
-            Figures measured = Figures::None);
+            Figures measured = Figures::None, const std::vector<GeometryCompiler::Level>* levels = nullptr);
 
 private:
   ModelCache* m_cache;
@@ -155,6 +167,9 @@ private:
   std::vector<InputStamp> m_stamps;
   uint64_t m_replayedBytes = 0;
   CompileStatistics m_figures;
+  unsigned m_levelsRequested = 0;
+  std::filesystem::path m_output;
+  std::vector<LevelReport> m_levels;
 };
 
 } // namespace vertexmill

@@ -178,6 +178,16 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
                        outcome == ModelOutcome::Failed ? std::vector<fs::path>{} : levelOutputs};
   };
 
+  // The chain as written (converted or replayed): what the report and the depfile show of it.
+  const auto finishLevels = [&](std::vector<LevelReport> written) {
+    levels = std::move(written);
+    for (const LevelReport& level : levels)
+      levelOutputs.push_back(cstdmf::u8path(level.output));
+    if (levels.size() < compileOptions.lods.levels)
+      levelsNote = "ended-early";
+    warnAboutLevelsPast(output, static_cast<unsigned>(levels.size()));
+  };
+
   if (settings.incremental && isUpToDate(sources, output, settings.toolTime, makesLevels))
   {
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
@@ -205,8 +215,9 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     }
   }
 
-  // A cache entry holds one file: a model with levels is converted every time.
-  CachedConversion cached(makesLevels ? nullptr : settings.cache, request, compileOptions, outputText);
+  CachedConversion cached(settings.cache, request, compileOptions, outputText);
+  if (makesLevels)
+    cached.expectLevels(compileOptions.lods.levels, output);
   // A hit reports the figures its conversion measured; a kept result without them (an older
   // entry, or one without the overdraw asked for) is converted again, and kept again with them.
   using Figures = CachedConversion::Figures;
@@ -219,9 +230,11 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
       report->statistics = cached.figures();
       report->cache = "hit";
     }
+    if (makesLevels)
+      finishLevels(cached.levels());
     return finish(ModelOutcome::Converted);
   }
-  if (report && settings.cache && !makesLevels)
+  if (report && settings.cache)
     report->cache = "miss";
 
   // A result the cache keeps carries its figures (but the costly overdraw only when asked for),
@@ -244,19 +257,14 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     });
   std::unique_ptr<MessageRecorder> recorder = cached.record();
   bool converted = compiler.compile(request, outputText, compileOptions);
-  cached.keep(converted, std::move(recorder), statistics, measured);
+  cached.keep(converted, std::move(recorder), statistics, measured, makesLevels ? &compiler.levels() : nullptr);
   reason = compiler.systemReason();
   if (converted && makesLevels)
   {
-    converted = writeLevels(output, compiler.levels(), levels, reason);
-    for (const LevelReport& level : levels)
-      levelOutputs.push_back(cstdmf::u8path(level.output));
+    std::vector<LevelReport> written;
+    converted = writeLevels(output, compiler.levels(), written, reason);
     if (converted)
-    {
-      if (levels.size() < compileOptions.lods.levels)
-        levelsNote = "ended-early";
-      warnAboutLevelsPast(output, static_cast<unsigned>(levels.size()));
-    }
+      finishLevels(std::move(written));
   }
   return finish(converted ? ModelOutcome::Converted : ModelOutcome::Failed);
 }

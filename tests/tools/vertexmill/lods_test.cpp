@@ -78,6 +78,27 @@ TEST_F(VertexmillTool, LevelsOfDetailFollowTheNamingConventionAndAreTheSameAtAny
   EXPECT_EQ(readFile(path("one/art/lods/sheet_lod1.geometry")), readFile(path("two/art/lods/sheet_lod1.geometry")));
 }
 
+TEST_F(VertexmillTool, ACacheHitRestoresTheWholeChain)
+{
+  writeFile(path("art/sheet.primitives"), sheetPrimitives(24));
+  fs::create_directories(path("one"));
+  fs::create_directories(path("two"));
+  const RunResult first = run({"--lods", "2", "--cache", str("cache"), "--stats", str("art/sheet.primitives"), str("one")});
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_TRUE(contains(first.out, "cache=miss lods=2/2")) << first.out;
+  const RunResult hit = run({"--lods", "2", "--cache", str("cache"), "--stats", str("art/sheet.primitives"), str("two")});
+  ASSERT_EQ(hit.status, 0) << hit.err;
+  EXPECT_TRUE(contains(hit.out, "cache=hit lods=2/2")) << hit.out;
+  // The same figures as the conversion, and the same files.
+  EXPECT_EQ(hit.out.substr(hit.out.find("\n")), first.out.substr(first.out.find("\n")));
+  for (const char* file : {"sheet.geometry", "lods/sheet_lod1.geometry", "lods/sheet_lod2.geometry"})
+    EXPECT_EQ(readFile(path(std::string("two/") + file)), readFile(path(std::string("one/") + file))) << file;
+
+  // Other level options are another chain: not taken from the cache.
+  const RunResult other = run({"--lods", "1", "--cache", str("cache"), "--stats", str("art/sheet.primitives"), str("two")});
+  EXPECT_TRUE(contains(other.out, "cache=miss lods=1/1")) << other.out;
+}
+
 TEST_F(VertexmillTool, LevelsOfDetailAreInTheDepfileAndTheirOptionsAreBounded)
 {
   writeFile(path("art/sheet.primitives"), sheetPrimitives(24));
