@@ -24,6 +24,35 @@ const char* const kPageScript = R"js(
     var line = previewLines[i + 1];
     return line ? "data:image/png;base64," + line : "";
   }
+  var levelPreviewLines = null;
+  function levelPreview(k) {
+    if (levelPreviewLines === null)
+      levelPreviewLines = document.getElementById("level-previews").textContent.split("\n");
+    var line = levelPreviewLines[k + 1];
+    return line ? "data:image/png;base64," + line : "";
+  }
+  // The model's chain of levels of detail, main model first, previews side by side.
+  function levelsHtml(i, main) {
+    var levels = (data.levels || [])[i] || [], note = (data.levelNotes || [])[i] || "";
+    if (!levels.length && !note) return "";
+    var html = ["<h4>Levels of detail</h4>"];
+    if (levels.length) html.push('<div class="chain">');
+    var figure = function (image, caption) {
+      return '<figure>' + (image ? '<img class="preview" alt="" width="160" height="160" src="' + image + '">' : "") +
+             "<figcaption>" + caption + "</figcaption></figure>";
+    };
+    if (levels.length) html.push(figure(main, "main model: " + rows[i][data.trianglesColumn] + " triangles"));
+    levels.forEach(function (l) {
+      html.push(figure(levelPreview(l[7]), "level " + l[0] + ": " + l[1] + " triangles (" + (l[6] === null ? "" : l[6].toFixed(2)) +
+                       " of the level before), error " + (l[4] === null ? "" : l[4].toPrecision(3)) +
+                       (l[5] === null ? "" : " (" + (l[5] * 100).toFixed(2) + "% of the model)") + ", " + l[3] + " B"));
+    });
+    if (levels.length) html.push("</div>");
+    if (note === "ended-early") html.push('<p class="muted">The chain ended early: a further level would have removed less than a tenth of the triangles.</p>');
+    if (note === "hand-made") html.push('<p class="muted">The artist made this model\'s levels: they are converted from lods/ instead.</p>');
+    if (note === "not-a-main-model") html.push('<p class="muted">Named or placed like a level itself: no levels are made for it.</p>');
+    return html.join("");
+  }
 
   var table = document.getElementById("models");
   var head = table.tHead.rows[0];
@@ -132,6 +161,7 @@ const char* const kPageScript = R"js(
                 [3, 4, 5, 6].map(function (j) { return '<td class="num">' + (s[j] === null ? "" : s[j].toFixed(3)) + "</td>"; }).join("") + "</tr>");
     });
     html.push("</tbody></table></div>");
+    html.push(levelsHtml(i, image));
     var messages = data.messages[i] || [];
     if (messages.length) {
       html.push("<ul class=\"messages\">");
@@ -192,6 +222,13 @@ const char* const kPageScript = R"js(
     applyFilter();
     if (rows.length) showDetail(0);
     report.detailImages = detail.querySelectorAll("img").length;
+    // The first model with levels of detail shows its chain, a preview for each.
+    var withLevels = (data.levels || []).findIndex(function (l) { return l.length > 0; });
+    if (withLevels >= 0) {
+      showDetail(withLevels);
+      report.chainLevels = data.levels[withLevels].length;
+      report.chainImages = detail.querySelectorAll(".chain img").length;
+    }
     report.problems = problems;
     var out = document.createElement("pre");
     out.id = "selftest";
@@ -238,6 +275,9 @@ td.thumb img { display: block; border-radius: 3px; }
 #detail { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 12px; margin-top: 12px; }
 .detail-body { display: flex; gap: 16px; align-items: flex-start; }
 .preview { border-radius: 4px; }
+.chain { display: flex; flex-wrap: wrap; gap: 12px; }
+.chain figure { margin: 0; width: 160px; }
+.chain figcaption { font-size: 12px; }
 table.sets { border-collapse: collapse; font-size: 12.5px; }
 table.sets th, table.sets td { padding: 3px 8px; border-bottom: 1px solid #eef1f5; text-align: left; }
 .swatch { display: inline-block; width: 12px; height: 12px; border-radius: 2px; }

