@@ -59,8 +59,9 @@ constexpr const char* kDescription =
   "mapping (the compiler's order).\n"
   "\n"
   "Previews: a fixed three-quarter view fitted to the model, lit by its normals. --render-mode\n"
-  "shaded (grey), sets (each render set in its own colour) or cache (each triangle by the vertices\n"
-  "it adds to a 16-entry FIFO cache: green 0, yellow 1, orange 2, red 3).\n"
+  "shaded (grey), sets (each render set in its own colour), cache (each triangle by the vertices it\n"
+  "adds to a 16-entry FIFO cache: green 0, yellow 1, orange 2, red 3) or wireframe (shaded, with the\n"
+  "visible triangles' edges).\n"
   "\n"
   "Exit status: 0 every file is sound (warnings allowed), 1 bad command line, 2 an input cannot be\n"
   "read or an output folder cannot be used (nothing was done), 3 a file is not sound or an export\n"
@@ -484,6 +485,8 @@ std::optional<preview::Mode> parseMode(std::string_view text)
     return preview::Mode::RenderSets;
   if (text == "cache")
     return preview::Mode::VertexCache;
+  if (text == "wireframe")
+    return preview::Mode::Wireframe;
   return std::nullopt;
 }
 
@@ -531,12 +534,12 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
       .add({
         .kind = ArgParser::Kind::Value,
         .longName = "render-mode",
-        .description = "preview colours: shaded, sets or cache (default shaded)",
+        .description = "preview colours: shaded, sets, cache or wireframe (default shaded)",
         .valueName = "MODE",
         .callback = [&](std::string_view value) {
           const auto mode = parseMode(value);
           if (!mode)
-            badValue = fmt::format("ERROR: invalid value '{}' for --render-mode: expected shaded, sets or cache\n", value);
+            badValue = fmt::format("ERROR: invalid value '{}' for --render-mode: expected shaded, sets, cache or wireframe\n", value);
           options.renderMode = mode.value_or(preview::Mode::Shaded);
           return mode.has_value();
         },

@@ -40,6 +40,7 @@ constexpr double kMargin = 0.06; // of the image on each side
 constexpr std::array<uint8_t, 3> kBackground = {38, 42, 50};
 constexpr std::array<uint8_t, 3> kSeparator = {90, 96, 108};
 constexpr std::array<uint8_t, 3> kGrey = {214, 214, 208};
+constexpr std::array<uint8_t, 3> kWire = {40, 70, 120};
 constexpr std::array<std::array<uint8_t, 3>, 10> kSetColours = {{
   {{230, 159, 0}},
   {{86, 180, 233}},
@@ -102,8 +103,9 @@ public:
       std::copy(kBackground.begin(), kBackground.end(), m_colour.begin() + i * 3);
   }
 
+  // With `wire`, samples within about one sample of an edge take the edge colour.
   void triangle(ScreenVertex a, ScreenVertex b, ScreenVertex c, std::array<int, 3> shades,
-                const std::array<uint8_t, 3>& colour)
+                const std::array<uint8_t, 3>& colour, bool wire = false)
   {
     int64_t area = edge(a, b, c.x, c.y);
     if (area == 0)
@@ -130,6 +132,12 @@ public:
     const int64_t bias0 = isTopLeft(b, c) ? 0 : 1;
     const int64_t bias1 = isTopLeft(c, a) ? 0 : 1;
     const int64_t bias2 = isTopLeft(a, b) ? 0 : 1;
+    // An edge's weight over its length is the distance to it, in sixteenths of a sample.
+    const auto length = [](const ScreenVertex& from, const ScreenVertex& to) {
+      return std::sqrt(double(to.x - from.x) * double(to.x - from.x) + double(to.y - from.y) * double(to.y - from.y));
+    };
+    const double lengths[3] = {length(b, c), length(c, a), length(a, b)};
+    constexpr double kWireWidth = 0.9 * kSubpixel;
     for (int64_t row = std::max<int64_t>(firstRow, 0); row <= lastRow; ++row)
     {
       const int64_t py = row * kSubpixel + half;
@@ -154,8 +162,11 @@ public:
           const int64_t step = (kAmbient + kDiffuse) / m_shades;
           light = light / step * step + step / 2;
         }
+        const bool onEdge = wire && (double(w0) < kWireWidth * lengths[0] || double(w1) < kWireWidth * lengths[1] ||
+                                     double(w2) < kWireWidth * lengths[2]);
         for (int channel = 0; channel < 3; ++channel)
-          m_colour[pixel * 3 + channel] = static_cast<uint8_t>(std::min<int64_t>(colour[channel] * light / 256, 255));
+          m_colour[pixel * 3 + channel] =
+            onEdge ? kWire[channel] : static_cast<uint8_t>(std::min<int64_t>(colour[channel] * light / 256, 255));
       }
     }
   }
@@ -321,7 +332,7 @@ Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint
         const std::array<uint8_t, 3>& colour = mode == Mode::VertexCache ? kCacheColours[costs[t / 3]]
                                                : mode == Mode::RenderSets ? setColour
                                                                           : kGrey;
-        rasteriser.triangle(screen[i0], screen[i1], screen[i2], triangleShades, colour);
+        rasteriser.triangle(screen[i0], screen[i1], screen[i2], triangleShades, colour, mode == Mode::Wireframe);
       }
     }
   }

@@ -33,6 +33,7 @@ enum class Mode
   Shaded,      // light grey, lit by the normals
   RenderSets,  // each render set in its own colour, lit
   VertexCache, // each triangle coloured by the vertices it adds to a 16-entry FIFO cache (0..3), lit
+  Wireframe,   // as Shaded, with every visible triangle's edges drawn dark
 };
 
 // Tightly packed 8-bit RGB, rows top to bottom.

@@ -97,6 +97,7 @@ TEST(PreviewRender, ModesColourTheSameCoverage)
   const preview::Image shaded = preview::render(meshes, bounds, preview::Mode::Shaded, 64);
   const preview::Image sets = preview::render(meshes, bounds, preview::Mode::RenderSets, 64);
   const preview::Image cache = preview::render(meshes, bounds, preview::Mode::VertexCache, 64);
+  const preview::Image wire = preview::render(meshes, bounds, preview::Mode::Wireframe, 64);
   const auto background = pixel(shaded, 0, 0);
   std::set<std::array<uint8_t, 3>> setColours;
   for (uint32_t y = 0; y < 64; ++y)
@@ -105,12 +106,31 @@ TEST(PreviewRender, ModesColourTheSameCoverage)
       const bool drawn = pixel(shaded, x, y) != background;
       EXPECT_EQ(drawn, pixel(sets, x, y) != background) << x << "," << y;
       EXPECT_EQ(drawn, pixel(cache, x, y) != background) << x << "," << y;
+      EXPECT_EQ(drawn, pixel(wire, x, y) != background) << x << "," << y;
       if (drawn)
         setColours.insert(pixel(sets, x, y));
     }
   // Two render sets (and their blended edges) in different colours, where shaded is one grey.
   EXPECT_GE(setColours.size(), 2u);
   EXPECT_NE(preview::renderSetColour(0), preview::renderSetColour(1));
+}
+
+TEST(PreviewRender, WireframeDrawsTheEdgesOverTheShadedSurface)
+{
+  // Pixels where the wireframe differs from the shaded picture are edges: more triangles, more of them.
+  const auto edgePixels = [](uint32_t n) {
+    const preview::Image shaded = renderOne(grid(n), preview::Mode::Shaded, 128);
+    const preview::Image wire = renderOne(grid(n), preview::Mode::Wireframe, 128);
+    size_t differing = 0;
+    for (uint32_t y = 0; y < 128; ++y)
+      for (uint32_t x = 0; x < 128; ++x)
+        differing += pixel(shaded, x, y) != pixel(wire, x, y);
+    return differing;
+  };
+  const size_t coarse = edgePixels(2), fine = edgePixels(8);
+  EXPECT_GT(coarse, 0u);
+  EXPECT_GT(fine, coarse * 2);
+  EXPECT_LT(fine, size_t(128) * 128 / 2); // the surface still shows between the edges
 }
 
 TEST(PreviewRender, BrokenMeshesDrawWhatTheyCanAndNeverFail)
