@@ -19,6 +19,21 @@ bench_setup() {
   importer=$build/tools/primitives_from_obj/primitives_from_obj
 }
 
+# bench_corpus_tools: sets prepare (bench_corpus_prepare), gltfpack (GLTFPACK, else gltfpack on PATH,
+# else empty) and gnu_time, and ends the script when /usr/bin/time is missing.
+bench_corpus_tools() {
+  prepare=$build/bench/bench_corpus_prepare
+  gltfpack=${GLTFPACK:-$(command -v gltfpack || true)}
+  gnu_time=/usr/bin/time
+  bench_require "apt-get install -y time" "$gnu_time"
+}
+
+# bench_work PREFIX: a fresh scratch folder in `work`, removed when the script ends unless KEEP_WORK=1.
+bench_work() {
+  work=$(mktemp -d "${TMPDIR:-/tmp}/$1.XXXXXX")
+  trap '[[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"' EXIT
+}
+
 # bench_require HINT PROGRAM...: ends the script when a program is missing; HINT says how to build
 # or install it.
 bench_require() {

@@ -25,22 +25,17 @@ bench_name=bench_corpus
 source "$(dirname "$0")/common.sh"
 bench_setup "$@"
 repeats=${REPEATS:-5}
-prepare=$build/bench/bench_corpus_prepare
+bench_corpus_tools
 bare=$build/bench/bench_corpus_bare
 compile_bench=$build/bench/bench_compile
-gltfpack=${GLTFPACK:-$(command -v gltfpack || true)}
-gnu_time=/usr/bin/time
 
 bench_require "ninja vertexmill primitives_from_obj bench_corpus_prepare bench_corpus_bare" \
   "$vertexmill" "$importer" "$prepare" "$bare"
-bench_require "apt-get install -y time" "$gnu_time"
 if [[ -z $gltfpack ]]; then
   echo "bench_corpus: gltfpack not found; its columns stay empty (apt-get install -y gltfpack)" >&2
 fi
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_corpus.XXXXXX")
-cleanup() { [[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"; }
-trap cleanup EXIT
+bench_work vertexmill_corpus
 
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 echo "# vertexmill whole-corpus run"

@@ -17,16 +17,11 @@ bench_name=bench_lods
 source "$(dirname "$0")/common.sh"
 bench_setup "$@"
 repeats=${REPEATS:-3}
-prepare=$build/bench/bench_corpus_prepare
+bench_corpus_tools
 floor=$build/bench/bench_lod_floor
-gltfpack=${GLTFPACK:-$(command -v gltfpack || true)}
-gnu_time=/usr/bin/time
 bench_require "ninja vertexmill primitives_from_obj bench_corpus_prepare bench_lod_floor" \
   "$vertexmill" "$importer" "$prepare" "$floor"
-bench_require "apt-get install -y time" "$gnu_time"
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_lods.XXXXXX")
-trap '[[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"' EXIT
+bench_work vertexmill_lods
 
 echo "# vertexmill levels of detail"
 echo

@@ -1,6 +1,7 @@
 // Arbitrary bytes as a .primitives file through the whole conversion, in memory. Either the
 // compiler refuses the model or the .geometry bytes it made load back with the reader, with a
-// vertex and an index mapping for every section it converted.
+// vertex and an index mapping for every section it converted; so does every level of detail it
+// made, which two inputs in three ask for.
 //
 // Normals that cannot be packed are refused as data errors here, so that they end one input
 // rather than the fuzzer.
@@ -47,6 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
   model.modelName = "model";
   CompileOptions options;
   options.refuseUnpackableNormals = true;
+  options.lods.levels = static_cast<unsigned>(size % 3);
   const BinaryPtr packed = compiler.compileBytes(model, "model.geometry", options);
   if (!packed)
     return 0;
@@ -60,6 +62,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
   {
     Moo::GeometryData::VertexRange range;
     check(geometry.fetchVerticesById(geometry.verticesMapping()[i].mappingId, range, i));
+  }
+  check(compiler.levels().size() <= options.lods.levels);
+  for (const GeometryCompiler::Level& level : compiler.levels())
+  {
+    Moo::GeometryData levelGeometry;
+    check(levelGeometry.load(level.bytes, "fuzz_lod.geometry"));
+    check(levelGeometry.verticesMapping().size() == geometry.verticesMapping().size());
+    check(levelGeometry.indicesMapping().size() == geometry.indicesMapping().size());
   }
   return 0;
 }

@@ -17,20 +17,16 @@ const char* const kPageScript = R"js(
   var columns = data.columns;
   var rows = data.rows;
   var sets = data.sets;
-  var previewLines = null;
-  function preview(i) {
-    if (previewLines === null)
-      previewLines = document.getElementById("previews").textContent.split("\n");
-    var line = previewLines[i + 1];
-    return line ? "data:image/png;base64," + line : "";
+  // Previews are base64 lines of a text element, split only when one is first shown.
+  var previewLines = {};
+  function line(element, k) {
+    if (!previewLines[element])
+      previewLines[element] = document.getElementById(element).textContent.split("\n");
+    var text = previewLines[element][k + 1];
+    return text ? "data:image/png;base64," + text : "";
   }
-  var levelPreviewLines = null;
-  function levelPreview(k) {
-    if (levelPreviewLines === null)
-      levelPreviewLines = document.getElementById("level-previews").textContent.split("\n");
-    var line = levelPreviewLines[k + 1];
-    return line ? "data:image/png;base64," + line : "";
-  }
+  function preview(i) { return line("previews", i); }
+  function levelPreview(k) { return line("level-previews", k); }
   // The model's chain of levels of detail, main model first, previews side by side.
   function levelsHtml(i, main) {
     var levels = (data.levels || [])[i] || [], note = (data.levelNotes || [])[i] || "";
