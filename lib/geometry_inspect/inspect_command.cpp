@@ -12,6 +12,7 @@
 #include "preview/output_file.hpp"
 #include "preview/png_image.hpp"
 #include "report_page/report_page.hpp"
+#include "run_report/run_report.hpp"
 
 #include <fmt/format.h>
 
@@ -52,6 +53,10 @@ constexpr const char* kDescription =
   "                                              model before optimisation on the left\n"
   "  geometry_inspect --report-html OUT.html REPORT.json\n"
   "                                              the HTML page of a vertexmill --report file\n"
+  "  geometry_inspect --merge-reports OUT.json PART.json...\n"
+  "                                              one report of the shards of a run (vertexmill\n"
+  "                                              --shard K/N --report PART.json); with --report-html\n"
+  "                                              also its page\n"
   "\n"
   "Mapping ids are string ids of section names. The names are shown beside the ids, and name the\n"
   "exported objects, when the source .primitives file is given with --names or lies beside the\n"
@@ -81,6 +86,7 @@ struct Options
   std::string sourcePath; // before/after previews
   std::string namesPath;
   std::string reportHtmlPath;
+  std::string mergePath;
   std::vector<std::string> inputs;
 };
 
@@ -433,24 +439,10 @@ bool checkOutputFolder(const std::string& option, const std::string& path, std::
   return false;
 }
 
-// geometry_inspect --report-html OUT.html REPORT.json
-int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
+// The HTML page of `report` (read from, or written to, reportPath) into pagePath.
+int writeReportPage(const nlohmann::json& report, const std::string& reportPath, const std::string& pagePath,
+                    std::ostream& out, std::ostream& err)
 {
-  const std::string& reportPath = options.inputs.front();
-  BinaryPtr block;
-  std::string error;
-  if (!readWholeFile(reportPath, block, error))
-  {
-    err << "ERROR: cannot read '" << reportPath << "': " << error << '\n';
-    return kExitBadPath;
-  }
-  const std::string_view text(block->cdata(), block->len());
-  const nlohmann::json report = nlohmann::json::parse(text, nullptr, false);
-  if (report.is_discarded() || !report.is_object() || !report.contains("models") || !report["models"].is_array())
-  {
-    err << "ERROR: '" << reportPath << "' is not a vertexmill report (a JSON object with a \"models\" array)\n";
-    return kExitFailed;
-  }
   // Outputs are named as vertexmill was given them: relative to where it ran, which is usually
   // here, or else beside the report.
   const fs::path reportFolder = cstdmf::u8path(reportPath).parent_path();
@@ -467,14 +459,77 @@ int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
     return {};
   };
   const std::string page = report_page::buildPage(report, previews);
-  if (!preview::writeWholeFile(options.reportHtmlPath, page, error))
+  std::string error;
+  if (!preview::writeWholeFile(pagePath, page, error))
   {
     err << "ERROR: " << error << '\n';
     return kExitFailed;
   }
-  out << fmt::format("{}: report page of {} ({} models)\n", options.reportHtmlPath, reportPath,
-                     report["models"].size());
+  out << fmt::format("{}: report page of {} ({} models)\n", pagePath, reportPath, report["models"].size());
   return kExitSuccess;
+}
+
+// A report file as JSON; nothing (after an ERROR naming it) when it cannot be read or is not JSON.
+std::optional<nlohmann::ordered_json> readReport(const std::string& path, std::ostream& err, int& status)
+{
+  BinaryPtr block;
+  std::string error;
+  if (!readWholeFile(path, block, error))
+  {
+    err << "ERROR: cannot read '" << path << "': " << error << '\n';
+    status = kExitBadPath;
+    return std::nullopt;
+  }
+  nlohmann::ordered_json report = nlohmann::ordered_json::parse(std::string_view(block->cdata(), block->len()), nullptr, false);
+  if (report.is_discarded() || !report.is_object() || !report.contains("models") || !report["models"].is_array())
+  {
+    err << "ERROR: '" << path << "' is not a vertexmill report (a JSON object with a \"models\" array)\n";
+    status = kExitFailed;
+    return std::nullopt;
+  }
+  return report;
+}
+
+// geometry_inspect --report-html OUT.html REPORT.json
+int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
+{
+  int status = kExitSuccess;
+  const std::optional<nlohmann::ordered_json> report = readReport(options.inputs.front(), err, status);
+  if (!report)
+    return status;
+  return writeReportPage(nlohmann::json(*report), options.inputs.front(), options.reportHtmlPath, out, err);
+}
+
+// geometry_inspect --merge-reports OUT.json PART.json... [--report-html OUT.html]
+int runMergeReports(const Options& options, std::ostream& out, std::ostream& err)
+{
+  std::vector<run_report::Part> parts;
+  for (const std::string& input : options.inputs)
+  {
+    int status = kExitSuccess;
+    std::optional<nlohmann::ordered_json> part = readReport(input, err, status);
+    if (!part)
+      return status;
+    parts.push_back({input, std::move(*part)});
+  }
+  std::string problem;
+  const std::optional<nlohmann::ordered_json> merged = run_report::mergeParts(parts, problem);
+  if (!merged)
+  {
+    err << "ERROR: cannot merge the reports: " << problem << '\n';
+    return kExitFailed;
+  }
+  const std::string text = merged->dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  std::string error;
+  if (!preview::writeWholeFile(options.mergePath, text, error))
+  {
+    err << "ERROR: " << error << '\n';
+    return kExitFailed;
+  }
+  out << fmt::format("{}: {} models from {} parts\n", options.mergePath, (*merged)["models"].size(), parts.size());
+  if (options.reportHtmlPath.empty())
+    return kExitSuccess;
+  return writeReportPage(nlohmann::json(*merged), options.mergePath, options.reportHtmlPath, out, err);
 }
 
 std::optional<preview::Mode> parseMode(std::string_view text)
@@ -564,6 +619,9 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
       .add(path("names", "SRC.primitives", "take section names from this .primitives file", options.namesPath))
       .add(path("report-html", "OUT.html", "write the HTML page of a vertexmill report given as the input",
                 options.reportHtmlPath))
+      .add(path("merge-reports", "OUT.json",
+                "merge the reports of the shards of one run (vertexmill --shard K/N --report) given as the inputs",
+                options.mergePath))
       .extraPositionals("FILE|DIR...", [&](std::string_view value) {
         options.inputs.emplace_back(value);
         return !value.empty();
@@ -590,7 +648,12 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
     return refuse("ERROR: no input given: name a .geometry or .primitives file, or a folder");
 
   const bool oneFileOutput = !options.exportPath.empty() || !options.renderPath.empty();
-  if (!options.reportHtmlPath.empty())
+  if (!options.mergePath.empty())
+  {
+    if (oneFileOutput || options.json || options.validate || options.stats)
+      return refuse("ERROR: --merge-reports takes report files, and no other switch but --report-html");
+  }
+  else if (!options.reportHtmlPath.empty())
   {
     if (options.inputs.size() != 1 || oneFileOutput || options.json || options.validate || options.stats)
       return refuse("ERROR: --report-html takes one report file and no other switch");
@@ -613,7 +676,8 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
   }
   for (const auto& [option, output] : {std::pair<const char*, const std::string&>{"--export-obj", options.exportPath},
                                        {"--render", options.renderPath},
-                                       {"--report-html", options.reportHtmlPath}})
+                                       {"--report-html", options.reportHtmlPath},
+                                       {"--merge-reports", options.mergePath}})
     if (!output.empty() && !checkOutputFolder(option, output, err))
       return kExitBadPath;
   for (const std::string* input : {&options.namesPath, &options.sourcePath})
@@ -627,6 +691,8 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
     }
   }
 
+  if (!options.mergePath.empty())
+    return runMergeReports(options, out, err);
   if (!options.reportHtmlPath.empty())
     return runReportHtml(options, out, err);
   std::error_code code;

@@ -1,5 +1,7 @@
 #include "vertexmill/report.hpp"
 
+#include "run_report/run_report.hpp"
+
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/platform.hpp"
@@ -387,45 +389,28 @@ std::string Report::toJson() const
   std::stable_sort(models.begin(), models.end(), [](auto* a, auto* b) { return a->first < b->first; });
 
   ordered_json list = ordered_json::array();
-  uint64_t converted = 0, convertedWithErrors = 0, failed = 0, upToDate = 0, vertices = 0, triangles = 0, rawBytes = 0, storedBytes = 0,
-           outputBytes = 0;
-  double seconds = 0.0;
   for (const auto* entry : models)
-  {
-    const ModelReport& model = entry->second;
-    ordered_json json = modelJson(model);
-    converted += model.status == "converted";
-    convertedWithErrors += model.status == "converted-with-errors";
-    failed += model.status == "failed";
-    upToDate += model.status == "up-to-date";
-    const auto& totals = json["totals"];
-    vertices += totals["vertices"].get<uint64_t>();
-    triangles += totals["triangles"].get<uint64_t>();
-    rawBytes += totals["rawBytes"].get<uint64_t>();
-    storedBytes += totals["storedBytes"].get<uint64_t>();
-    outputBytes += totals["outputBytes"].get<uint64_t>();
-    seconds += model.seconds;
-    list.push_back(std::move(json));
-  }
+    list.push_back(modelJson(entry->second));
 
   ordered_json document{{"schema", "vertexmill-report"},
                         {"schemaVersion", kSchemaVersion},
-                        {"tool", {{"name", "vertexmill"}, {"version", std::string(cstdmf::toolsVersion())}}},
-                        {"models", std::move(list)},
-                        {"totals",
-                         {{"models", models.size()},
-                          {"converted", converted},
-                          {"convertedWithErrors", convertedWithErrors},
-                          {"failed", failed},
-                          {"upToDate", upToDate},
-                          {"vertices", vertices},
-                          {"triangles", triangles},
-                          {"rawBytes", rawBytes},
-                          {"storedBytes", storedBytes},
-                          {"outputBytes", outputBytes},
-                          {"seconds", seconds}}}};
+                        {"tool", {{"name", "vertexmill"}, {"version", std::string(cstdmf::toolsVersion())}}}};
+  if (m_shard)
+  {
+    document["shard"] = {{"index", m_shard->first}, {"count", m_shard->second}};
+    document["run"] = m_run;
+  }
+  ordered_json totals = run_report::totalsOf(list);
+  document["models"] = std::move(list);
+  document["totals"] = std::move(totals);
   // Invalid UTF-8 in a path is replaced rather than refused.
   return document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+void Report::setShard(uint32_t index, uint32_t count, ordered_json run)
+{
+  m_shard.emplace(index, count);
+  m_run = std::move(run);
 }
 
 std::filesystem::path reportTarget(const std::string& path)

@@ -5,9 +5,12 @@
 #include "cstdmf/debug.hpp"
 #include "geometry_compiler/compile_statistics.hpp"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -117,7 +120,13 @@ public:
   // The document as text (tests).
   std::string toJson() const;
 
+  // The report of one shard of a run (--shard K/N) says which, and what the run was asked to do
+  // (`run`, the same on every machine of the run), so that the parts can be merged and checked.
+  void setShard(uint32_t index, uint32_t count, nlohmann::ordered_json run);
+
 private:
+  std::optional<std::pair<uint32_t, uint32_t>> m_shard;
+  nlohmann::ordered_json m_run;
   mutable std::mutex m_mutex;
   std::vector<std::pair<size_t, ModelReport>> m_models;
 };

@@ -2,6 +2,7 @@
 
 #include "content_cache/sha256.hpp"
 #include "cstdmf/path_utils.hpp"
+#include "cstdmf/platform.hpp"
 #include "fw/bounded_number.hpp"
 #include "vertexmill/tree_run.hpp"
 
@@ -32,6 +33,39 @@ std::optional<Shard> parseShard(std::string_view text)
   if (!index || !count || *count == 0 || *count > kMaxShards || *index == 0 || *index > *count)
     return std::nullopt;
   return Shard{*index, *count};
+}
+
+std::optional<Shard> shardFromEnvironment(std::string& problem)
+{
+  if (const std::optional<std::string> given = platform::environmentVariable("VERTEXMILL_SHARD"))
+  {
+    if (const std::optional<Shard> shard = parseShard(*given))
+      return shard;
+    problem = "VERTEXMILL_SHARD is '" + *given + "', not K/N with 1 <= K <= N <= 65536";
+    return std::nullopt;
+  }
+  const std::optional<std::string> id = platform::environmentVariable("SLURM_ARRAY_TASK_ID");
+  const std::optional<std::string> count = platform::environmentVariable("SLURM_ARRAY_TASK_COUNT");
+  if (!id || !count)
+  {
+    problem = "it needs VERTEXMILL_SHARD=K/N, or a Slurm job array (SLURM_ARRAY_TASK_ID and SLURM_ARRAY_TASK_COUNT)";
+    return std::nullopt;
+  }
+  const std::string min = platform::environmentVariable("SLURM_ARRAY_TASK_MIN").value_or("0");
+  const std::string step = platform::environmentVariable("SLURM_ARRAY_TASK_STEP").value_or("1");
+  constexpr uint64_t kLargest = 0xFFFFFFFFu;
+  const std::optional<uint64_t> task = FW::parseBoundedNumber(*id, 0, kLargest);
+  const std::optional<uint64_t> first = FW::parseBoundedNumber(min, 0, kLargest);
+  const std::optional<uint64_t> stride = FW::parseBoundedNumber(step, 1, kLargest);
+  const std::optional<uint64_t> tasks = FW::parseBoundedNumber(*count, 1, kMaxShards);
+  if (!task || !first || !stride || !tasks || *task < *first || (*task - *first) % *stride != 0 ||
+      (*task - *first) / *stride >= *tasks)
+  {
+    problem = "the Slurm array does not make a shard (SLURM_ARRAY_TASK_ID=" + *id + ", SLURM_ARRAY_TASK_MIN=" + min +
+              ", SLURM_ARRAY_TASK_STEP=" + step + ", SLURM_ARRAY_TASK_COUNT=" + *count + ")";
+    return std::nullopt;
+  }
+  return Shard{static_cast<uint32_t>((*task - *first) / *stride + 1), static_cast<uint32_t>(*tasks)};
 }
 
 void keepShard(ModelList& models, const Shard& shard)

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace vertexmill
@@ -19,6 +20,11 @@ struct Shard
 
 // "K/N" with 1 <= K <= N <= 65536; nothing for any other text.
 [[nodiscard]] std::optional<Shard> parseShard(std::string_view text);
+
+// The shard of --shard auto: $VERTEXMILL_SHARD (K/N) when it is set, else the task of a Slurm job
+// array (SLURM_ARRAY_TASK_ID, SLURM_ARRAY_TASK_MIN, SLURM_ARRAY_TASK_STEP, SLURM_ARRAY_TASK_COUNT:
+// the first task is shard 1). Nothing, with what is wrong or missing in `problem`, otherwise.
+[[nodiscard]] std::optional<Shard> shardFromEnvironment(std::string& problem);
 
 struct ModelList;
 

@@ -183,11 +183,12 @@ void registerOptions(ArgParser::Builder& builder, ToolOptions& o)
     .add(flag("no-cache", 0, "use no cache, whatever the environment says", o.cache.off, true))
     .add(value("shard",
                "in tree mode convert only the models of shard K of N (1 <= K <= N), chosen by their "
-               "relative paths",
-               "K/N", "K/N with 1 <= K <= N <= 65536",
+               "relative paths; auto: K/N from $VERTEXMILL_SHARD or a Slurm job array",
+               "K/N", "K/N with 1 <= K <= N <= 65536, or auto",
                [&o](std::string_view text) {
+                 o.shardAuto = text == "auto";
                  o.shard = parseShard(text);
-                 return o.shard.has_value();
+                 return o.shard.has_value() || o.shardAuto;
                }))
     .add(value("depfile",
                "in default mode also write FILE, a Makefile-syntax list of the files the model was made "

@@ -38,6 +38,7 @@ struct ToolOptions
   bool helpShown = false;
   CacheOptions cache;
   std::optional<Shard> shard;
+  bool shardAuto = false; // --shard auto: the shard comes from the scheduler, once the run starts
   std::string depfilePath; // UTF-8; empty: none
   LevelOfDetailOptions lods;
   // The first option that tunes the levels of detail given on the command line (they need --lods).

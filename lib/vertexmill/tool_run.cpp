@@ -284,7 +284,17 @@ int runVertexmill(int argc, const char* const* argv)
     std::printf("%s %s\n", kToolName, std::string(cstdmf::toolsVersion()).c_str());
     return kExitSuccess;
   }
-  if (args.shard && !args.tree)
+  if (args.shardAuto && args.tree)
+  {
+    std::string problem;
+    args.shard = shardFromEnvironment(problem);
+    if (!args.shard)
+    {
+      std::fprintf(stderr, "ERROR: --shard auto: %s\n", problem.c_str());
+      return kExitBadCommandLine;
+    }
+  }
+  if ((args.shard || args.shardAuto) && !args.tree)
   {
     std::fputs("ERROR: --shard works in tree mode only\n", stderr);
     return kExitBadCommandLine;
@@ -349,7 +359,21 @@ int runVertexmill(int argc, const char* const* argv)
     args.jobs = usableJobCount();
   std::unique_ptr<Report> report;
   if (!args.reportPath.empty() || !args.reportHtmlPath.empty())
+  {
     report = std::make_unique<Report>();
+    if (args.shard)
+    {
+      // What every shard of one run is asked to do alike, so that parts of other runs are not
+      // merged with it. Not where it writes: each machine may write into a folder of its own.
+      CompileOptions compile;
+      compile.lods = args.lods;
+      report->setShard(args.shard->index, args.shard->count,
+                       {{"source", cstdmf::toGenericUtf8(args.srcPath)},
+                        {"compile", compile.keyText()},
+                        {"incremental", args.incremental},
+                        {"strict", args.strict}});
+    }
+  }
   const std::unique_ptr<ModelCache> cache = makeModelCache(args.cache);
   const RunServices services{router.get(), report.get(), cache.get(), &criticalHandler};
   int status = kExitSuccess;

@@ -2,10 +2,13 @@
 
 #include "tool_test_support.hpp"
 
+#include "geometry_inspect/inspect_command.hpp"
 #include "vertexmill/model_cache.hpp"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <sstream>
 #include <thread>
 
 using namespace vertexmill_test;
@@ -235,19 +238,42 @@ TEST(ModelCacheKey, MessageTemplatesNameTheirOwnSource)
             "in 'C:\\b\\y.primitives' and \x01 'C:\\b\\y.primitives'");
 }
 
+namespace
+{
+// Sets an environment variable for the children started while it lives.
+class ScopedEnvironment
+{
+public:
+  ScopedEnvironment(const char* name, const std::string& value) : m_name(name) { set(value.c_str()); }
+  ~ScopedEnvironment() { set(nullptr); }
+
+private:
+  void set(const char* value)
+  {
+    platform::setEnvironmentVariable(m_name, value ? std::optional<std::string>(value) : std::nullopt);
+  }
+  const char* m_name;
+};
+} // namespace
+
 TEST_F(VertexmillTool, ShardsSplitATreeAndTheirUnionIsOneRun)
 {
   for (int i = 0; i < 16; ++i)
     writeFile(path("tree/" + std::string(i % 2 ? "x/" : "y/z/") + "m" + std::to_string(i) + ".primitives"),
               validPrimitives({"s" + std::to_string(i)}));
   fs::create_directories(path("all"));
-  ASSERT_EQ(run({"--tree", str("tree"), str("all")}).status, 0);
+  ASSERT_EQ(run({"--tree", "--report", str("all.json"), str("tree"), str("all")}).status, 0);
   size_t total = 0;
+  std::vector<std::string> merge = {"geometry_inspect", "--merge-reports", str("merged.json")};
   for (int k = 1; k <= 3; ++k)
   {
     const std::string out = "shard" + std::to_string(k);
     fs::create_directories(path(out));
-    const RunResult shard = run({"--tree", "--verbose", "--shard", std::to_string(k) + "/3", str("tree"), str(out)});
+    // The scheduler's way: the shard from the environment.
+    const ScopedEnvironment given("VERTEXMILL_SHARD", std::to_string(k) + "/3");
+    const std::string part = str("part" + std::to_string(k) + ".json");
+    merge.push_back(part);
+    const RunResult shard = run({"--tree", "--verbose", "--shard", "auto", "--report", part, str("tree"), str(out)});
     ASSERT_EQ(shard.status, 0) << shard.err;
     for (const auto& file : fs::recursive_directory_iterator(path(out)))
     {
@@ -259,6 +285,29 @@ TEST_F(VertexmillTool, ShardsSplitATreeAndTheirUnionIsOneRun)
     }
   }
   EXPECT_EQ(total, 16u); // each model in exactly one shard
+
+  // The parts merge into the report of one run: every model once, in source order.
+  std::vector<const char*> argv;
+  for (const std::string& arg : merge)
+    argv.push_back(arg.c_str());
+  std::ostringstream mergeOut, mergeErr;
+  ASSERT_EQ(geometry_inspect::runInspect(int(argv.size()), argv.data(), mergeOut, mergeErr), 0) << mergeErr.str();
+  const nlohmann::json merged = nlohmann::json::parse(readFile(path("merged.json")));
+  const nlohmann::json single = nlohmann::json::parse(readFile(path("all.json")));
+  std::vector<std::string> mergedSources, singleSources;
+  for (const auto& model : merged["models"])
+    mergedSources.push_back(model["source"]);
+  for (const auto& model : single["models"])
+    singleSources.push_back(model["source"]);
+  EXPECT_TRUE(std::is_sorted(mergedSources.begin(), mergedSources.end()));
+  std::sort(singleSources.begin(), singleSources.end());
+  EXPECT_EQ(mergedSources, singleSources);
+  EXPECT_EQ(merged["totals"]["models"], 16);
+  EXPECT_EQ(merged["totals"]["triangles"], single["totals"]["triangles"]);
+  EXPECT_FALSE(merged.contains("shard"));
+
+  // Without a shard in the environment, auto is refused before any work.
+  EXPECT_EQ(run({"--tree", "--shard", "auto", str("tree"), str("nowhere")}).status, 1);
 
   // The same relative paths in another place give the same shards.
   fs::create_directories(path("moved"));
@@ -306,23 +355,6 @@ TEST_F(VertexmillTool, DepfileNamesOutputSourceAndCompanions)
   EXPECT_EQ(run({"--tree", "--depfile", str("x.d"), str("my art"), str("out $dir")}).status, 1);
 }
 
-namespace
-{
-// Sets an environment variable for the children started while it lives.
-class ScopedEnvironment
-{
-public:
-  ScopedEnvironment(const char* name, const std::string& value) : m_name(name) { set(value.c_str()); }
-  ~ScopedEnvironment() { set(nullptr); }
-
-private:
-  void set(const char* value)
-  {
-    platform::setEnvironmentVariable(m_name, value ? std::optional<std::string>(value) : std::nullopt);
-  }
-  const char* m_name;
-};
-} // namespace
 
 TEST_F(VertexmillTool, CacheFromTheEnvironmentUnlessNoCache)
 {

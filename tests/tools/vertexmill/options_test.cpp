@@ -1,11 +1,14 @@
 // The command line and the worker request as values: every option reaches its field, values out of
 // range are refused, and a worker request survives its round trip or is refused by name.
+#include "cstdmf/platform.hpp"
 #include "vertexmill/depfile.hpp"
+#include "vertexmill/shard.hpp"
 #include "vertexmill/tool_options.hpp"
 #include "vertexmill/worker_request.hpp"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,6 +51,16 @@ TEST(ToolOptions, EveryOptionReachesItsField)
   EXPECT_EQ(o.shard->count, 3u);
   EXPECT_EQ(o.srcPath, "src");
   EXPECT_EQ(o.dstPath, "dst");
+  EXPECT_EQ(o.lods.levels, 0u);
+  EXPECT_TRUE(o.lodTuning.empty());
+
+  ToolOptions levels;
+  ASSERT_TRUE(parse({"--lods", "8", "--lod-ratio", "0.25", "--lod-error", "1", "--lod-sloppy", "--shard", "auto", "a", "b"},
+                    levels));
+  EXPECT_EQ(levels.lods, (LevelOfDetailOptions{8, 0.25f, 1.0f, true}));
+  EXPECT_EQ(levels.lodTuning, "--lod-ratio");
+  EXPECT_TRUE(levels.shardAuto);
+  EXPECT_FALSE(levels.shard);
 
   ToolOptions q;
   ASSERT_TRUE(parse({"-q", "--src-path", "a.primitives", "--dst-path", "out", "--depfile", "d", "--no-cache"}, q));
@@ -65,13 +78,50 @@ TEST(ToolOptions, ValuesOutOfRangeAreRefused)
     {"-j", "1025"},          {"-j", "-1"},           {"-j", "2x"},         {"--time-limit", "0"},
     {"--memory-limit", "1048577"}, {"--report", ""},  {"--report-html", "-"}, {"--depfile", "-"},
     {"--depfile", ""},       {"--shard", "0/0"},     {"--shard", "3/2"},   {"--cache-timeout", "0"},
-    {"--cache-max-size", "1X"}, {"--cache", ""},     {"--no-such-option"},
+    {"--cache-max-size", "1X"}, {"--cache", ""},     {"--no-such-option"}, {"--shard", "Auto"},
+    {"--lods", "9"},         {"--lod-ratio", "1"},   {"--lod-ratio", "0"}, {"--lod-ratio", "0.5x"},
+    {"--lod-error", "1.01"}, {"--lod-error", "nan"}, {"--lod-ratio", "inf"},
   };
   for (const std::vector<std::string>& args : refused)
   {
     ToolOptions options;
     EXPECT_FALSE(parse(args, options)) << args[0];
   }
+}
+
+TEST(Shards, AutoTakesTheShardFromTheSchedulerOrRefusesByName)
+{
+  const char* const names[] = {"VERTEXMILL_SHARD", "SLURM_ARRAY_TASK_ID", "SLURM_ARRAY_TASK_MIN",
+                               "SLURM_ARRAY_TASK_STEP", "SLURM_ARRAY_TASK_COUNT"};
+  const auto setAll = [&](std::vector<std::optional<std::string>> values) {
+    for (size_t i = 0; i < std::size(names); ++i)
+      platform::setEnvironmentVariable(names[i], values[i]);
+  };
+  const auto shard = [](std::string& problem) {
+    const std::optional<Shard> found = shardFromEnvironment(problem);
+    return found ? std::to_string(found->index) + "/" + std::to_string(found->count) : std::string();
+  };
+  std::string problem;
+  setAll({"3/4", "0", std::nullopt, std::nullopt, "2"});
+  EXPECT_EQ(shard(problem), "3/4"); // said outright, it wins over the array
+  setAll({std::nullopt, "7", "4", std::nullopt, "4"});
+  EXPECT_EQ(shard(problem), "4/4"); // --array=4-7
+  setAll({std::nullopt, "10", "2", "4", "3"});
+  EXPECT_EQ(shard(problem), "3/3"); // --array=2-10:4
+  setAll({std::nullopt, "0", std::nullopt, std::nullopt, "1"});
+  EXPECT_EQ(shard(problem), "1/1");
+
+  for (const auto& values : std::vector<std::vector<std::optional<std::string>>>{
+         {"0/4", {}, {}, {}, {}}, {{}, "5", {}, {}, "5"}, {{}, "3", "4", {}, "2"}, {{}, "3", {}, "2", "4"},
+         {{}, "x", {}, {}, "2"}, {{}, "1", {}, {}, {}}, {{}, {}, {}, {}, {}}})
+  {
+    setAll(values);
+    problem.clear();
+    EXPECT_EQ(shard(problem), "");
+    EXPECT_FALSE(problem.empty());
+  }
+  EXPECT_NE(problem.find("VERTEXMILL_SHARD=K/N"), std::string::npos) << problem;
+  setAll({{}, {}, {}, {}, {}});
 }
 
 TEST(DepfileWords, BlanksHashesAndDollarsAreEscaped)

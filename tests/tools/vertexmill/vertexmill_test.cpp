@@ -53,7 +53,7 @@ TEST_F(VertexmillTool, HelpAndVersionDoNothingElse)
     "      --cache-timeout <SECONDS>  give up on a cache server request after SECONDS (default 10)\n"
     "      --no-cache                 use no cache, whatever the environment says\n"
     "      --shard <K/N>              in tree mode convert only the models of shard K of N (1 <= K <= "
-    "N), chosen by their relative paths\n"
+    "N), chosen by their relative paths; auto: K/N from $VERTEXMILL_SHARD or a Slurm job array\n"
     "      --depfile <FILE>           in default mode also write FILE, a Makefile-syntax list of the "
     "files the model was made from, for Ninja and Make\n"
     "      --report-html <FILE>       write the report as one self-contained HTML page, with previews, "
