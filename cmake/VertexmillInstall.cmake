@@ -35,6 +35,12 @@ install(TARGETS ${VERTEXMILL_TOOLS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # The README keeps its links to docs/ working where it is installed.
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${VERTEXMILL_DOC_DIR})
+# The job scripts of a Slurm cluster (docs/farm.md).
+if(NOT WIN32)
+  install(PROGRAMS ${PROJECT_SOURCE_DIR}/scripts/slurm/vertexmill-array.sbatch
+                   ${PROJECT_SOURCE_DIR}/scripts/slurm/vertexmill-merge.sbatch
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/vertexmill/slurm)
+endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${VERTEXMILL_DOC_DIR}/docs FILES_MATCHING PATTERN "*.md")
 
 # Libraries compiled into the executables bring their licence texts along (Debian's copyright

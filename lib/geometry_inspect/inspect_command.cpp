@@ -56,7 +56,7 @@ constexpr const char* kDescription =
   "  geometry_inspect --merge-reports OUT.json PART.json...\n"
   "                                              one report of the shards of a run (vertexmill\n"
   "                                              --shard K/N --report PART.json); with --report-html\n"
-  "                                              also its page\n"
+  "                                              also its page; status 3 when a model failed\n"
   "\n"
   "Mapping ids are string ids of section names. The names are shown beside the ids, and name the\n"
   "exported objects, when the source .primitives file is given with --names or lies beside the\n"
@@ -526,10 +526,15 @@ int runMergeReports(const Options& options, std::ostream& out, std::ostream& err
     err << "ERROR: " << error << '\n';
     return kExitFailed;
   }
-  out << fmt::format("{}: {} models from {} parts\n", options.mergePath, (*merged)["models"].size(), parts.size());
-  if (options.reportHtmlPath.empty())
-    return kExitSuccess;
-  return writeReportPage(nlohmann::json(*merged), options.mergePath, options.reportHtmlPath, out, err);
+  const uint64_t failed = (*merged)["totals"].value("failed", uint64_t{0});
+  out << fmt::format("{}: {} models from {} parts, {} failed\n", options.mergePath, (*merged)["models"].size(),
+                     parts.size(), failed);
+  if (!options.reportHtmlPath.empty())
+    if (const int status = writeReportPage(nlohmann::json(*merged), options.mergePath, options.reportHtmlPath, out, err);
+        status != kExitSuccess)
+      return status;
+  // A run with a failed model is not a success, merged or not.
+  return failed == 0 ? kExitSuccess : kExitFailed;
 }
 
 std::optional<preview::Mode> parseMode(std::string_view text)
