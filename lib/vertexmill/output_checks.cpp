@@ -3,6 +3,7 @@
 #include "cstdmf/path_utils.hpp"
 #include "resmgr/file_io.hpp"
 #include "vertexmill/display_text.hpp"
+#include "vertexmill/levels_of_detail.hpp"
 #include "vertexmill/model_job.hpp"
 #include "vertexmill/model_sources.hpp"
 #include "vertexmill/report.hpp"
@@ -52,7 +53,7 @@ std::vector<RequestedOutput> requestedOutputs(const ToolOptions& options)
 
 bool checkRequestedOutputs(const std::vector<RequestedOutput>& requested,
                                          const std::vector<fs::path>& sources,
-                                         const std::function<fs::path(size_t)>& outputOf)
+                                         const std::function<fs::path(size_t)>& outputOf, unsigned levels)
 {
   std::vector<fs::path> claimed;
   for (const RequestedOutput& output : requested)
@@ -91,6 +92,9 @@ bool checkRequestedOutputs(const std::vector<RequestedOutput>& requested,
         const fs::path model = outputOf(i);
         if (comparable(model) == place)
           return refuseOutput(output, "it is the output of " + cstdmf::toUtf8(sources[i]));
+        for (unsigned level = 1; level <= levels; ++level)
+          if (comparable(levelPath(model, level)) == place)
+            return refuseOutput(output, "it is a level of detail of " + cstdmf::toUtf8(sources[i]));
       }
     }
     for (const fs::path& other : claimed)

@@ -27,10 +27,11 @@ std::vector<RequestedOutput> requestedOutputs(const ToolOptions& options);
 // Checked before any model is converted, so that an output that cannot be written costs no work
 // and nothing the run was given or makes is overwritten by it: its directory must exist and take a
 // new file, and it may not be a source, a companion, a model's output (outputOf(i) for
-// sources[i]) or another option's file. False after an "ERROR: cannot write ..." line on standard
+// sources[i]) or one of its first `levels` levels of detail, or another option's file. False after an "ERROR: cannot write ..." line on standard
 // error, shown whatever the verbosity.
 [[nodiscard]] bool checkRequestedOutputs(const std::vector<RequestedOutput>& requested,
                                          const std::vector<std::filesystem::path>& sources,
-                                         const std::function<std::filesystem::path(size_t)>& outputOf);
+                                         const std::function<std::filesystem::path(size_t)>& outputOf,
+                                         unsigned levels = 0);
 
 } // namespace vertexmill

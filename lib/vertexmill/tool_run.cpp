@@ -168,7 +168,8 @@ int processSingle(const ToolOptions& request, const RunServices& services, const
   if (!requireFileExists(src, fs::status(src)))
     return kExitBadPath;
   const fs::path output = geometryPathFor(dst, src.filename());
-  if (!checkRequestedOutputs(requestedOutputs(request), {src}, [&output](size_t) { return output; }))
+  if (!checkRequestedOutputs(requestedOutputs(request), {src}, [&output](size_t) { return output; },
+                             request.lods.levels))
     return kExitBadCommandLine;
   if (services.criticalHandler)
     services.criticalHandler->setSingleModel(cstdmf::toUtf8(src));
@@ -223,7 +224,7 @@ int processTree(const ToolOptions& request, const RunServices& services, const f
   if (request.shard)
     keepShard(models, *request.shard);
   if (!checkRequestedOutputs(requestedOutputs(request), models.sources,
-                             [&models](size_t index) { return models.outputFor(index); }))
+                             [&models](size_t index) { return models.outputFor(index); }, request.lods.levels))
     return kExitBadCommandLine;
 
   TreeRunOptions options;

@@ -110,6 +110,12 @@ TEST_F(VertexmillTool, LevelsOfDetailAreInTheDepfileAndTheirOptionsAreBounded)
                                                        " " + str("out/lods/sheet_lod2.geometry"))
     << depfile;
 
+  // A report may not take the place of a level it would overwrite.
+  const RunResult overwriting =
+    run({"--lods", "2", "--report", str("out/lods/sheet_lod2.geometry"), str("art/sheet.primitives"), str("out")});
+  EXPECT_EQ(overwriting.status, 1);
+  EXPECT_TRUE(contains(overwriting.err, "it is a level of detail of")) << overwriting.err;
+
   const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
     {{"--lods", "9"}, "--lods: expected a whole number from 0 to 8"},
     {{"--lods", "2", "--lod-ratio", "0"}, "--lod-ratio: expected a number greater than 0 and less than 1"},
