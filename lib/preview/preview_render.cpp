@@ -214,7 +214,29 @@ void Bounds::add(std::span<const Mesh> meshes)
 
 std::array<uint8_t, 3> renderSetColour(size_t index)
 {
-  return kSetColours[index % kSetColours.size()];
+  if (index < kSetColours.size())
+    return kSetColours[index];
+  // Past the palette: hues a golden angle (137.5 degrees) apart, so that no two sets near each
+  // other in the list look alike and no colour comes back, in three bands of saturation.
+  const uint32_t hue = static_cast<uint32_t>((index * 1375u) % 3600u); // tenths of a degree
+  const uint32_t saturation = 140 + 40 * static_cast<uint32_t>((index / kSetColours.size()) % 3); // of 255
+  constexpr uint32_t kValue = 235;
+  const uint32_t sector = hue / 600, within = hue % 600; // 60-degree sectors
+  const uint32_t low = kValue * (255 - saturation) / 255;
+  const uint32_t falling = kValue * (255 - saturation * within / 600) / 255;
+  const uint32_t rising = kValue * (255 - saturation * (600 - within) / 600) / 255;
+  const auto rgb = [](uint32_t r, uint32_t g, uint32_t b) {
+    return std::array<uint8_t, 3>{uint8_t(r), uint8_t(g), uint8_t(b)};
+  };
+  switch (sector)
+  {
+  case 0: return rgb(kValue, rising, low);
+  case 1: return rgb(falling, kValue, low);
+  case 2: return rgb(low, kValue, rising);
+  case 3: return rgb(low, falling, kValue);
+  case 4: return rgb(rising, low, kValue);
+  default: return rgb(kValue, low, falling);
+  }
 }
 
 std::vector<uint8_t> vertexCacheCosts(std::span<const uint32_t> indices)
@@ -308,7 +330,7 @@ Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint
 
       const std::vector<uint8_t> costs =
         mode == Mode::VertexCache ? vertexCacheCosts(mesh.indices) : std::vector<uint8_t>();
-      const std::array<uint8_t, 3>& setColour = kSetColours[mesh.renderSet % kSetColours.size()];
+      const std::array<uint8_t, 3> setColour = renderSetColour(mesh.renderSet);
       for (size_t t = 0; t + 2 < mesh.indices.size(); t += 3)
       {
         const uint32_t i0 = mesh.indices[t], i1 = mesh.indices[t + 1], i2 = mesh.indices[t + 2];

@@ -72,7 +72,8 @@ enum class Quality
 // height (asserted).
 [[nodiscard]] Image sideBySide(std::span<const Image> images);
 
-// The colour of render set `index` in Mode::RenderSets (the palette repeats), as 8-bit RGB.
+// The colour of render set `index` in Mode::RenderSets, as 8-bit RGB: ten chosen colours, then
+// hues a golden angle apart, so that any number of sets can be told apart.
 [[nodiscard]] std::array<uint8_t, 3> renderSetColour(size_t index);
 
 // The number of vertices each triangle of `indices` adds to a 16-entry FIFO vertex cache that starts

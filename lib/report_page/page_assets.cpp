@@ -217,7 +217,7 @@ const char* const kPageScript = R"js(
     filterBox.value = "";
     applyFilter();
     if (rows.length) showDetail(0);
-    report.detailImages = detail.querySelectorAll("img").length;
+    report.detailImages = detail.querySelectorAll(".detail-body img").length;
     // The first model with levels of detail shows its chain, a preview for each.
     var withLevels = (data.levels || []).findIndex(function (l) { return l.length > 0; });
     if (withLevels >= 0) {

@@ -191,9 +191,11 @@ static_assert(std::size(kColumns) == kColumnCount);
 // Horizontal bars, one per model: the largest models by output size.
 std::string sizePlot(const json& rows)
 {
-  std::vector<size_t> order(rows.size());
-  for (size_t i = 0; i < order.size(); ++i)
-    order[i] = i;
+  // Failed models wrote nothing: they are not among the largest.
+  std::vector<size_t> order;
+  for (size_t i = 0; i < rows.size(); ++i)
+    if (rows[i][kStatus] != "failed")
+      order.push_back(i);
   const auto bytes = [&](size_t i) { return rows[i][kOutputBytes].is_number() ? rows[i][kOutputBytes].get<double>() : 0.0; };
   std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return bytes(a) > bytes(b); });
   order.resize(std::min(order.size(), kLargestShown));
@@ -219,7 +221,7 @@ std::string sizePlot(const json& rows)
 }
 
 // Before against after for one figure, one dot per model; dots under the diagonal got better.
-std::string scatterPlot(const json& rows, int beforeColumn, const char* title)
+std::string scatterPlot(const json& rows, int beforeColumn, const char* title, const char* whyEmpty)
 {
   double top = 0.0;
   for (const json& row : rows)
@@ -248,6 +250,10 @@ std::string scatterPlot(const json& rows, int beforeColumn, const char* title)
                         y(row[beforeColumn + 1].get<double>()) - 1.5);
   }
   svg += fmt::format(R"(<path d="{}" fill="#e45756" fill-opacity="0.7"/>)", dots);
+  // An empty plot says why, rather than looking like a failure.
+  if (dots.empty())
+    svg += fmt::format(R"(<text x="{}" y="{}" text-anchor="middle">{}</text>)", kPad + kSize / 2, 18 + kSize / 2,
+                       escapeHtml(whyEmpty));
   return svg + "</svg>";
 }
 
@@ -265,6 +271,7 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   json sets = json::array();
   json messages = json::array();
   std::string previewLines;
+  size_t mostRenderSets = 0;
   json levels = json::array(), levelNotes = json::array();
   std::string levelPreviewLines;
   size_t levelPreviewCount = 0;
@@ -276,7 +283,8 @@ std::string buildPage(const json& report, const PreviewSource& previews)
     const double raw = number(totals, "rawBytes");
     const double stored = number(totals, "storedBytes");
     const std::string status = string(model, "status");
-    json row = json::array({string(model, "source"), string(model, "output"),
+    // A failed model wrote nothing: it has no output to name.
+    json row = json::array({string(model, "source"), status == "failed" ? std::string() : string(model, "output"),
                             status == "converted-with-errors" ? std::string("converted with errors") : status,
                             numberOrNull(totals, "triangles"), numberOrNull(totals, "vertices"),
                             numberOrNull(totals, "rawBytes"), numberOrNull(totals, "storedBytes"),
@@ -289,6 +297,7 @@ std::string buildPage(const json& report, const PreviewSource& previews)
     rows.push_back(std::move(row));
 
     json modelSets = json::array();
+    mostRenderSets = std::max(mostRenderSets, array(model, "renderSets").size());
     for (const json& set : array(model, "renderSets"))
     {
       const json before = set.is_object() && set.contains("before") ? set["before"] : json();
@@ -349,7 +358,7 @@ std::string buildPage(const json& report, const PreviewSource& previews)
     columns.push_back(std::move(entry));
   }
   json palette = json::array();
-  for (size_t i = 0; i < kPaletteSize; ++i)
+  for (size_t i = 0; i < std::max(kPaletteSize, mostRenderSets); ++i)
   {
     const auto rgb = preview::renderSetColour(i);
     palette.push_back(fmt::format("#{:02x}{:02x}{:02x}", rgb[0], rgb[1], rgb[2]));
@@ -420,9 +429,10 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   page += "<div id=\"detail\" hidden></div>\n";
   page += "<h2>Plots</h2>\n<div class=\"plots\">";
   page += "<div class=\"plot\">" + sizePlot(rows) + "</div>";
-  page += "<div class=\"plot\">" + scatterPlot(rows, 9, "ACMR") + "</div>";
-  page += "<div class=\"plot\">" + scatterPlot(rows, 11, "overdraw") + "</div>";
-  page += "<div class=\"plot\">" + scatterPlot(rows, 13, "overfetch") + "</div>";
+  constexpr const char* kNoFigures = "no model of this run has these figures";
+  page += "<div class=\"plot\">" + scatterPlot(rows, 9, "ACMR", kNoFigures) + "</div>";
+  page += "<div class=\"plot\">" + scatterPlot(rows, 11, "overdraw", "measured only with --report-overdraw") + "</div>";
+  page += "<div class=\"plot\">" + scatterPlot(rows, 13, "overfetch", kNoFigures) + "</div>";
   page += "</div>\n";
   page += "<script type=\"application/json\" id=\"report-data\">" + scriptJson(data) + "</script>\n";
   page += "<script type=\"text/plain\" id=\"previews\">" + previewLines + "\n</script>\n";

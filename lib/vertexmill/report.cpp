@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <tuple>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -386,7 +387,11 @@ std::string Report::toJson() const
     for (const auto& entry : m_models)
       models.push_back(&entry);
   }
-  std::stable_sort(models.begin(), models.end(), [](auto* a, auto* b) { return a->first < b->first; });
+  // By source path, so that the reports of two runs (or two machines, whatever their walk order)
+  // compare line by line; the same path twice keeps the walk order.
+  std::stable_sort(models.begin(), models.end(), [](auto* a, auto* b) {
+    return std::tie(a->second.source, a->first) < std::tie(b->second.source, b->first);
+  });
 
   ordered_json list = ordered_json::array();
   for (const auto* entry : models)

@@ -105,8 +105,9 @@ std::filesystem::path reportTarget(const std::string& path);
 class Report
 {
 public:
-  // Models may be added from several threads; they are written in the order of `order`, their
-  // position in the directory walk.
+  // Models may be added from several threads; they are written in the order of their source
+  // paths (byte by byte), and models of the same path in the order of `order`, their position in
+  // the directory walk.
   void addModel(size_t order, ModelReport model);
 
   // Hands out the models added so far, in no particular order, and forgets them.
