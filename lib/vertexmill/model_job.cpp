@@ -192,9 +192,13 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
   {
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "{}\n", sourceText);
     ZR_MSG_FMT(DebugMessagePriority::Info, "", "==> {} (up to date)\n", outputText);
-    // The totals count it with what its existing output holds; nothing is kept beside it.
+    // The totals count it with what its existing output holds; nothing is kept beside it. Its
+    // levels are left as they are and not described: their figures are not in the files.
     if (report)
+    {
       (void)readBackStatistics(output, *report);
+      report->levelsRequested = 0;
+    }
     return finish(ModelOutcome::UpToDate);
   }
 
