@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The Slurm job scripts on a real one-node Slurm cluster: munged, slurmctld and slurmd started here
 # on 127.0.0.1 with a throwaway configuration (no cgroups, no accounting, state in a temporary
-# folder), a job array of 4 tasks over 42 models sharing one cache folder, and the merge job after
-# it. Every daemon started here is stopped by its process id.
+# folder), a job array of 4 tasks over 42 models sharing the team cache (nginx, started here too),
+# and the merge job after it. Every daemon started here is stopped by its process id.
 # Usage: slurm_cluster_test.sh VERTEXMILL GEOMETRY_INSPECT IMPORTER SCRIPTS_DIR MODEL_DIR
 #   MODEL_DIR holds a few .primitives files (the examples); they are copied, never changed.
 set -uo pipefail
@@ -28,6 +28,7 @@ stop_daemon() {
   kill -9 "$pid" 2>/dev/null
 }
 cleanup() {
+  stop_nginx
   stop_daemon "$work/slurmd.pid"
   stop_daemon "$work/slurmctld.pid"
   stop_daemon "$work/munge/munged.pid"
@@ -37,6 +38,8 @@ trap cleanup EXIT
 
 # shellcheck source=checks.sh
 source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
+# shellcheck source=nginx_server.sh
+source "$(dirname "${BASH_SOURCE[0]}")/nginx_server.sh"
 started=$SECONDS
 
 # --- The cluster --------------------------------------------------------------------------------
@@ -47,7 +50,13 @@ chmod 600 "$work/munge/munge.key"
 munged --force --socket="$work/munge/munge.sock" --key-file="$work/munge/munge.key" \
   --log-file="$work/munge/munged.log" --pid-file="$work/munge/munged.pid" --seed-file="$work/munge/munged.seed" ||
   { echo "FAIL: munged did not start"; exit 1; }
-port=$((20000 + RANDOM % 20000))
+start_nginx
+cache_port=$port
+# Two ports for Slurm, clear of the cache server's three.
+while :; do
+  port=$((20000 + RANDOM % 20000))
+  ((port + 1 < cache_port || port > cache_port + 2)) && break
+done
 export SLURM_CONF=$work/slurm.conf
 cat >"$SLURM_CONF" <<CONF
 ClusterName=vertexmill
@@ -107,8 +116,8 @@ mkdir -p "$work/single"
 check "one machine: two models fail" test $? -eq 3
 
 # --- The array and the merge job ---------------------------------------------------------------
-export VERTEXMILL=$vertexmill GEOMETRY_INSPECT=$inspect VERTEXMILL_CACHE=$work/cache
-unset VERTEXMILL_CACHE_URL VERTEXMILL_SHARD
+export VERTEXMILL=$vertexmill GEOMETRY_INSPECT=$inspect VERTEXMILL_CACHE_URL=http://127.0.0.1:$cache_port/cache
+unset VERTEXMILL_CACHE VERTEXMILL_SHARD
 # submit REPORTS: the array job's id and the merge job's id, on one line.
 submit() {
   local reports=$1 array merge
@@ -159,7 +168,7 @@ rm -rf "$work/out"
 read -r array merge <<<"$(submit "$work/reports-again")"
 wait_for "$array" "$merge"
 check "the second submission writes the same outputs" same_outputs
-check "every good model is a cache hit" test "$(grep -c '"cache": "hit"' "$work/reports-again/run.json")" -eq 40
+check "every good model is a hit from the team cache" test "$(grep -c '"cache": "hit"' "$work/reports-again/run.json")" -eq 40
 
 # --- A requeued task changes nothing -------------------------------------------------------------
 scontrol requeue "${array}_1" >/dev/null 2>&1
