@@ -9,12 +9,14 @@
 #   convert  vertexmill --tree COPY OUT                      (no cache)
 #   cold     vertexmill --tree --cache EMPTY_DIR COPY OUT    (converts and fills the cache)
 #   warm     vertexmill --tree --cache FILLED_DIR COPY OUT   (every model a hit)
-# every one with --jobs JOBS (default 1). The warm output, its standard output and error and its
+# every one with --jobs JOBS (default 1). TIER=http (default local) keeps the cache on an nginx
+# WebDAV server on the loopback interface (--cache-url, no cache folder) instead of in a folder,
+# so that every hit is downloaded. The warm output, its standard output and error and its
 # status are compared with the converting run's: they must be identical. Figures are medians of
 # wall-clock times; the speed-up is the median of the per-round ratios convert / warm. CPU time
 # (user + sys, from /usr/bin/time) is shown too: on a loaded machine it is the steadier figure.
 #
-# Environment: REPEATS, JOBS, VERTEXMILL_CORPUS, TREE_CACHE, KEEP_WORK=1 keeps the work folder.
+# Environment: REPEATS, JOBS, TIER, VERTEXMILL_CORPUS, TREE_CACHE, KEEP_WORK=1 keeps the work folder.
 
 set -euo pipefail
 
@@ -23,14 +25,30 @@ source "$(dirname "$0")/common.sh"
 bench_setup "$@"
 repeats=${REPEATS:-5}
 jobs=${JOBS:-1}
+tier=${TIER:-local}
+if [[ $tier != local && $tier != http ]]; then
+  echo "bench_cache: TIER must be local or http" >&2
+  exit 1
+fi
 bench_require "ninja vertexmill primitives_from_obj" "$vertexmill" "$importer"
 bench_tree_models "${TREE_CACHE:-$build/bench_tree_models}"
 models=$(find "$tree" -name '*.primitives' | wc -l)
 bytes=$(du -sb "$tree" | cut -f1)
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/vertexmill_cache_bench.XXXXXX")
-cleanup() { [[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"; }
+# shellcheck source=../tests/tools/vertexmill/nginx_server.sh
+[[ $tier == http ]] && source "$(dirname "$0")/../tests/tools/vertexmill/nginx_server.sh"
+cleanup() {
+  [[ $tier == http ]] && stop_nginx
+  [[ ${KEEP_WORK:-0} == 1 ]] || rm -rf "$work"
+}
 trap cleanup EXIT
+if [[ $tier == http ]]; then
+  start_nginx
+  cache_args=(--cache-url "http://127.0.0.1:$port/cache")
+else
+  cache_args=(--cache "$work/cache")
+fi
 
 # checkout NAME: a fresh copy of the tree (new file times) as $work/NAME/models, and an empty
 # output folder $work/NAME/out.
@@ -69,11 +87,12 @@ load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 for ((round = 0; round < repeats; ++round)); do
   checkout convert
   timed "$work/convert.txt" convert
-  rm -rf "$work/cache"
+  rm -rf "$work/cache" "$work/store"
+  mkdir -p "$work/store"
   checkout cold
-  timed "$work/cold.txt" cold --cache "$work/cache"
+  timed "$work/cold.txt" cold "${cache_args[@]}"
   checkout warm
-  timed "$work/warm.txt" warm --cache "$work/cache"
+  timed "$work/warm.txt" warm "${cache_args[@]}"
   for name in cold warm; do
     # The outputs and the console must not tell a hit from a conversion (the paths differ only
     # in the checkout's name).
@@ -93,10 +112,10 @@ done
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 ms() { awk -v us="$1" 'BEGIN { printf "%.1f ms", us / 1000 }'; }
-echo "bench_cache: $models models, $((bytes / 1024)) KiB of .primitives, --jobs $jobs, $repeats rounds (load $load_before -> $load_after)"
+echo "bench_cache: $models models, $((bytes / 1024)) KiB of .primitives, $tier cache, --jobs $jobs, $repeats rounds (load $load_before -> $load_after)"
 echo "  convert (no cache):     $(ms "$(median "$work/convert.txt")")"
 echo "  cold cache (fill):      $(ms "$(median "$work/cold.txt")")"
 echo "  warm cache (all hits):  $(ms "$(median "$work/warm.txt")")"
 echo "  speed-up convert/warm:  $(median "$work/ratios.txt")x wall (median of per-round ratios)"
 echo "  cpu (user + sys):       convert $(ms "$(median "$work/convert.cpu.txt")"), warm $(ms "$(median "$work/warm.cpu.txt")"), $(awk -v a="$(median "$work/convert.cpu.txt")" -v b="$(median "$work/warm.cpu.txt")" 'BEGIN { printf "%.1f", a / b }')x"
-echo "  cache folder:           $(du -sb "$work/cache" | awk '{ printf "%d KiB", $1 / 1024 }'), outputs and console identical"
+echo "  cache:                  $(du -sb "$work/cache" "$work/store" 2>/dev/null | awk '{ total += $1 } END { printf "%d KiB", total / 1024 }'), outputs and console identical"

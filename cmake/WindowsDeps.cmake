@@ -1,6 +1,6 @@
 # The dependencies of the Windows cross build, made from what Debian ships for the build host
 # instead of from find_package (Debian has no MinGW packages for most of them):
-#   fmt, nlohmann-json          header-only, from the host's /usr/include
+#   fmt, nlohmann-json, xxHash  header-only, from the host's /usr/include
 #   spdlog                      compiled from the host's /usr/include/spdlog headers
 #   meshoptimizer, tinyxml2,    compiled from Debian's source packages of the versions the host
 #   libpng                      build links
@@ -25,6 +25,7 @@ endfunction()
 vertexmill_link_headers(fmt /usr/include/fmt)
 vertexmill_link_headers(spdlog /usr/include/spdlog)
 vertexmill_link_headers(nlohmann /usr/include/nlohmann)
+vertexmill_link_headers(xxhash.h /usr/include/xxhash.h)
 
 add_library(fmt::fmt INTERFACE IMPORTED)
 set_target_properties(fmt::fmt PROPERTIES
@@ -42,6 +43,9 @@ add_library(spdlog::spdlog ALIAS vertexmill_spdlog)
 
 add_library(nlohmann_json::nlohmann_json INTERFACE IMPORTED)
 set_target_properties(nlohmann_json::nlohmann_json PROPERTIES INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR})
+
+add_library(xxHash::xxHash INTERFACE IMPORTED)
+set_target_properties(xxHash::xxHash PROPERTIES INTERFACE_INCLUDE_DIRECTORIES ${VERTEXMILL_HEADER_DIR})
 
 # zlib: the MinGW build of it, static so that no DLL has to travel with the executables.
 find_path(VERTEXMILL_MINGW_ZLIB_INCLUDE zlib.h REQUIRED)

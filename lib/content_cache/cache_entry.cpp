@@ -1,5 +1,6 @@
 #include "content_cache/cache_entry.hpp"
 
+#include "content_cache/checksum.hpp"
 #include "cstdmf/span_reader.hpp"
 
 #include <bit>
@@ -12,10 +13,27 @@ static_assert(std::endian::native == std::endian::little);
 namespace
 {
 constexpr char kMagic[4] = {'V', 'M', 'C', 'E'};
-constexpr uint32_t kVersion = 2;
+constexpr uint32_t kVersion = 3;
 constexpr uint32_t kOldestVersion = 1; // without figures
+constexpr uint32_t kOldestFastChecksum = 3; // 1 and 2 end in a SHA-256
 constexpr size_t kHeaderSize = 4 + 4 + 32 + 8;
-constexpr size_t kChecksumSize = 32;
+
+size_t checksumSize(uint32_t version)
+{
+  return version >= kOldestFastChecksum ? sizeof(Checksum) : sizeof(Digest);
+}
+
+// The checksum of `bytes` as a layout `version` stores it.
+std::string checksumBytes(uint32_t version, std::string_view bytes)
+{
+  if (version >= kOldestFastChecksum)
+  {
+    const Checksum sum = checksum(bytes);
+    return std::string(reinterpret_cast<const char*>(sum.data()), sum.size());
+  }
+  const Digest digest = sha256(bytes);
+  return std::string(reinterpret_cast<const char*>(digest.data()), digest.size());
+}
 
 template <typename T>
 void append(std::string& bytes, T value)
@@ -66,8 +84,7 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry)
   bytes.append(reinterpret_cast<const char*>(key.data()), key.size());
   append<uint64_t>(bytes, body.size());
   bytes += body;
-  const Digest checksum = sha256(bytes);
-  bytes.append(reinterpret_cast<const char*>(checksum.data()), checksum.size());
+  bytes += checksumBytes(kVersion, bytes);
   return bytes;
 }
 
@@ -79,7 +96,7 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
                  size_t& outputOffset, size_t& outputSize)
 {
   entry = CacheEntry{};
-  if (bytes.size() < kHeaderSize + kChecksumSize)
+  if (bytes.size() < kHeaderSize + sizeof(Checksum))
   {
     problem = "truncated";
     return false;
@@ -97,6 +114,12 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
     problem = "unknown layout version";
     return false;
   }
+  const size_t trailer = checksumSize(version);
+  if (bytes.size() < kHeaderSize + trailer)
+  {
+    problem = "truncated";
+    return false;
+  }
   const std::span<const std::byte> storedKey = header.readBytes(key.size());
   if (std::memcmp(storedKey.data(), key.data(), key.size()) != 0)
   {
@@ -104,19 +127,18 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
     return false;
   }
   const uint64_t bodySize = header.read<uint64_t>();
-  if (bodySize > bytes.size() - kHeaderSize - kChecksumSize)
+  if (bodySize > bytes.size() - kHeaderSize - trailer)
   {
     problem = "truncated";
     return false;
   }
-  if (bodySize != bytes.size() - kHeaderSize - kChecksumSize)
+  if (bodySize != bytes.size() - kHeaderSize - trailer)
   {
     problem = "trailing bytes";
     return false;
   }
   const size_t checked = kHeaderSize + static_cast<size_t>(bodySize);
-  const Digest checksum = sha256(bytes.substr(0, checked));
-  if (std::memcmp(checksum.data(), bytes.data() + checked, checksum.size()) != 0)
+  if (checksumBytes(version, bytes.substr(0, checked)) != bytes.substr(checked))
   {
     problem = "checksum mismatch";
     return false;

@@ -53,12 +53,33 @@ bool closeAfterReading(std::FILE* file, std::string& problem)
 }
 } // namespace
 
+namespace
+{
+thread_local std::string t_spare;
+} // namespace
+
+std::string takeSpareBuffer()
+{
+  std::string buffer = std::move(t_spare);
+  t_spare = std::string();
+  buffer.clear();
+  return buffer;
+}
+
+void keepSpareBuffer(std::string&& buffer)
+{
+  if (buffer.capacity() > t_spare.capacity())
+    t_spare = std::move(buffer);
+}
+
 bool hashFile(const fs::path& path, Sha256& hash, std::string& problem)
 {
   std::FILE* file = openForReading(path, problem);
   if (!file)
     return false;
-  std::vector<char> buffer(size_t(1) << 20);
+  // One buffer per thread for the whole run: a new one per file would be zeroed and faulted in
+  // again for every model, which costs more than the hashing on a warm cache.
+  thread_local std::vector<char> buffer(size_t(1) << 20);
   for (;;)
   {
     const size_t count = std::fread(buffer.data(), 1, buffer.size(), file);

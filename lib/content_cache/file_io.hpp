@@ -17,6 +17,13 @@ namespace content_cache
 [[nodiscard]] bool readWholeFile(const std::filesystem::path& path, std::string& bytes, std::string& problem,
                                  bool* missing = nullptr);
 
+// A run reads one entry after another, each into a buffer as large as the last: fresh memory for
+// each would be zeroed and faulted in again, which costs more than reading it. A buffer whose bytes
+// are no longer needed is given back with keepSpareBuffer (one is kept per thread); takeSpareBuffer
+// hands it out again, empty but with its storage, or an empty string.
+std::string takeSpareBuffer();
+void keepSpareBuffer(std::string&& buffer);
+
 // Feeds the whole file to `hash` without holding it in memory. False with the reason.
 [[nodiscard]] bool hashFile(const std::filesystem::path& path, Sha256& hash, std::string& problem);
 

@@ -73,7 +73,7 @@ fs::path LocalStore::entryPath(const Digest& key) const
 LocalStore::Lookup LocalStore::load(const Digest& key, CacheEntry& entry, std::string& problem)
 {
   const fs::path path = entryPath(key);
-  std::string bytes;
+  std::string bytes = takeSpareBuffer();
   bool missing = false;
   bool read = readWholeFile(path, bytes, problem, &missing);
   // On Windows a file that another process is renaming into place cannot be opened for a moment:

@@ -97,6 +97,12 @@ void setEnvironmentVariable(const char* name, const std::optional<std::string>& 
 // up. A machine's processor count says nothing of a container or a scheduler's share of it.
 unsigned usableProcessorCount();
 
+// Asks the C library to keep memory a run frees for its next allocations instead of returning it
+// to the system at once. A run allocates buffers of much the same sizes for every model; fresh
+// pages from the system are zeroed and faulted in one at a time, which on a warm cache costs more
+// than the work itself. Does nothing where the library has no such setting.
+void keepFreedMemory();
+
 // The system's directory for temporary files (UTF-8, '/' separators, no trailing separator);
 // empty if unknown.
 std::string tempDirectory();

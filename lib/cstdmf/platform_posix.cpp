@@ -11,6 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -391,6 +394,16 @@ void setEnvironmentVariable(const char* name, const std::optional<std::string>& 
     ::setenv(name, value->c_str(), 1);
   else
     ::unsetenv(name);
+}
+
+void keepFreedMemory()
+{
+#ifdef __GLIBC__
+  // Blocks up to 32 MiB (the most glibc allows) come from the heap, not from mappings of their own
+  // that are unmapped when freed; up to 256 MiB of free heap is kept before it is trimmed.
+  (void)mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  (void)mallopt(M_TRIM_THRESHOLD, 256 << 20);
+#endif
 }
 
 unsigned usableProcessorCount()

@@ -427,6 +427,11 @@ void setEnvironmentVariable(const char* name, const std::optional<std::string>& 
   (void)::_wputenv_s(widen(name).c_str(), value ? widen(*value).c_str() : L"");
 }
 
+void keepFreedMemory()
+{
+  // The Windows heap keeps freed blocks for reuse on its own.
+}
+
 unsigned usableProcessorCount()
 {
   DWORD_PTR processMask = 0, systemMask = 0;

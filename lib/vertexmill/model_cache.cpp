@@ -291,7 +291,7 @@ bool CachedConversion::replay(bool withoutErrors, Figures wanted)
   m_key = modelKey(m_request, m_options, ToolIdentity::current(), &m_stamps);
   if (!m_key)
     return false; // an unreadable input: the conversion says what is wrong
-  const std::optional<CacheEntry> entry = m_cache->lookup(*m_key, m_request.primitivesPath);
+  std::optional<CacheEntry> entry = m_cache->lookup(*m_key, m_request.primitivesPath);
   if (!entry)
     return false;
   if (withoutErrors && std::any_of(entry->messages.begin(), entry->messages.end(), [](const auto& message) {
@@ -339,6 +339,7 @@ bool CachedConversion::replay(bool withoutErrors, Figures wanted)
       return false;
     m_levels.push_back(std::move(level));
   }
+  content_cache::keepSpareBuffer(std::move(entry->output));
   replayMessages(entry->messages, m_request.primitivesPath);
   return true;
 }

@@ -273,6 +273,7 @@ int runVertexmill(int argc, const char* const* argv)
 {
   // An interrupted run, or worker, removes the temporary files of its writes in flight.
   platform::onStopRequest([] { (void)fileio::removeTemporaryFiles(true); });
+  platform::keepFreedMemory();
   if (argc >= 2 && std::string_view(argv[1]) == kWorkerOption)
     return runModelWorker(std::vector<std::string>(argv + 2, argv + argc));
   ToolOptions args;

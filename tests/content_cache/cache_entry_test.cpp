@@ -1,4 +1,5 @@
 #include "content_cache/cache_entry.hpp"
+#include "content_cache/checksum.hpp"
 #include "content_cache/remote_store.hpp"
 
 #include <gtest/gtest.h>
@@ -77,28 +78,43 @@ TEST(CacheEntry, RoundTripAndEveryDamageRefused)
   EXPECT_EQ(decoded, CacheEntry{});
 }
 
-// An entry of an earlier layout (version 1: no figures) in a shared cache is still a result.
-TEST(CacheEntry, AnEntryWithoutFiguresIsReadToo)
+// Entries of earlier layouts in a shared cache are still results: version 2 ends in a SHA-256
+// instead of the fast checksum, version 1 has no figures either.
+TEST(CacheEntry, EntriesOfEarlierLayoutsAreReadToo)
 {
   const Digest key = keyOf("model");
-  CacheEntry entry = sampleEntry();
-  entry.figures.clear();
-  // Version 1 is version 2 without the figures' size field (4 zero bytes after the messages).
-  std::string bytes = encodeEntry(key, entry);
-  bytes.resize(bytes.size() - 32);
-  bytes[4] = 1;
-  const size_t figuresAt = bytes.size() - entry.output.size() - 8 - 4;
-  ASSERT_EQ(bytes.substr(figuresAt, 4), std::string(4, '\0'));
-  bytes.erase(figuresAt, 4);
-  const uint64_t bodySize = bytes.size() - 48;
-  std::memcpy(bytes.data() + 40, &bodySize, 8);
-  const Digest checksum = sha256(bytes);
-  bytes.append(reinterpret_cast<const char*>(checksum.data()), checksum.size());
+  const auto withSha256 = [](std::string bytes, char version) {
+    bytes[4] = version;
+    const Digest checksum = sha256(bytes);
+    return bytes.append(reinterpret_cast<const char*>(checksum.data()), checksum.size());
+  };
+  const auto decodes = [&key](const std::string& bytes, const CacheEntry& expected) {
+    CacheEntry decoded;
+    std::string problem;
+    EXPECT_TRUE(decodeEntry(bytes, key, decoded, problem)) << problem;
+    EXPECT_EQ(decoded, expected);
+    // The old checksum is checked as the new one is.
+    std::string damaged = bytes;
+    damaged[damaged.size() / 2] ^= 1;
+    EXPECT_FALSE(decodeEntry(damaged, key, decoded, problem));
+  };
 
-  CacheEntry decoded;
-  std::string problem;
-  ASSERT_TRUE(decodeEntry(bytes, key, decoded, problem)) << problem;
-  EXPECT_EQ(decoded, entry);
+  const CacheEntry entry = sampleEntry();
+  std::string unsummed = encodeEntry(key, entry);
+  unsummed.resize(unsummed.size() - sizeof(Checksum));
+  decodes(withSha256(unsummed, 2), entry);
+
+  // Version 1 is version 2 without the figures' size field (4 zero bytes after the messages).
+  CacheEntry withoutFigures = entry;
+  withoutFigures.figures.clear();
+  unsummed = encodeEntry(key, withoutFigures);
+  unsummed.resize(unsummed.size() - sizeof(Checksum));
+  const size_t figuresAt = unsummed.size() - entry.output.size() - 8 - 4;
+  ASSERT_EQ(unsummed.substr(figuresAt, 4), std::string(4, '\0'));
+  unsummed.erase(figuresAt, 4);
+  const uint64_t bodySize = unsummed.size() - 48;
+  std::memcpy(unsummed.data() + 40, &bodySize, 8);
+  decodes(withSha256(unsummed, 1), withoutFigures);
 }
 
 TEST(RemoteRecord, RoundTripAndDamage)
