@@ -44,10 +44,13 @@ endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${VERTEXMILL_DOC_DIR}/docs FILES_MATCHING PATTERN "*.md")
 
 # Libraries compiled into the executables bring their licence texts along (Debian's copyright
-# files of the packages the build is made from). On Linux that is only the header-only JSON
-# library: the shared libraries the package depends on install their own. The Windows
+# files of the packages the build is made from). On Linux those are the header-only JSON library,
+# xxHash and BLAKE3: the shared libraries the package depends on install their own. The Windows
 # executables carry every library in them.
-set(VERTEXMILL_BUNDLED_LICENCES nlohmann-json /usr/share/doc/nlohmann-json3-dev/copyright)
+set(VERTEXMILL_BUNDLED_LICENCES
+  nlohmann-json /usr/share/doc/nlohmann-json3-dev/copyright
+  xxhash /usr/share/doc/libxxhash-dev/copyright
+  blake3 /usr/share/doc/librust-blake3-dev/copyright)
 if(WIN32)
   list(APPEND VERTEXMILL_BUNDLED_LICENCES
     fmt /usr/share/doc/libfmt-dev/copyright

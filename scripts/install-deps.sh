@@ -7,9 +7,10 @@ cd "$(dirname "$0")/.."
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config
           libspdlog-dev libfmt-dev libmeshoptimizer-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev gltfpack
-          dpkg-dev libssl-dev libcurl4-openssl-dev libxxhash-dev nginx-core libtinyxml2-dev
+          dpkg-dev libssl-dev libcurl4-openssl-dev libxxhash-dev librust-blake3-dev nginx-core libtinyxml2-dev
           libassimp-dev assimp-testmodels libpng-dev chromium
-          slurmd slurmctld slurm-client munge) # dpkg-dev: dpkg-shlibdeps for the package; Slurm: the cluster test
+          slurmd slurmctld slurm-client munge) # dpkg-dev: dpkg-shlibdeps for the package; Slurm: the cluster test;
+          # librust-blake3-dev: BLAKE3's reference C sources (cmake/Blake3.cmake)
 windows=0
 if [[ "${1:-}" == "--windows" ]]; then
   windows=1

@@ -13,26 +13,16 @@ static_assert(std::endian::native == std::endian::little);
 namespace
 {
 constexpr char kMagic[4] = {'V', 'M', 'C', 'E'};
+// Layouts 1 and 2 ended in a SHA-256 and were stored under keys of another hash: no key of this
+// version can find one, so they are not read.
 constexpr uint32_t kVersion = 3;
-constexpr uint32_t kOldestVersion = 1; // without figures
-constexpr uint32_t kOldestFastChecksum = 3; // 1 and 2 end in a SHA-256
 constexpr size_t kHeaderSize = 4 + 4 + 32 + 8;
+constexpr size_t kChecksumSize = sizeof(Checksum);
 
-size_t checksumSize(uint32_t version)
+std::string checksumBytes(std::string_view bytes)
 {
-  return version >= kOldestFastChecksum ? sizeof(Checksum) : sizeof(Digest);
-}
-
-// The checksum of `bytes` as a layout `version` stores it.
-std::string checksumBytes(uint32_t version, std::string_view bytes)
-{
-  if (version >= kOldestFastChecksum)
-  {
-    const Checksum sum = checksum(bytes);
-    return std::string(reinterpret_cast<const char*>(sum.data()), sum.size());
-  }
-  const Digest digest = sha256(bytes);
-  return std::string(reinterpret_cast<const char*>(digest.data()), digest.size());
+  const Checksum sum = checksum(bytes);
+  return std::string(reinterpret_cast<const char*>(sum.data()), sum.size());
 }
 
 template <typename T>
@@ -84,7 +74,7 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry)
   bytes.append(reinterpret_cast<const char*>(key.data()), key.size());
   append<uint64_t>(bytes, body.size());
   bytes += body;
-  bytes += checksumBytes(kVersion, bytes);
+  bytes += checksumBytes(bytes);
   return bytes;
 }
 
@@ -96,7 +86,7 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
                  size_t& outputOffset, size_t& outputSize)
 {
   entry = CacheEntry{};
-  if (bytes.size() < kHeaderSize + sizeof(Checksum))
+  if (bytes.size() < kHeaderSize + kChecksumSize)
   {
     problem = "truncated";
     return false;
@@ -109,17 +99,12 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
     return false;
   }
   const uint32_t version = header.read<uint32_t>();
-  if (version < kOldestVersion || version > kVersion)
+  if (version != kVersion)
   {
     problem = "unknown layout version";
     return false;
   }
-  const size_t trailer = checksumSize(version);
-  if (bytes.size() < kHeaderSize + trailer)
-  {
-    problem = "truncated";
-    return false;
-  }
+  constexpr size_t trailer = kChecksumSize;
   const std::span<const std::byte> storedKey = header.readBytes(key.size());
   if (std::memcmp(storedKey.data(), key.data(), key.size()) != 0)
   {
@@ -138,7 +123,7 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
     return false;
   }
   const size_t checked = kHeaderSize + static_cast<size_t>(bodySize);
-  if (checksumBytes(version, bytes.substr(0, checked)) != bytes.substr(checked))
+  if (checksumBytes(bytes.substr(0, checked)) != bytes.substr(checked))
   {
     problem = "checksum mismatch";
     return false;
@@ -163,7 +148,7 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
       return false;
     }
   }
-  if (version >= 2 && !readString(body, entry.figures))
+  if (!readString(body, entry.figures))
   {
     problem = "malformed figures";
     return false;

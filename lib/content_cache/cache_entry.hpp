@@ -5,11 +5,11 @@
 //
 // Layout, little-endian:
 //   "VMCE"   4 bytes magic
-//   u32      layout version (3; 1 and 2 are read too: 1 has no figures, both end in a SHA-256)
+//   u32      layout version (3)
 //   32 bytes the key the entry was stored under
 //   u64      body size
 //   body:    u32 message count, then per message u32 priority, u32 category size, category,
-//            u32 text size, text; then (version 2) u32 figures size and the figures; then u64
+//            u32 text size, text; then u32 figures size and the figures; then u64
 //            output size and the output bytes
 //   16 bytes XXH3-128 of everything before it (see checksum.hpp)
 // A reader checks the magic, the version, the key, every size against what is left, that nothing

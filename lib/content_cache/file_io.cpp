@@ -72,7 +72,7 @@ void keepSpareBuffer(std::string&& buffer)
     t_spare = std::move(buffer);
 }
 
-bool hashFile(const fs::path& path, Sha256& hash, std::string& problem)
+bool hashFile(const fs::path& path, KeyHash& hash, std::string& problem)
 {
   std::FILE* file = openForReading(path, problem);
   if (!file)
@@ -101,6 +101,13 @@ bool readWholeFile(const fs::path& path, std::string& bytes, std::string& proble
   const uintmax_t expected = fs::file_size(path, sizeError);
   if (!sizeError && expected < (uintmax_t(1) << 40))
   {
+    // Fresh storage is asked for large pages before it is touched: faulting it in 4 KiB at a time
+    // costs more than reading the file.
+    if (bytes.capacity() < expected)
+    {
+      bytes.reserve(static_cast<size_t>(expected));
+      platform::preferLargePages(bytes.data(), bytes.capacity());
+    }
     bytes.resize(static_cast<size_t>(expected));
     bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
   }

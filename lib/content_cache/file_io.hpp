@@ -2,7 +2,7 @@
 // Whole-file reads of the cache's files (they are written with fileio::writeWholeFile, whose
 // temporary files the run's clean-up knows).
 
-#include "content_cache/sha256.hpp"
+#include "content_cache/key_hash.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -25,6 +25,6 @@ std::string takeSpareBuffer();
 void keepSpareBuffer(std::string&& buffer);
 
 // Feeds the whole file to `hash` without holding it in memory. False with the reason.
-[[nodiscard]] bool hashFile(const std::filesystem::path& path, Sha256& hash, std::string& problem);
+[[nodiscard]] bool hashFile(const std::filesystem::path& path, KeyHash& hash, std::string& problem);
 
 } // namespace content_cache

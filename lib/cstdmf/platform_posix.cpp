@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <dlfcn.h>
 #ifdef __GLIBC__
@@ -21,6 +22,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #if defined(__linux__)
 #include <sys/prctl.h>
@@ -403,6 +405,21 @@ void keepFreedMemory()
   // that are unmapped when freed; up to 256 MiB of free heap is kept before it is trimmed.
   (void)mallopt(M_MMAP_THRESHOLD, 32 << 20);
   (void)mallopt(M_TRIM_THRESHOLD, 256 << 20);
+#endif
+}
+
+void preferLargePages(void* data, size_t size)
+{
+#ifdef MADV_HUGEPAGE
+  // Only whole large pages inside the range can be asked for.
+  constexpr uintptr_t kLargePage = uintptr_t(2) << 20;
+  const uintptr_t begin = (reinterpret_cast<uintptr_t>(data) + kLargePage - 1) & ~(kLargePage - 1);
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(data) + size) & ~(kLargePage - 1);
+  if (end > begin)
+    (void)madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#else
+  (void)data;
+  (void)size;
 #endif
 }
 

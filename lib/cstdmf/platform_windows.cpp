@@ -432,6 +432,11 @@ void keepFreedMemory()
   // The Windows heap keeps freed blocks for reuse on its own.
 }
 
+void preferLargePages(void*, size_t)
+{
+  // Large pages on Windows need a privilege users do not have, and memory of its own.
+}
+
 unsigned usableProcessorCount()
 {
   DWORD_PTR processMask = 0, systemMask = 0;

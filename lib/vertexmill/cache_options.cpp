@@ -116,12 +116,13 @@ bool resolveCacheOptions(CacheOptions& options)
     std::fputs("ERROR: --cache-url is not available in this build (no HTTP library)\n", stderr);
     return false;
   }
-  // Keys are SHA-256 hashes: without the library that computes them there is no cache at all,
-  // which is said before any work rather than found in the middle of it.
+  // The remote tier names contents by their SHA-256: without the library that computes it there
+  // is no remote tier, which is said before any work rather than found in the middle of it. (The
+  // keys' hash is compiled in.)
   std::string problem;
-  if ((options.directory || options.url) && !content_cache::sha256Available(problem))
+  if (options.url && !content_cache::sha256Available(problem))
   {
-    std::fprintf(stderr, "ERROR: the cache needs SHA-256, which is not available: %s\n", problem.c_str());
+    std::fprintf(stderr, "ERROR: the remote cache needs SHA-256, which is not available: %s\n", problem.c_str());
     return false;
   }
   return true;

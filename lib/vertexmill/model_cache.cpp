@@ -1,6 +1,7 @@
 #include "vertexmill/model_cache.hpp"
 
 #include "content_cache/file_io.hpp"
+#include "content_cache/key_hash.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "cstdmf/version.hpp"
 #include "resmgr/file_io.hpp"
@@ -25,7 +26,8 @@ using content_cache::Digest;
 namespace
 {
 // Bumped whenever what goes into a key changes.
-constexpr std::string_view kKeyScheme = "vertexmill model cache key 1";
+// 2: BLAKE3 instead of SHA-256.
+constexpr std::string_view kKeyScheme = "vertexmill model cache key 2";
 
 // Placeholder for the source path in kept messages; a literal marker byte is doubled.
 constexpr char kMarker = '\x01';
@@ -69,7 +71,7 @@ ToolIdentity ToolIdentity::current()
 std::optional<Digest> modelKey(const GeometryCompiler::Request& request, const CompileOptions& options,
                                const ToolIdentity& identity, std::vector<InputStamp>* stamps)
 {
-  content_cache::Sha256 hash;
+  content_cache::KeyHash hash;
   hash.updateField(kKeyScheme);
   hash.updateField(identity.version);
   hash.updateField(identity.buildId);
@@ -277,7 +279,7 @@ CachedConversion::Figures decodeFigures(std::string_view text, CompileStatistics
 // Where level `number` of a chain is kept: a key of its own, made from the model's.
 Digest levelKey(const Digest& modelKey, unsigned number)
 {
-  return content_cache::sha256(content_cache::toHex(modelKey) + " level " + std::to_string(number));
+  return content_cache::keyHash(content_cache::toHex(modelKey) + " level " + std::to_string(number));
 }
 
 // A kept level's figures, in the report's form; "end" marks where the chain ended.

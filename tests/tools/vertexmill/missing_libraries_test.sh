@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # libcurl and libcrypto are loaded only by the runs that need them. Here both are replaced by files
 # that cannot be loaded (found first through LD_LIBRARY_PATH): a run that needs neither must not
-# notice, the cache and --shard refuse to start with the library's name, and the remote tier
-# without its HTTP library behaves as a server that is down.
+# notice, a cache folder does not need libcrypto either (its keys' hash is compiled in), the remote
+# tier and --shard refuse to start with the library's name, and the remote tier without its HTTP
+# library behaves as a server that is down.
 # Usage: missing_libraries_test.sh VERTEXMILL MODEL_DIR
 set -uo pipefail
 
@@ -43,9 +44,14 @@ check "conversion without either library: status 0" test "$(status_of plain)" = 
 check "conversion without either library: outputs identical" diff -r "$work/out-plain" "$work/out-neither"
 
 run cache "$work/no-crypto" --cache "$work/cache" "$model" "$work/out-cache"
-check "cache without libcrypto: status 1" test "$(status_of cache)" = 1
-check "cache without libcrypto: names the library" test "$(count_in cache "^ERROR: .*libcrypto.so.3")" = 1
-check "cache without libcrypto: writes nothing" test -z "$(find "$work/out-cache" -type f)"
+run cache-hit "$work/no-crypto" --stats --cache "$work/cache" "$model" "$work/out-cache"
+check "cache folder without libcrypto: status 0, twice" test "$(status_of cache)$(status_of cache-hit)" = 00
+check "cache folder without libcrypto: the second run is a hit" grep -q "cache=hit" "$work/cache-hit.out"
+
+run crypto-remote "$work/no-crypto" --cache-url http://127.0.0.1:9/cache "$model" "$work/out-shard"
+check "remote cache without libcrypto: status 1" test "$(status_of crypto-remote)" = 1
+check "remote cache without libcrypto: names the library" \
+  test "$(count_in crypto-remote "^ERROR: .*libcrypto.so.3")" = 1
 
 run shard "$work/no-crypto" --tree --shard 1/2 "$work/models" "$work/out-shard"
 check "--shard without libcrypto: status 1" test "$(status_of shard)" = 1
@@ -62,7 +68,7 @@ check "remote cache without libcurl: one warning naming the library" \
 
 if ((failures > 0)); then
   echo "$failures check(s) failed"
-  for name in cache shard remote; do
+  for name in cache cache-hit crypto-remote shard remote; do
     echo "--- $name:"
     cat "$work/$name.err"
   done
