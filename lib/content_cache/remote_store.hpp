@@ -37,12 +37,12 @@ public:
   enum class Lookup
   {
     Miss,
-    Hit,         // `entry` holds it, `encoded` its bytes (to keep in the local folder)
+    Hit,         // `entry` holds it, `*encoded` (when asked for) its bytes, to keep in the local folder
     Corrupt,     // the server answered, but not with a sound entry (`problem` says what)
     Unavailable, // not asked or the request failed (`problem` says why the first time)
   };
 
-  [[nodiscard]] Lookup load(const Digest& key, CacheEntry& entry, std::string& encoded, std::string& problem);
+  [[nodiscard]] Lookup load(const Digest& key, CacheEntry& entry, std::string* encoded, std::string& problem);
 
   // Uploads the content, then the record. False with the reason. A server that refuses an upload
   // (an error status: a read-only cache) gets no more uploads but is still read; one that cannot

@@ -1,7 +1,7 @@
 #include "content_cache/remote_store.hpp"
 
+#include "content_cache/file_io.hpp"
 #include "content_cache/loaded_library.hpp"
-
 #include "cstdmf/platform.hpp"
 
 #include <curl/curl.h>
@@ -21,6 +21,9 @@ namespace
 constexpr size_t kMaxBody = size_t(1) << 31;
 // A result record is small and of a fixed size; anything much longer is not one.
 constexpr size_t kMaxRecordBody = 4096;
+// Storage reserved ahead for a download, at most: a record that lies about a larger size costs
+// no more than this before the transfer shows it.
+constexpr size_t kMaxReservedBody = size_t(256) << 20;
 
 struct Download
 {
@@ -161,7 +164,7 @@ bool RemoteStore::supported()
   return true;
 }
 
-RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std::string& encoded,
+RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std::string* encoded,
                                       std::string& problem)
 {
   if (!available())
@@ -192,6 +195,15 @@ RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std:
   // The record declares the content's size: a longer answer is cut off there, not buffered.
   Download blob;
   blob.limit = static_cast<size_t>(std::min<uint64_t>(size, kMaxBody));
+  // Received into storage of its own size at once (the record's word for it, up to a bound), and
+  // the last entry's storage at that: growing it as the answer comes in would copy it and fault
+  // in fresh memory several times over.
+  blob.body = takeSpareBuffer();
+  if (blob.limit > blob.body.capacity() && blob.limit <= kMaxReservedBody)
+  {
+    blob.body.reserve(blob.limit);
+    platform::preferLargePages(blob.body.data(), blob.body.capacity());
+  }
   status = request(contentUrl, m_timeouts, nullptr, &blob, problem);
   if (status == 404)
     return Lookup::Miss; // the record outlived its content
@@ -208,13 +220,14 @@ RemoteStore::Lookup RemoteStore::load(const Digest& key, CacheEntry& entry, std:
     problem = shownUrl(contentUrl) + " does not hold the content its name promises";
     return Lookup::Corrupt;
   }
+  if (encoded)
+    *encoded = blob.body;
   std::string entryProblem;
-  if (!decodeEntry(blob.body, key, entry, entryProblem))
+  if (!decodeEntry(std::move(blob.body), key, entry, entryProblem))
   {
     problem = shownUrl(contentUrl) + " is " + entryProblem;
     return Lookup::Corrupt;
   }
-  encoded = std::move(blob.body);
   return Lookup::Hit;
 }
 

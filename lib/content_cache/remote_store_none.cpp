@@ -13,7 +13,7 @@ bool RemoteStore::supported()
   return false;
 }
 
-RemoteStore::Lookup RemoteStore::load(const Digest&, CacheEntry&, std::string&, std::string&)
+RemoteStore::Lookup RemoteStore::load(const Digest&, CacheEntry&, std::string*, std::string&)
 {
   return Lookup::Unavailable;
 }

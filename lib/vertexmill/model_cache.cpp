@@ -212,7 +212,7 @@ std::optional<CacheEntry> ModelCache::lookup(const Digest& key, const std::strin
   if (m_remote)
   {
     std::string encoded;
-    switch (m_remote->load(key, entry, encoded, problem))
+    switch (m_remote->load(key, entry, m_local ? &encoded : nullptr, problem))
     {
     case content_cache::RemoteStore::Lookup::Hit:
       if (m_local && !m_local->store(key, encoded, problem))
