@@ -12,6 +12,7 @@
 #include "preview/output_file.hpp"
 #include "preview/png_image.hpp"
 #include "report_page/report_page.hpp"
+#include "run_report/compare.hpp"
 #include "run_report/run_report.hpp"
 
 #include <fmt/format.h>
@@ -57,6 +58,11 @@ constexpr const char* kDescription =
   "                                              one report of the shards of a run (vertexmill\n"
   "                                              --shard K/N --report PART.json); with --report-html\n"
   "                                              also its page; status 3 when a model failed\n"
+  "  geometry_inspect --report-html OUT.html REPORT.json --compare OLD.json\n"
+  "                                              the page opens with what changed since OLD.json:\n"
+  "                                              models added, removed, failed since, working again\n"
+  "                                              and changed by more than 1% in triangles, vertices,\n"
+  "                                              bytes or ACMR (also with --merge-reports)\n"
   "\n"
   "Mapping ids are string ids of section names. The names are shown beside the ids, and name the\n"
   "exported objects, when the source .primitives file is given with --names or lies beside the\n"
@@ -87,6 +93,7 @@ struct Options
   std::string namesPath;
   std::string reportHtmlPath;
   std::string mergePath;
+  std::string comparePath; // an older report: the page says what changed since
   std::vector<std::string> inputs;
 };
 
@@ -439,8 +446,23 @@ bool checkOutputFolder(const std::string& option, const std::string& path, std::
   return false;
 }
 
+// Whether two paths name one file, whether or not it exists yet.
+bool samePath(const std::string& a, const std::string& b)
+{
+  if (a.empty() || b.empty())
+    return false;
+  const auto place = [](const std::string& text) {
+    std::error_code error;
+    const fs::path path = cstdmf::u8path(text);
+    fs::path result = fs::weakly_canonical(path, error);
+    return error ? fs::absolute(path, error).lexically_normal() : result;
+  };
+  return place(a) == place(b);
+}
+
 // The HTML page of `report` (read from, or written to, reportPath) into pagePath.
 int writeReportPage(const nlohmann::json& report, const std::string& reportPath, const std::string& pagePath,
+                    const std::optional<nlohmann::ordered_json>& older, const std::string& olderPath,
                     std::ostream& out, std::ostream& err)
 {
   // Outputs are named as vertexmill was given them: relative to where it ran, which is usually
@@ -458,7 +480,9 @@ int writeReportPage(const nlohmann::json& report, const std::string& reportPath,
       return previewPngOfFile(cstdmf::toUtf8(beside), kPagePreviewSize);
     return {};
   };
-  const std::string page = report_page::buildPage(report, previews);
+  const nlohmann::json changes =
+    older ? run_report::compareReports(report, nlohmann::json(*older)) : nlohmann::json();
+  const std::string page = report_page::buildPage(report, previews, older ? &changes : nullptr, olderPath);
   std::string error;
   if (!preview::writeWholeFile(pagePath, page, error))
   {
@@ -466,6 +490,8 @@ int writeReportPage(const nlohmann::json& report, const std::string& reportPath,
     return kExitFailed;
   }
   out << fmt::format("{}: report page of {} ({} models)\n", pagePath, reportPath, report["models"].size());
+  if (older)
+    out << fmt::format("{}: {} models changed since {}\n", pagePath, changes["models"].size(), olderPath);
   return kExitSuccess;
 }
 
@@ -497,12 +523,19 @@ int runReportHtml(const Options& options, std::ostream& out, std::ostream& err)
   const std::optional<nlohmann::ordered_json> report = readReport(options.inputs.front(), err, status);
   if (!report)
     return status;
-  return writeReportPage(nlohmann::json(*report), options.inputs.front(), options.reportHtmlPath, out, err);
+  std::optional<nlohmann::ordered_json> older;
+  if (!options.comparePath.empty() && !(older = readReport(options.comparePath, err, status)))
+    return status;
+  return writeReportPage(nlohmann::json(*report), options.inputs.front(), options.reportHtmlPath, older,
+                         options.comparePath, out, err);
 }
 
 // geometry_inspect --merge-reports OUT.json PART.json... [--report-html OUT.html]
 int runMergeReports(const Options& options, std::ostream& out, std::ostream& err)
 {
+  std::optional<nlohmann::ordered_json> older;
+  if (int status = kExitSuccess; !options.comparePath.empty() && !(older = readReport(options.comparePath, err, status)))
+    return status;
   std::vector<run_report::Part> parts;
   for (const std::string& input : options.inputs)
   {
@@ -530,7 +563,8 @@ int runMergeReports(const Options& options, std::ostream& out, std::ostream& err
   out << fmt::format("{}: {} models from {} parts, {} failed\n", options.mergePath, (*merged)["models"].size(),
                      parts.size(), failed);
   if (!options.reportHtmlPath.empty())
-    if (const int status = writeReportPage(nlohmann::json(*merged), options.mergePath, options.reportHtmlPath, out, err);
+    if (const int status = writeReportPage(nlohmann::json(*merged), options.mergePath, options.reportHtmlPath, older,
+                                           options.comparePath, out, err);
         status != kExitSuccess)
       return status;
   // A run with a failed model is not a success, merged or not.
@@ -624,6 +658,8 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
       .add(path("names", "SRC.primitives", "take section names from this .primitives file", options.namesPath))
       .add(path("report-html", "OUT.html", "write the HTML page of a vertexmill report given as the input",
                 options.reportHtmlPath))
+      .add(path("compare", "OLD.json", "with --report-html: open the page with what changed since this older report",
+                options.comparePath))
       .add(path("merge-reports", "OUT.json",
                 "merge the reports of the shards of one run (vertexmill --shard K/N --report) given as the inputs",
                 options.mergePath))
@@ -667,6 +703,16 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
     return refuse("ERROR: --export-obj, --render and --names take one input file");
   if ((!options.sourcePath.empty() || options.renderMode != preview::Mode::Shaded) && options.renderPath.empty())
     return refuse("ERROR: --source and --render-mode need --render");
+  if (!options.comparePath.empty() && options.reportHtmlPath.empty())
+    return refuse("ERROR: --compare needs --report-html");
+  // The older report is read, never written: no output may take its place.
+  for (const auto& [option, output] : {std::pair<const char*, const std::string&>{"--report-html", options.reportHtmlPath},
+                                       {"--merge-reports", options.mergePath}})
+    if (!options.comparePath.empty() && samePath(output, options.comparePath))
+    {
+      err << "ERROR: cannot write " << option << " '" << output << "': it is the report given to --compare\n";
+      return kExitBadPath;
+    }
 
   // Paths: every input must exist and every output folder too, before anything is done.
   for (const std::string& input : options.inputs)
@@ -685,7 +731,7 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
                                        {"--merge-reports", options.mergePath}})
     if (!output.empty() && !checkOutputFolder(option, output, err))
       return kExitBadPath;
-  for (const std::string* input : {&options.namesPath, &options.sourcePath})
+  for (const std::string* input : {&options.namesPath, &options.sourcePath, &options.comparePath})
   {
     std::error_code code;
     if (!input->empty() && !fs::is_regular_file(cstdmf::u8path(*input), code))

@@ -249,6 +249,12 @@ h3 { font-size: 15px; margin: 0 0 8px; word-break: break-all; }
 .failures { max-height: 40vh; overflow: auto; }
 .failure { background: #fff; border: 1px solid #f1b8b4; border-left: 4px solid var(--bad); border-radius: 6px; padding: 8px 12px; margin: 8px 0; }
 .failure ul, .messages { margin: 4px 0 0; padding-left: 20px; font-family: ui-monospace, monospace; font-size: 12px; }
+.changes-box { max-height: 40vh; overflow: auto; background: #fff; border: 1px solid var(--line); border-radius: 6px; margin-top: 8px; }
+table.changes { border-collapse: collapse; width: 100%; font-size: 12.5px; }
+table.changes th { position: sticky; top: 0; background: #eef1f5; text-align: left; padding: 6px 8px; }
+table.changes td { padding: 4px 8px; border-bottom: 1px solid #eef1f5; vertical-align: top; }
+table.changes tr.failed-since td:first-child, table.changes tr.removed td:first-child { color: var(--bad); font-weight: 600; }
+table.changes tr.added td:first-child, table.changes tr.fixed td:first-child { color: var(--good); font-weight: 600; }
 .plots { display: flex; flex-wrap: wrap; gap: 16px; align-items: flex-start; }
 .plot { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 8px; }
 .plot svg { display: block; }

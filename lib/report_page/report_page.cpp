@@ -188,6 +188,60 @@ enum ColumnIndex
 };
 static_assert(std::size(kColumns) == kColumnCount);
 
+// What changed since an older report: counts, then one line per model, largest change first.
+std::string changesSection(const json& changes, const std::string& olderName)
+{
+  constexpr size_t kListed = 500;
+  const json& counts = changes.is_object() && changes.contains("counts") ? changes["counts"] : json();
+  std::string section = fmt::format("<h2>Changes since {}</h2>\n<div class=\"muted\">figures that moved by more "
+                                    "than {:.0f}% of their earlier value</div>\n<div class=\"cards\">",
+                                    escapeHtml(olderName.empty() ? std::string("the older report") : olderName),
+                                    number(changes, "threshold") * 100.0);
+  const std::pair<const char*, const char*> kinds[] = {{"failedSince", "failed since"}, {"added", "added"},
+                                                       {"removed", "removed"},          {"fixed", "working again"},
+                                                       {"changed", "changed"},          {"unchanged", "unchanged"}};
+  for (const auto& [key, label] : kinds)
+  {
+    const double value = number(counts, key);
+    section += fmt::format("<div class=\"card{}\"><b>{:.0f}</b>{}</div>",
+                           std::string_view(key) == "failedSince" && value > 0 ? " bad" : "", value, label);
+  }
+  section += "</div>\n";
+  const json& listed = array(changes, "models");
+  if (listed.empty())
+    return section + "<p class=\"muted\">No model changed.</p>\n";
+  section += "<div class=\"changes-box\"><table class=\"changes\"><thead><tr><th>change</th><th>source</th>"
+             "<th>what changed</th></tr></thead><tbody>\n";
+  size_t shown = 0;
+  for (const json& model : listed)
+  {
+    if (++shown > kListed)
+      break;
+    const std::string change = string(model, "change");
+    std::string what;
+    for (const json& figure : array(model, "figures"))
+    {
+      const double before = number(figure, "before"), after = number(figure, "after");
+      const bool bytes = string(figure, "name").find("Bytes") != std::string::npos;
+      const auto shownValue = [&](double value) {
+        return bytes ? humanBytes(value) : std::floor(value) == value ? fmt::format("{:.0f}", value) : fmt::format("{:.3f}", value);
+      };
+      what += fmt::format("{}{} {} → {} ({:+.1f}%)", what.empty() ? "" : "; ", escapeHtml(string(figure, "name")),
+                          shownValue(before), shownValue(after), number(figure, "relative") * 100.0);
+    }
+    for (const json& text : array(model, "messages"))
+      if (text.is_string())
+        what += (what.empty() ? "" : "<br>") + escapeHtml(text.get<std::string>());
+    section += fmt::format("<tr class=\"{}\"><td>{}</td><td>{}</td><td>{}</td></tr>\n", escapeHtml(change),
+                           change == "failed-since" ? "failed since" : change == "fixed" ? "working again" : escapeHtml(change),
+                           escapeHtml(string(model, "source")), what);
+  }
+  section += "</tbody></table></div>\n";
+  if (listed.size() > kListed)
+    section += fmt::format("<p class=\"muted\">and {} more.</p>\n", listed.size() - kListed);
+  return section;
+}
+
 // Horizontal bars, one per model: the largest models by output size.
 std::string sizePlot(const json& rows)
 {
@@ -264,7 +318,8 @@ std::string pngDataUri(const std::vector<uint8_t>& png)
   return "data:image/png;base64," + base64(png);
 }
 
-std::string buildPage(const json& report, const PreviewSource& previews)
+std::string buildPage(const json& report, const PreviewSource& previews, const json* changes,
+                      const std::string& olderName)
 {
   const json& models = array(report, "models");
   json rows = json::array();
@@ -406,6 +461,8 @@ std::string buildPage(const json& report, const PreviewSource& previews)
   page += card("output", humanBytes(number(totals, "outputBytes")));
   page += card("seconds", fmt::format("{:.2f}", number(totals, "seconds")));
   page += "</div>\n";
+  if (changes)
+    page += changesSection(*changes, olderName);
   if (failed != 0)
   {
     page += fmt::format("<h2>Failures ({})</h2>\n<div class=\"failures\">", failed) + failures;

@@ -20,7 +20,10 @@ using PreviewSource = std::function<std::vector<uint8_t>(const nlohmann::json& m
 
 // The page for `report`. Models without a preview show none. Fields missing from the report (an
 // older or partial one) are shown as blanks rather than refused, so any JSON object gives a page.
-[[nodiscard]] std::string buildPage(const nlohmann::json& report, const PreviewSource& previews);
+// With `changes` (run_report::compareReports against an older report, named `olderName`), the
+// page opens with what changed since.
+[[nodiscard]] std::string buildPage(const nlohmann::json& report, const PreviewSource& previews,
+                                    const nlohmann::json* changes = nullptr, const std::string& olderName = {});
 
 // "data:image/png;base64,..." for the bytes.
 [[nodiscard]] std::string pngDataUri(const std::vector<uint8_t>& png);

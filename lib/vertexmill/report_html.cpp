@@ -3,9 +3,18 @@
 #include "cstdmf/debug.hpp"
 #include "geometry_inspect/preview_meshes.hpp"
 #include "preview/output_file.hpp"
+#include "content_cache/file_io.hpp"
+#include "cstdmf/path_utils.hpp"
 #include "report_page/report_page.hpp"
+#include "run_report/compare.hpp"
+#include "vertexmill/display_text.hpp"
+#include "vertexmill/exit_status.hpp"
+#include "vertexmill/output_checks.hpp"
 
 #include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <filesystem>
 
 namespace vertexmill
 {
@@ -16,7 +25,43 @@ constexpr uint32_t kPreviewSize = 160;
 
 } // namespace
 
-bool writeReportPage(const Report& report, const std::string& path)
+std::optional<nlohmann::json> readComparedReport(const ToolOptions& options, int& status)
+{
+  const std::string& path = options.comparePath;
+  namespace fs = std::filesystem;
+  const auto place = [](const std::string& text) {
+    std::error_code error;
+    const fs::path file = cstdmf::u8path(text);
+    fs::path result = fs::weakly_canonical(file, error);
+    return error ? fs::absolute(file, error).lexically_normal() : result;
+  };
+  for (const RequestedOutput& output : requestedOutputs(options))
+    if (output.path != "-" && place(output.path) == place(path))
+    {
+      std::fprintf(stderr, "ERROR: cannot write %.*s '%s': it is the report given to --compare\n",
+                   static_cast<int>(output.what.size()), output.what.data(), toDisplayText(output.path).c_str());
+      status = kExitBadCommandLine;
+      return std::nullopt;
+    }
+  status = kExitBadPath;
+  std::string bytes, problem;
+  if (!content_cache::readWholeFile(cstdmf::u8path(path), bytes, problem))
+  {
+    std::fprintf(stderr, "ERROR: cannot read '%s': %s\n", toDisplayText(path).c_str(), problem.c_str());
+    return std::nullopt;
+  }
+  nlohmann::json older = nlohmann::json::parse(bytes, nullptr, false);
+  if (older.is_discarded() || !older.is_object() || !older.contains("models") || !older["models"].is_array())
+  {
+    std::fprintf(stderr, "ERROR: '%s' is not a vertexmill report (a JSON object with a \"models\" array)\n",
+                 toDisplayText(path).c_str());
+    return std::nullopt;
+  }
+  return older;
+}
+
+bool writeReportPage(const Report& report, const std::string& path, const nlohmann::json* older,
+                     const std::string& olderPath)
 {
   const nlohmann::json document = nlohmann::json::parse(report.toJson(), nullptr, false);
   const report_page::PreviewSource previews = [](const nlohmann::json& model) -> std::vector<uint8_t> {
@@ -24,7 +69,8 @@ bool writeReportPage(const Report& report, const std::string& path)
       return {};
     return geometry_inspect::previewPngOfFile(model["output"].get<std::string>(), kPreviewSize);
   };
-  const std::string page = report_page::buildPage(document, previews);
+  const nlohmann::json changes = older ? run_report::compareReports(document, *older) : nlohmann::json();
+  const std::string page = report_page::buildPage(document, previews, older ? &changes : nullptr, olderPath);
   std::string error;
   if (!preview::writeWholeFile(path, page, error))
   {

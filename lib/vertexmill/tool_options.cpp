@@ -196,6 +196,10 @@ void registerOptions(ArgParser::Builder& builder, ToolOptions& o)
                "FILE", "a file name (standard output is not one)", fileName(o.depfilePath, false)))
     .add(value("report-html", "write the report as one self-contained HTML page, with previews, to FILE", "FILE",
                "a file name (standard output is not one)", fileName(o.reportHtmlPath, false)))
+    .add(value("compare",
+               "with --report-html, open the page with what changed since FILE, the --report of an earlier "
+               "run: models added, removed, failed since, working again, and changed by more than 1%",
+               "FILE", "a file name", fileName(o.comparePath, false)))
     .add(flag("report-overdraw", 0,
               "with --report or --report-html, also measure the overdraw of every render set (costly: "
               "about a third of the optimisation again)",

@@ -33,6 +33,7 @@ struct ToolOptions
   bool stats = false;
   bool progress = true;       // the progress line, where standard error is a terminal
   std::string reportHtmlPath; // UTF-8; empty: no report page
+  std::string comparePath;    // UTF-8; an earlier run's report the page is compared with
   bool reportOverdraw = false;
   bool showVersion = false;
   bool helpShown = false;

@@ -324,6 +324,11 @@ int runVertexmill(int argc, const char* const* argv)
     std::fprintf(stderr, "ERROR: %s works with --lods N (N from 1 to %u) only\n", args.lodTuning.c_str(), kMaxLevels);
     return kExitBadCommandLine;
   }
+  if (!args.comparePath.empty() && args.reportHtmlPath.empty())
+  {
+    std::fputs("ERROR: --compare works with --report-html only\n", stderr);
+    return kExitBadCommandLine;
+  }
   if (!args.depfilePath.empty() && args.tree)
   {
     std::fputs("ERROR: --depfile works in default mode only (one model)\n", stderr);
@@ -344,6 +349,11 @@ int runVertexmill(int argc, const char* const* argv)
     std::fputs("ERROR: empty arguments not allowed ( use . as current directory )\n", stderr);
     return kExitBadCommandLine;
   }
+
+  // The earlier report is read before any work: a run whose page cannot be made costs nothing.
+  std::optional<nlohmann::json> older;
+  if (int refused = kExitSuccess; !args.comparePath.empty() && !(older = readComparedReport(args, refused)))
+    return refused;
 
   cstdmf::setupConsoleLogging(args.verbosity);
   if (args.reportPath == "-")
@@ -399,7 +409,8 @@ int runVertexmill(int argc, const char* const* argv)
   if (cache)
     cache->finish();
   if (report && !args.reportHtmlPath.empty() && status != kExitBadCommandLine &&
-      !writeReportPage(*report, args.reportHtmlPath) && status == kExitSuccess)
+      !writeReportPage(*report, args.reportHtmlPath, older ? &*older : nullptr, args.comparePath) &&
+      status == kExitSuccess)
     status = kExitFilesystemError;
 
   Moo::PrimitiveVertexFormat::fini();

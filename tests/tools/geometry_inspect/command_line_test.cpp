@@ -60,7 +60,7 @@ TEST(GeometryInspectCommandLine, ExitStatuses)
          std::string(), std::string("--bogus ") + quoted(geometry), "--export-obj x.obj " + quoted(geometry) + " " + quoted(geometry),
          std::string("--export-obj"), "--render " + out + " --render-size 8 " + quoted(geometry),
          "--render " + out + " --render-mode bogus " + quoted(geometry), "--render-mode sets " + quoted(geometry),
-         "--report-html x.html --validate " + quoted(geometry)})
+         "--report-html x.html --validate " + quoted(geometry), "--compare old.json " + quoted(geometry)})
   {
     SCOPED_TRACE(bad);
     run = runTool(dir.path, bad);
@@ -76,6 +76,18 @@ TEST(GeometryInspectCommandLine, ExitStatuses)
   run = runTool(dir.path, "--render " + quoted(dir.path / "no" / "x.png") + " " + quoted(geometry));
   EXPECT_EQ(run.status, 2);
   EXPECT_TRUE(contains(run.err, "ERROR: cannot write --render '" + (dir.path / "no" / "x.png").string() + "': ")) << run.err;
+
+  // --compare: the page of a report compared with an older one, which no output may replace.
+  const fs::path report = dir.path / "r.json";
+  const std::string text = R"({"models": [{"source": "a.primitives", "status": "failed"}]})";
+  testutil::writeFile(report, std::vector<std::byte>(reinterpret_cast<const std::byte*>(text.data()),
+                                                     reinterpret_cast<const std::byte*>(text.data()) + text.size()));
+  run = runTool(dir.path, "--report-html " + quoted(dir.path / "p.html") + " " + quoted(report) + " --compare " + quoted(report));
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(contains(run.out, ": 0 models changed since ")) << run.out;
+  run = runTool(dir.path, "--report-html " + quoted(report) + " " + quoted(report) + " --compare " + quoted(report));
+  EXPECT_EQ(run.status, 2);
+  EXPECT_TRUE(contains(run.err, "it is the report given to --compare")) << run.err;
 
   run = runTool(dir.path, "--validate " + quoted(geometry));
   EXPECT_EQ(run.status, 0) << run.err;

@@ -106,6 +106,61 @@ TEST_F(VertexmillTool, ReportInDefaultModeAndUnwritableReport)
   EXPECT_FALSE(fs::exists(path("out/ship.geometry")));
 }
 
+// --compare: the page of a run opens with what changed since an earlier run's report, which the run
+// never overwrites; asked for wrongly, it costs no conversion.
+TEST_F(VertexmillTool, ThePageSaysWhatChangedSinceAnEarlierReport)
+{
+  writeFile(path("art/ship.primitives"), validPrimitives({"hull", "turret"}));
+  writeFile(path("art/crate.primitives"), validPrimitives({"box"}));
+  writeFile(path("art/rock.primitives"), validPrimitives({"stone"}));
+  fs::create_directories(path("out"));
+  ASSERT_EQ(run({"--tree", "--report", str("old.json"), str("art"), str("out")}).status, 0);
+  const std::string older = readFile(path("old.json"));
+
+  // A re-export: one model broken, one removed, one added, one with fewer render sets.
+  writeFile(path("art/crate.primitives"), std::string(64, 'x'));
+  fs::remove(path("art/rock.primitives"));
+  writeFile(path("art/barrel.primitives"), validPrimitives({"staves"}));
+  writeFile(path("art/ship.primitives"), validPrimitives({"hull"}));
+  const RunResult result = run({"--tree", "--keep-going", "--report", str("new.json"), "--report-html", str("page.html"),
+                                "--compare", str("old.json"), str("art"), str("out")});
+  EXPECT_EQ(result.status, 3) << result.err;
+  const std::string page = readFile(path("page.html"));
+  const size_t changes = page.find("<h2>Changes since " + str("old.json") + "</h2>");
+  ASSERT_NE(changes, std::string::npos);
+  const std::string section = page.substr(changes, page.find("<h2>", changes + 4) - changes);
+  for (const char* expected : {"<tr class=\"failed-since\"><td>failed since</td><td>" , "crate.primitives",
+                               "<tr class=\"added\">", "barrel.primitives", "<tr class=\"removed\">",
+                               "rock.primitives", "<tr class=\"changed\">", "ship.primitives", "triangles "})
+    EXPECT_NE(section.find(expected), std::string::npos) << expected;
+  // Failures come first.
+  EXPECT_LT(section.find("failed-since"), section.find("class=\"added\""));
+  EXPECT_EQ(readFile(path("old.json")), older);
+
+  // Refused before any conversion: without a page, an output in its place, a file that is not a report.
+  fs::remove_all(path("out"));
+  fs::create_directories(path("out"));
+  writeFile(path("not-a-report.json"), "[1, 2]");
+  const std::vector<std::pair<std::vector<std::string>, int>> refused = {
+    {{"--compare", str("old.json")}, 1},
+    {{"--report", str("old.json"), "--report-html", str("p.html"), "--compare", str("old.json")}, 1},
+    {{"--report-html", str("old.json"), "--compare", str("old.json")}, 1},
+    {{"--report-html", str("p.html"), "--compare", str("missing.json")}, 2},
+    {{"--report-html", str("p.html"), "--compare", str("not-a-report.json")}, 2},
+  };
+  for (const auto& [options, status] : refused)
+  {
+    std::vector<std::string> arguments = options;
+    for (const std::string& rest : {std::string("--tree"), str("art"), str("out")})
+      arguments.push_back(rest);
+    const RunResult refusal = run(arguments);
+    EXPECT_EQ(refusal.status, status) << options[1];
+    EXPECT_EQ(refusal.err.rfind("ERROR: ", 0), 0u) << refusal.err;
+    EXPECT_TRUE(fs::is_empty(path("out"))) << options[1];
+    EXPECT_EQ(readFile(path("old.json")), older);
+  }
+}
+
 // The model's figures behind the report's totals and the --stats line.
 TEST(ModelTotals, SumsWeighAcmrByTrianglesAndCountCompanionsIn)
 {
