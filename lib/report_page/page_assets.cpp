@@ -172,6 +172,52 @@ const char* const kPageScript = R"js(
     var tr = e.target.closest("tr[data-model]");
     if (tr) showDetail(Number(tr.dataset.model));
   });
+
+  // Plots name the model under the pointer and open it on a click.
+  var tip = document.getElementById("plot-tip");
+  function openModel(i) {
+    showDetail(i);
+    detail.scrollIntoView({ block: "nearest" });
+  }
+  // The model whose dot is nearest the pointer, within 8 pixels; -1 for none.
+  function dotAt(svg, x, y) {
+    var box = svg.getBoundingClientRect();
+    var column = Number(svg.dataset.column), top = Number(svg.dataset.top);
+    var pad = Number(svg.dataset.pad), size = Number(svg.dataset.size);
+    var px = x - box.left, py = y - box.top, best = -1, bestDistance = 64;
+    for (var i = 0; i < rows.length; ++i) {
+      var before = rows[i][column], after = rows[i][column + 1];
+      if (typeof before !== "number" || typeof after !== "number") continue;
+      var dx = pad + before / top * size - px, dy = 18 + size - after / top * size - py;
+      var distance = dx * dx + dy * dy;
+      if (distance < bestDistance) { bestDistance = distance; best = i; }
+    }
+    return best;
+  }
+  function showTip(text, x, y) {
+    tip.textContent = text;
+    tip.style.left = (x + window.scrollX + 14) + "px";
+    tip.style.top = (y + window.scrollY + 14) + "px";
+    tip.hidden = false;
+  }
+  document.querySelectorAll("svg.scatter").forEach(function (svg) {
+    svg.addEventListener("mousemove", function (e) {
+      var i = dotAt(svg, e.clientX, e.clientY);
+      svg.style.cursor = i >= 0 ? "pointer" : "";
+      if (i < 0) { tip.hidden = true; return; }
+      var column = Number(svg.dataset.column);
+      showTip(rows[i][data.sourceColumn] + ": " + rows[i][column].toFixed(3) + " \u2192 " + rows[i][column + 1].toFixed(3),
+              e.clientX, e.clientY);
+    });
+    svg.addEventListener("mouseleave", function () { tip.hidden = true; });
+    svg.addEventListener("click", function (e) {
+      var i = dotAt(svg, e.clientX, e.clientY);
+      if (i >= 0) openModel(i);
+    });
+  });
+  document.querySelectorAll("svg rect[data-model]").forEach(function (bar) {
+    bar.addEventListener("click", function () { openModel(Number(bar.dataset.model)); });
+  });
   var pending = false;
   scroller.addEventListener("scroll", function () {
     if (pending) return;
@@ -225,6 +271,21 @@ const char* const kPageScript = R"js(
       report.chainLevels = data.levels[withLevels].length;
       report.chainImages = detail.querySelectorAll(".chain img").length;
     }
+    // The dot of the first model with ACMR figures is named and opens it.
+    var plot = document.querySelector("svg.scatter");
+    var named = -1;
+    for (var n = 0; plot && n < rows.length && named < 0; ++n)
+      if (typeof rows[n][Number(plot.dataset.column)] === "number" && typeof rows[n][Number(plot.dataset.column) + 1] === "number") named = n;
+    if (named >= 0) {
+      var box = plot.getBoundingClientRect(), column = Number(plot.dataset.column);
+      var x = box.left + Number(plot.dataset.pad) + rows[named][column] / Number(plot.dataset.top) * Number(plot.dataset.size);
+      var y = box.top + 18 + Number(plot.dataset.size) - rows[named][column + 1] / Number(plot.dataset.top) * Number(plot.dataset.size);
+      plot.dispatchEvent(new MouseEvent("mousemove", { clientX: x, clientY: y }));
+      report.plotTip = tip.hidden ? "" : tip.textContent;
+      plot.dispatchEvent(new MouseEvent("click", { clientX: x, clientY: y }));
+      report.plotOpened = detail.querySelector("h3") ? detail.querySelector("h3").textContent : "";
+      report.plotModel = String(rows[named][data.sourceColumn]);
+    }
     report.problems = problems;
     var out = document.createElement("pre");
     out.id = "selftest";
@@ -255,6 +316,8 @@ table.changes th { position: sticky; top: 0; background: #eef1f5; text-align: le
 table.changes td { padding: 4px 8px; border-bottom: 1px solid #eef1f5; vertical-align: top; }
 table.changes tr.failed-since td:first-child, table.changes tr.removed td:first-child { color: var(--bad); font-weight: 600; }
 table.changes tr.added td:first-child, table.changes tr.fixed td:first-child { color: var(--good); font-weight: 600; }
+#plot-tip { position: absolute; z-index: 10; background: #1d232b; color: #fff; padding: 3px 8px; border-radius: 4px; font-size: 12px; pointer-events: none; max-width: 600px; word-break: break-all; }
+svg rect[data-model] { cursor: pointer; }
 .plots { display: flex; flex-wrap: wrap; gap: 16px; align-items: flex-start; }
 .plot { background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 8px; }
 .plot svg { display: block; }

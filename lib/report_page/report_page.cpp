@@ -267,7 +267,7 @@ std::string sizePlot(const json& rows)
     if (name.size() > 34)
       name = "\xE2\x80\xA6" + name.substr(name.size() - 33);
     svg += fmt::format(R"(<text x="{}" y="{}" text-anchor="end">{}</text>)", kLabel - 6, y + 10, escapeHtml(name));
-    svg += fmt::format(R"(<rect x="{}" y="{}" width="{:.1f}" height="{}" fill="#4c78a8"><title>{}: {}</title></rect>)",
+    svg += fmt::format(R"(<rect data-model="{}" x="{}" y="{}" width="{:.1f}" height="{}" fill="#4c78a8"><title>{}: {}</title></rect>)", i,
                        kLabel, y + 1, width, kBar - 3, escapeHtml(name), humanBytes(bytes(i)));
     svg += fmt::format(R"(<text x="{:.1f}" y="{}">{}</text>)", kLabel + width + 4, y + 10, humanBytes(bytes(i)));
   }
@@ -284,8 +284,10 @@ std::string scatterPlot(const json& rows, int beforeColumn, const char* title, c
         top = std::max(top, row[column].get<double>());
   top = top > 0.0 ? top * 1.05 : 1.0;
   constexpr int kSize = 240, kPad = 34;
-  std::string svg =
-    fmt::format(R"(<svg xmlns="http://www.w3.org/2000/svg" width="{}" height="{}" role="img">)", kSize + kPad + 8, kSize + kPad + 18);
+  // The page's script names the point under the pointer from the same geometry.
+  std::string svg = fmt::format(R"(<svg xmlns="http://www.w3.org/2000/svg" width="{}" height="{}" role="img" )"
+                                R"(class="scatter" data-column="{}" data-top="{}" data-pad="{}" data-size="{}">)",
+                                kSize + kPad + 8, kSize + kPad + 18, beforeColumn, top, kPad, kSize);
   svg += fmt::format(R"(<text x="0" y="12">{}: before (across) and after (up)</text>)", title);
   const auto x = [&](double v) { return kPad + v / top * kSize; };
   const auto y = [&](double v) { return 18 + kSize - v / top * kSize; };
@@ -484,7 +486,8 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
           "preview and render sets</span></div>\n";
   page += "<div id=\"scroller\"><table id=\"models\"><thead><tr><th></th></tr></thead><tbody></tbody></table></div>\n";
   page += "<div id=\"detail\" hidden></div>\n";
-  page += "<h2>Plots</h2>\n<div class=\"plots\">";
+  page += "<h2>Plots</h2>\n<div class=\"muted\">point at a dot or bar for its model, click it for its "
+          "preview and render sets</div>\n<div id=\"plot-tip\" hidden></div>\n<div class=\"plots\">";
   page += "<div class=\"plot\">" + sizePlot(rows) + "</div>";
   constexpr const char* kNoFigures = "no model of this run has these figures";
   page += "<div class=\"plot\">" + scatterPlot(rows, 9, "ACMR", kNoFigures) + "</div>";

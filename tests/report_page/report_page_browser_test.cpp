@@ -120,6 +120,10 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
   // A model's levels of detail are shown beside it, each with its own preview.
   EXPECT_EQ(check["chainLevels"], 2);
   EXPECT_EQ(check["chainImages"], 3);
+  // A plot names the model under the pointer and opens it on a click.
+  ASSERT_TRUE(check["plotModel"].is_string()) << check.dump();
+  EXPECT_EQ(check["plotTip"].get<std::string>().rfind(check["plotModel"].get<std::string>() + ": ", 0), 0u) << check.dump();
+  EXPECT_EQ(check["plotOpened"], check["plotModel"]);
   EXPECT_EQ(check["problems"], nlohmann::json::array());
   EXPECT_TRUE(dom.find("Failures (1)") != std::string::npos);
 
