@@ -35,7 +35,7 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr const char* kToolName = "geometry_inspect";
-constexpr uint32_t kPagePreviewSize = 160;
+constexpr uint32_t kPagePreviewSize = report_page::kPreviewSize;
 constexpr uint32_t kMinRenderSize = 16;
 constexpr uint32_t kMaxRenderSize = 4096;
 

@@ -34,7 +34,7 @@ const char* const kPageScript = R"js(
     var html = ["<h4>Levels of detail</h4>"];
     if (levels.length) html.push('<div class="chain">');
     var figure = function (image, caption) {
-      return '<figure>' + (image ? '<img class="preview" alt="" width="160" height="160" src="' + image + '">' : "") +
+      return '<figure>' + (image ? '<img class="preview" alt="" width="256" height="256" src="' + image + '">' : "") +
              "<figcaption>" + caption + "</figcaption></figure>";
     };
     if (levels.length) html.push(figure(main, "main model: " + rows[i][data.trianglesColumn] + " triangles"));
@@ -64,14 +64,23 @@ const char* const kPageScript = R"js(
   var sortColumn = -1, sortDescending = false;
 
   columns.forEach(function (c, i) {
+    if (i === data.outputColumn) return;
     var th = document.createElement("th");
     th.textContent = c.title;
     th.title = c.hint || "";
     th.dataset.column = i;
-    if (c.numeric) th.className = "num";
+    th.className = cellClass(i);
     th.addEventListener("click", function () { sortBy(i, sortColumn === i ? !sortDescending : c.numeric); });
     head.appendChild(th);
   });
+
+  // Each column's cells by kind: numbers right-aligned; paths cut at their start, so that the file
+  // name stays in view; the output path only in a model's detail, to leave the figures room.
+  function cellClass(c) {
+    if (columns[c].numeric) return "num";
+    if (c === data.sourceColumn) return "path";
+    return "";
+  }
 
   function text(value, column) {
     if (value === null || value === undefined) return "";
@@ -96,10 +105,11 @@ const char* const kPageScript = R"js(
     sortColumn = column;
     sortDescending = descending;
     order.sort(compare(column));
-    Array.prototype.forEach.call(head.cells, function (th, i) {
-      // The first header cell is the thumbnails'.
-      th.classList.toggle("sorted", i - 1 === column);
-      th.classList.toggle("descending", i - 1 === column && descending);
+    Array.prototype.forEach.call(head.cells, function (th) {
+      // The first header cell is the thumbnails', with no column.
+      var sorted = th.dataset.column !== undefined && Number(th.dataset.column) === column;
+      th.classList.toggle("sorted", sorted);
+      th.classList.toggle("descending", sorted && descending);
     });
     applyFilter();
   }
@@ -123,15 +133,21 @@ const char* const kPageScript = R"js(
     var count = Math.ceil(scroller.clientHeight / rowHeight) + 10;
     var last = Math.min(shown.length, first + count);
     // Rows outside the view are two spacer rows of the same height, so the scroll bar is right.
-    var span = columns.length + 1;
+    var span = head.cells.length;
     var html = ['<tr class="spacer"><td colspan="' + span + '" style="height:' + first * rowHeight + 'px"></td></tr>'];
     for (var k = first; k < last; ++k) {
       var i = shown[k], r = rows[i];
       var cells = ['<tr data-model="' + i + '" class="' + r[data.statusColumn] + '">'];
       var image = preview(i);
       cells.push('<td class="thumb">' + (image ? '<img alt="" width="26" height="26" src="' + image + '">' : "") + "</td>");
-      for (var c = 0; c < columns.length; ++c)
-        cells.push("<td" + (columns[c].numeric ? ' class="num"' : "") + ">" + escape(text(r[c], columns[c])) + "</td>");
+      for (var c = 0; c < columns.length; ++c) {
+        if (c === data.outputColumn) continue;
+        var value = escape(text(r[c], columns[c]));
+        var kind = cellClass(c);
+        // A path is shown whole on hover; the mark keeps its slashes in place when it is cut.
+        cells.push(kind.indexOf("path") === 0 ? '<td class="' + kind + '" title="' + value + '">\u200E' + value + "\u200E</td>"
+                                              : "<td" + (kind ? ' class="' + kind + '"' : "") + ">" + value + "</td>");
+      }
       cells.push("</tr>");
       html.push(cells.join(""));
     }
@@ -146,9 +162,12 @@ const char* const kPageScript = R"js(
   function showDetail(i) {
     var r = rows[i];
     var html = ["<h3>" + escape(String(r[data.sourceColumn])) + "</h3>"];
+    if (r[data.outputColumn]) html.push('<div class="muted">written to ' + escape(String(r[data.outputColumn])) + "</div>");
     var image = preview(i);
     html.push('<div class="detail-body">');
-    if (image) html.push('<img class="preview" alt="preview" width="160" height="160" src="' + image + '">');
+    if (image)
+      html.push('<figure class="shot"><img class="preview" alt="preview" width="256" height="256" src="' + image + '">' +
+                "<figcaption>after optimisation &middot; each render set in its colour below</figcaption></figure>");
     html.push('<table class="sets"><thead><tr><th></th><th>render set</th><th class="num">vertices</th><th class="num">triangles</th>' +
               '<th class="num">ACMR before</th><th class="num">ACMR after</th><th class="num">overdraw before</th><th class="num">overdraw after</th></tr></thead><tbody>');
     (sets[i] || []).forEach(function (s, k) {
@@ -171,6 +190,19 @@ const char* const kPageScript = R"js(
   body.addEventListener("click", function (e) {
     var tr = e.target.closest("tr[data-model]");
     if (tr) showDetail(Number(tr.dataset.model));
+  });
+  // A thumbnail shows its preview at full size while the pointer is on it.
+  var thumbTip = document.getElementById("thumb-tip");
+  body.addEventListener("mouseover", function (e) {
+    if (!e.target.matches("td.thumb img")) return;
+    thumbTip.innerHTML = '<img alt="" width="256" height="256" src="' + e.target.src + '"><div>after optimisation</div>';
+    var box = e.target.getBoundingClientRect();
+    thumbTip.style.left = (box.right + window.scrollX + 8) + "px";
+    thumbTip.style.top = Math.max(window.scrollY, box.top + window.scrollY - 120) + "px";
+    thumbTip.hidden = false;
+  });
+  body.addEventListener("mouseout", function (e) {
+    if (e.target.matches("td.thumb img")) thumbTip.hidden = true;
   });
 
   // Plots name the model under the pointer and open it on a click.
@@ -236,6 +268,8 @@ const char* const kPageScript = R"js(
   // A check the browser tests run: sorts and filters the table and reports what it saw.
   if (location.hash === "#selftest") {
     var report = { models: rows.length, loadMs: loadMs, scriptMs: scriptMs };
+    // Every column in view: the table is not wider than its box.
+    report.tableFits = scroller.scrollWidth <= scroller.clientWidth;
     var t0 = performance.now();
     sortBy(data.trianglesColumn, true);
     report.sortMs = performance.now() - t0;
@@ -264,6 +298,15 @@ const char* const kPageScript = R"js(
     applyFilter();
     if (rows.length) showDetail(0);
     report.detailImages = detail.querySelectorAll(".detail-body img").length;
+    var shot = detail.querySelector(".detail-body img");
+    report.detailImageSize = shot ? shot.width : 0;
+    report.detailCaption = detail.querySelector(".shot figcaption") ? detail.querySelector(".shot figcaption").textContent : "";
+    var thumb = body.querySelector("td.thumb img");
+    if (thumb) {
+      thumb.dispatchEvent(new MouseEvent("mouseover", { bubbles: true }));
+      report.thumbTipSize = thumbTip.hidden ? 0 : thumbTip.querySelector("img").width;
+      thumb.dispatchEvent(new MouseEvent("mouseout", { bubbles: true }));
+    }
     // The first model with levels of detail shows its chain, a preview for each.
     var withLevels = (data.levels || []).findIndex(function (l) { return l.length > 0; });
     if (withLevels >= 0) {
@@ -324,12 +367,17 @@ svg rect[data-model] { cursor: pointer; }
 .plot text { font-size: 11px; fill: var(--muted); }
 .controls { display: flex; gap: 16px; align-items: center; margin: 8px 0; }
 .controls input[type=search] { width: 320px; padding: 5px 8px; border: 1px solid var(--line); border-radius: 4px; }
-#scroller { height: 50vh; min-height: 240px; overflow: auto; background: #fff; border: 1px solid var(--line); border-radius: 6px; }
-#models { border-collapse: collapse; width: 100%; font-size: 12.5px; }
-#models th { position: sticky; top: 0; background: #eef1f5; cursor: pointer; user-select: none; text-align: left; padding: 6px 8px; border-bottom: 1px solid var(--line); white-space: nowrap; }
+#scroller { max-height: 60vh; overflow: auto; background: #fff; border: 1px solid var(--line); border-radius: 6px; }
+#models { border-collapse: collapse; width: 100%; font-size: 12px; table-layout: fixed; }
+#models th { position: sticky; top: 0; background: #eef1f5; cursor: pointer; user-select: none; text-align: left; padding: 6px 4px; border-bottom: 1px solid var(--line); vertical-align: bottom; width: 62px; font-size: 11px; line-height: 1.2; }
+#models th.path { width: auto; }
+#models th:first-child { width: 34px; }
+#models th:nth-child(3) { width: 84px; }
+#models th:last-child { width: 44px; }
+#models td.path { direction: rtl; text-align: left; }
 #models th.sorted::after { content: " \25B2"; }
 #models th.sorted.descending::after { content: " \25BC"; }
-#models td { padding: 0 8px; height: 30px; border-bottom: 1px solid #eef1f5; white-space: nowrap; max-width: 420px; overflow: hidden; text-overflow: ellipsis; }
+#models td { padding: 0 4px; height: 30px; border-bottom: 1px solid #eef1f5; white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
 #models tr[data-model] { cursor: pointer; }
 #models tr[data-model]:hover { background: #f0f6ff; }
 #models tr.failed td { color: var(--bad); }
@@ -341,7 +389,10 @@ td.thumb img { display: block; border-radius: 3px; }
 .detail-body { display: flex; gap: 16px; align-items: flex-start; }
 .preview { border-radius: 4px; }
 .chain { display: flex; flex-wrap: wrap; gap: 12px; }
-.chain figure { margin: 0; width: 160px; }
+.chain figure { margin: 0; width: 256px; }
+figure.shot { margin: 0; }
+figure.shot figcaption { font-size: 12px; color: var(--muted); }
+#thumb-tip { position: absolute; z-index: 10; background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 6px; box-shadow: 0 4px 16px rgba(0,0,0,.15); pointer-events: none; font-size: 12px; color: var(--muted); }
 .chain figcaption { font-size: 12px; }
 table.sets { border-collapse: collapse; font-size: 12.5px; }
 table.sets th, table.sets td { padding: 3px 8px; border-bottom: 1px solid #eef1f5; text-align: left; }

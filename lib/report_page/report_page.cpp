@@ -485,7 +485,7 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
           "<span id=\"shown\" class=\"muted\"></span><span class=\"muted\">click a column to sort, a row for its "
           "preview and render sets</span></div>\n";
   page += "<div id=\"scroller\"><table id=\"models\"><thead><tr><th></th></tr></thead><tbody></tbody></table></div>\n";
-  page += "<div id=\"detail\" hidden></div>\n";
+  page += "<div id=\"detail\" hidden></div>\n<div id=\"thumb-tip\" hidden></div>\n";
   page += "<h2>Plots</h2>\n<div class=\"muted\">point at a dot or bar for its model, click it for its "
           "preview and render sets</div>\n<div id=\"plot-tip\" hidden></div>\n<div class=\"plots\">";
   page += "<div class=\"plot\">" + sizePlot(rows) + "</div>";

@@ -15,6 +15,10 @@
 namespace report_page
 {
 
+// The previews' size in pixels, square: big enough to judge a model by. Both tools render the
+// page's previews at it, so that they make the same page from the same report.
+constexpr uint32_t kPreviewSize = 256;
+
 // PNG bytes of a model's preview, given the model's entry of the report; empty for none.
 using PreviewSource = std::function<std::vector<uint8_t>(const nlohmann::json& model)>;
 

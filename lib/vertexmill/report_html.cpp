@@ -21,7 +21,7 @@ namespace vertexmill
 namespace
 {
 
-constexpr uint32_t kPreviewSize = 160;
+constexpr uint32_t kPreviewSize = report_page::kPreviewSize;
 
 } // namespace
 

@@ -104,19 +104,25 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
 
   const std::string url = "file://" + fs::absolute(page).generic_string();
   std::string log;
-  const std::string dom = browse(url + "#selftest", {"--log-net-log=" + (m_dir / "net.json").string(), "--dump-dom"}, log);
+  const std::string dom = browse(
+    url + "#selftest", {"--log-net-log=" + (m_dir / "net.json").string(), "--window-size=1280,900", "--dump-dom"}, log);
   std::smatch found;
   ASSERT_TRUE(std::regex_search(dom, found, std::regex("<pre id=\"selftest\">(.*?)</pre>"))) << dom.substr(0, 2000) << log;
   const nlohmann::json check = nlohmann::json::parse(found[1].str(), nullptr, false);
   ASSERT_TRUE(check.is_object()) << found[1].str();
   EXPECT_EQ(check["models"], 6); // the five example models and the broken one
   EXPECT_EQ(check["sortedDescending"], true);
+  EXPECT_EQ(check["tableFits"], true); // every column in view at 1,280 pixels
   EXPECT_EQ(check["lastRowDrawn"], true);
   EXPECT_EQ(check["largest"], (m_dir / "src" / "creatures" / "jumper.primitives").string());
   EXPECT_EQ(check["filterMatches"], 1);
   EXPECT_EQ(check["filterRowsDrawn"], 1);
   EXPECT_EQ(check["filterNone"], 0);
   EXPECT_EQ(check["detailImages"], 1);
+  // Previews big enough to judge, labelled; a thumbnail shows its preview at full size on hover.
+  EXPECT_EQ(check["detailImageSize"], 256);
+  EXPECT_EQ(check["detailCaption"].get<std::string>().rfind("after optimisation", 0), 0u) << check.dump();
+  EXPECT_EQ(check["thumbTipSize"], 256);
   // A model's levels of detail are shown beside it, each with its own preview.
   EXPECT_EQ(check["chainLevels"], 2);
   EXPECT_EQ(check["chainImages"], 3);
@@ -139,25 +145,31 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
     EXPECT_TRUE(browserOwnHost(requested)) << requested;
   }
 
-  // A screenshot with the summary, the table and previews in it: many colours, not a blank page.
-  const fs::path shot = m_dir / "shot.png";
-  (void)browse(url, {"--hide-scrollbars", "--window-size=1200,900", "--screenshot=" + shot.string()}, log);
-  const std::string bytes = slurp(shot);
-  preview::Image image;
-  std::string error;
-  ASSERT_TRUE(preview::decodePng(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), image, error))
-    << error << log;
-  EXPECT_EQ(image.width, 1200u);
-  std::set<uint32_t> colours;
-  size_t notBackground = 0;
-  for (size_t i = 0; i < image.rgb.size(); i += 3)
+  // Screenshots at the narrowest and widest screens the page is made for, with the summary, the
+  // table and previews in them: many colours, not a blank page.
+  for (const unsigned width : {1280u, 1920u})
   {
-    const uint32_t colour = (uint32_t(image.rgb[i]) << 16) | (uint32_t(image.rgb[i + 1]) << 8) | image.rgb[i + 2];
-    colours.insert(colour);
-    notBackground += colour != 0xF6F8FA;
+    SCOPED_TRACE(width);
+    const fs::path shot = m_dir / ("shot-" + std::to_string(width) + ".png");
+    (void)browse(url, {"--hide-scrollbars", "--window-size=" + std::to_string(width) + ",900", "--screenshot=" + shot.string()},
+                 log);
+    const std::string bytes = slurp(shot);
+    preview::Image image;
+    std::string error;
+    ASSERT_TRUE(preview::decodePng(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), image, error))
+      << error << log;
+    EXPECT_EQ(image.width, width);
+    std::set<uint32_t> colours;
+    size_t notBackground = 0;
+    for (size_t i = 0; i < image.rgb.size(); i += 3)
+    {
+      const uint32_t colour = (uint32_t(image.rgb[i]) << 16) | (uint32_t(image.rgb[i + 1]) << 8) | image.rgb[i + 2];
+      colours.insert(colour);
+      notBackground += colour != 0xF6F8FA;
+    }
+    EXPECT_GT(colours.size(), 100u);
+    EXPECT_GT(notBackground, image.rgb.size() / 3 / 10);
   }
-  EXPECT_GT(colours.size(), 100u);
-  EXPECT_GT(notBackground, image.rgb.size() / 3 / 10);
 }
 
 } // namespace
