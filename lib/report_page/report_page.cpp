@@ -495,9 +495,11 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
   page += "<div class=\"plot\">" + scatterPlot(rows, 13, "overfetch", kNoFigures) + "</div>";
   page += "</div>\n";
   page += "<script type=\"application/json\" id=\"report-data\">" + scriptJson(data) + "</script>\n";
+  // The script before the previews: the table is drawn while the browser still reads them.
+  page += "<script>" + std::string(kPageScript) + "</script>\n";
   page += "<script type=\"text/plain\" id=\"previews\">" + previewLines + "\n</script>\n";
   page += "<script type=\"text/plain\" id=\"level-previews\">" + levelPreviewLines + "\n</script>\n";
-  page += "<script>" + std::string(kPageScript) + "</script>\n</body>\n</html>\n";
+  page += "</body>\n</html>\n";
   return page;
 }
 
