@@ -167,18 +167,28 @@ const char* const kPageScript = R"js(
   function showDetail(i) {
     var r = rows[i];
     var html = ["<h3>" + escape(String(r[data.sourceColumn])) + "</h3>"];
-    if (r[data.outputColumn]) html.push('<div class="muted">written to ' + escape(String(r[data.outputColumn])) + "</div>");
+    var facts = [String(r[data.statusColumn])];
+    if (r[data.cacheColumn]) facts.push("cache " + r[data.cacheColumn]);
+    if (r[data.outputColumn]) facts.push("written to " + r[data.outputColumn]);
+    var attached = (data.companions || [])[i] || [];
+    facts.push(attached.length ? "with " + attached.join(", ") : "no collision or armor companion");
+    html.push('<div class="muted">' + escape(facts.join(" \u00b7 ")) + "</div>");
     var image = preview(i);
     html.push('<div class="detail-body">');
     if (image)
       html.push('<figure class="shot"><img class="preview" alt="preview" width="256" height="256" src="' + image + '">' +
                 "<figcaption>after optimisation &middot; each render set in its colour below</figcaption></figure>");
-    html.push('<table class="sets"><thead><tr><th></th><th>render set</th><th class="num">vertices</th><th class="num">triangles</th>' +
+    html.push('<table class="sets"><thead><tr><th></th><th>render set</th><th>vertex format</th><th class="num">stride</th>' +
+              '<th>skinned</th><th class="num" title="the upper median of the square root of UV area over surface area">texel density</th>' +
+              '<th class="num">vertices</th><th class="num">triangles</th>' +
               '<th class="num">ACMR before</th><th class="num">ACMR after</th><th class="num">overdraw before</th><th class="num">overdraw after</th></tr></thead><tbody>');
+    var fixed = function (v) { return v === null || v === undefined ? "" : v.toFixed(3); };
     (sets[i] || []).forEach(function (s, k) {
       html.push('<tr><td><span class="swatch" style="background:' + data.palette[k % data.palette.length] + '"></span></td><td>' +
-                escape(String(s[0])) + '</td><td class="num">' + s[1] + '</td><td class="num">' + s[2] + '</td>' +
-                [3, 4, 5, 6].map(function (j) { return '<td class="num">' + (s[j] === null ? "" : s[j].toFixed(3)) + "</td>"; }).join("") + "</tr>");
+                escape(String(s[0])) + "</td><td>" + escape(String(s[7] || "")) + '</td><td class="num">' + (s[8] === null ? "" : s[8]) +
+                "</td><td>" + (s[9] ? "yes" : "no") + '</td><td class="num">' + fixed(s[10]) + "</td>" +
+                '<td class="num">' + s[1] + '</td><td class="num">' + s[2] + '</td>' +
+                [3, 4, 5, 6].map(function (j) { return '<td class="num">' + fixed(s[j]) + "</td>"; }).join("") + "</tr>");
     });
     html.push("</tbody></table></div>");
     html.push(levelsHtml(i, image));
@@ -313,6 +323,9 @@ const char* const kPageScript = R"js(
     applyFilter();
     if (rows.length) showDetail(0);
     report.detailImages = detail.querySelectorAll(".detail-body img").length;
+    report.detailFacts = detail.querySelector(".muted") ? detail.querySelector(".muted").textContent : "";
+    var firstSet = detail.querySelector("table.sets tbody tr");
+    report.setFacts = firstSet ? Array.prototype.slice.call(firstSet.cells, 2, 6).map(function (c) { return c.textContent; }) : [];
     var shot = detail.querySelector(".detail-body img");
     report.detailImageSize = shot ? shot.width : 0;
     report.detailCaption = detail.querySelector(".shot figcaption") ? detail.querySelector(".shot figcaption").textContent : "";

@@ -327,6 +327,7 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
   json rows = json::array();
   json sets = json::array();
   json messages = json::array();
+  json companions = json::array();
   std::string previewLines;
   size_t mostRenderSets = 0;
   json levels = json::array(), levelNotes = json::array();
@@ -359,11 +360,22 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
     {
       const json before = set.is_object() && set.contains("before") ? set["before"] : json();
       const json after = set.is_object() && set.contains("after") ? set["after"] : json();
+      // The set's vertex format is its vertex section's; blend indices ("ii…") make it skinned.
+      std::string format;
+      for (const json& section : array(model, "sections"))
+        if (string(section, "name") == string(set, "name") + ".vertices")
+          format = string(section, "format");
       modelSets.push_back(json::array({string(set, "name"), number(set, "vertices"), number(set, "triangles"),
                                        numberOrNull(before, "acmr"), numberOrNull(after, "acmr"),
-                                       numberOrNull(before, "overdraw"), numberOrNull(after, "overdraw")}));
+                                       numberOrNull(before, "overdraw"), numberOrNull(after, "overdraw"), format,
+                                       numberOrNull(set, "strideInBytes"), format.find("ii") != std::string::npos,
+                                       numberOrNull(set, "texelDensity")}));
     }
     sets.push_back(std::move(modelSets));
+    json attached = json::array();
+    for (const json& companion : array(model, "companions"))
+      attached.push_back(companion.is_string() ? companion.get<std::string>() : string(companion, "name"));
+    companions.push_back(std::move(attached));
 
     json modelMessages = json::array();
     for (const char* key : {"errors", "warnings"})
@@ -424,12 +436,14 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
                      {"rows", rows},
                      {"sets", sets},
                      {"messages", messages},
+                     {"companions", companions},
                      {"levels", levels},
                      {"levelNotes", levelNotes},
                      {"palette", palette},
                      {"sourceColumn", kSource},
                      {"outputColumn", kOutput},
                      {"statusColumn", kStatus},
+                     {"cacheColumn", kColumnCount - 1},
                      {"trianglesColumn", kTriangles},
                      {"warningsColumn", kColumnCount - 2}};
 
