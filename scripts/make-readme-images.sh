@@ -21,6 +21,8 @@ for mode in cache wireframe; do
   "$inspect" --render "docs/images/preview-ring-$mode.png" --render-mode "$mode" --render-size 256 \
     --source examples/props/ring.primitives "$work/out/examples/props/ring.geometry"
 done
+"$inspect" --render docs/images/preview-jumper-uv.png --render-mode uv --render-size 256 \
+  "$work/out/examples/creatures/jumper.geometry"
 
 # A re-export to compare with: one model gone, one broken, one added.
 cp -r examples "$work/reexport"

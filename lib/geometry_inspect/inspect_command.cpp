@@ -71,8 +71,9 @@ constexpr const char* kDescription =
   "\n"
   "Previews: a fixed three-quarter view fitted to the model, lit by its normals. --render-mode\n"
   "shaded (grey), sets (each render set in its own colour), cache (each triangle by the vertices it\n"
-  "adds to a 16-entry FIFO cache: green 0, yellow 1, orange 2, red 3) or wireframe (shaded, with the\n"
-  "visible triangles' edges).\n"
+  "adds to a 16-entry FIFO cache: green 0, yellow 1, orange 2, red 3), wireframe (shaded, with the\n"
+  "visible triangles' edges) or uv (each triangle by its texel density against the model's median:\n"
+  "blue half or less, green the median, red double or more; grey without UVs).\n"
   "\n"
   "Exit status: 0 every file is sound (warnings allowed), 1 bad command line, 2 an input cannot be\n"
   "read or an output folder cannot be used (nothing was done), 3 a file is not sound or an export\n"
@@ -581,6 +582,8 @@ std::optional<preview::Mode> parseMode(std::string_view text)
     return preview::Mode::VertexCache;
   if (text == "wireframe")
     return preview::Mode::Wireframe;
+  if (text == "uv")
+    return preview::Mode::UvDensity;
   return std::nullopt;
 }
 
@@ -628,12 +631,12 @@ int runInspect(int argc, const char* const* argv, std::ostream& out, std::ostrea
       .add({
         .kind = ArgParser::Kind::Value,
         .longName = "render-mode",
-        .description = "preview colours: shaded, sets, cache or wireframe (default shaded)",
+        .description = "preview colours: shaded, sets, cache, wireframe or uv (default shaded)",
         .valueName = "MODE",
         .callback = [&](std::string_view value) {
           const auto mode = parseMode(value);
           if (!mode)
-            badValue = fmt::format("ERROR: invalid value '{}' for --render-mode: expected shaded, sets, cache or wireframe\n", value);
+            badValue = fmt::format("ERROR: invalid value '{}' for --render-mode: expected shaded, sets, cache, wireframe or uv\n", value);
           options.renderMode = mode.value_or(preview::Mode::Shaded);
           return mode.has_value();
         },

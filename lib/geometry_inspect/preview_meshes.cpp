@@ -18,7 +18,7 @@ void appendVector(std::vector<float>& out, const Moo::Vector3& v)
   out.push_back(v.z);
 }
 
-// Positions and normals of `vertices` in `format`; false when the format has no position.
+// Positions, normals and UVs of `vertices` in `format`; false when the format has no position.
 bool readVertices(const Moo::VertexFormat& format, std::span<const std::byte> vertices, preview::Mesh& mesh)
 {
   const auto positions = format.getAccessor<VertexSemantic::POSITION>(vertices);
@@ -34,6 +34,17 @@ bool readVertices(const Moo::VertexFormat& format, std::span<const std::byte> ve
     mesh.normals.reserve(count * 3);
     for (size_t i = 0; i < count; ++i)
       appendVector(mesh.normals, normals.get(i));
+  }
+  const auto uvs = format.getAccessor<VertexSemantic::TEXCOORD>(vertices);
+  if (uvs && uvs.vertexCount() == count)
+  {
+    mesh.uvs.reserve(count * 2);
+    for (size_t i = 0; i < count; ++i)
+    {
+      const auto uv = uvs.get(i);
+      mesh.uvs.push_back(uv.x);
+      mesh.uvs.push_back(uv.y);
+    }
   }
   return true;
 }

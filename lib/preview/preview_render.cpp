@@ -61,6 +61,25 @@ constexpr std::array<std::array<uint8_t, 3>, 4> kCacheColours = {{
   {{214, 52, 52}},
 }};
 
+// sqrt(UV area / surface area) of a triangle: texels per unit of length when the texture is one
+// unit wide; 0 when either area is nothing or not finite.
+double texelDensity(const Mesh& mesh, uint32_t i0, uint32_t i1, uint32_t i2)
+{
+  const float* p0 = &mesh.positions[size_t(i0) * 3];
+  const float* p1 = &mesh.positions[size_t(i1) * 3];
+  const float* p2 = &mesh.positions[size_t(i2) * 3];
+  const double e1[3] = {double(p1[0]) - p0[0], double(p1[1]) - p0[1], double(p1[2]) - p0[2]};
+  const double e2[3] = {double(p2[0]) - p0[0], double(p2[1]) - p0[1], double(p2[2]) - p0[2]};
+  const double cross[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2], e1[0] * e2[1] - e1[1] * e2[0]};
+  const double surface = std::sqrt(cross[0] * cross[0] + cross[1] * cross[1] + cross[2] * cross[2]);
+  const float* t0 = &mesh.uvs[size_t(i0) * 2];
+  const float* t1 = &mesh.uvs[size_t(i1) * 2];
+  const float* t2 = &mesh.uvs[size_t(i2) * 2];
+  const double uv = std::fabs((double(t1[0]) - t0[0]) * (double(t2[1]) - t0[1]) - (double(t2[0]) - t0[0]) * (double(t1[1]) - t0[1]));
+  const double density = surface > 0.0 ? std::sqrt(uv / surface) : 0.0;
+  return std::isfinite(density) ? density : 0.0;
+}
+
 constexpr size_t kCacheSize = 16;
 
 double dot(const double a[3], const double b[3])
@@ -212,6 +231,20 @@ void Bounds::add(std::span<const Mesh> meshes)
   }
 }
 
+std::array<uint8_t, 3> uvDensityColour(double ratio)
+{
+  // log2 of the ratio, clamped to [-1, 1]: blue (half or less), green (the median), red (double or
+  // more), through cyan and yellow.
+  const double t = std::clamp(std::isfinite(ratio) && ratio > 0.0 ? std::log2(ratio) : 0.0, -1.0, 1.0);
+  const auto mix = [](const std::array<double, 3>& a, const std::array<double, 3>& b, double f) {
+    return std::array<uint8_t, 3>{static_cast<uint8_t>(std::lround(a[0] + (b[0] - a[0]) * f)),
+                                  static_cast<uint8_t>(std::lround(a[1] + (b[1] - a[1]) * f)),
+                                  static_cast<uint8_t>(std::lround(a[2] + (b[2] - a[2]) * f))};
+  };
+  constexpr std::array<double, 3> kLow = {48, 96, 220}, kMedian = {64, 190, 80}, kHigh = {225, 60, 50};
+  return t < 0.0 ? mix(kMedian, kLow, -t) : mix(kMedian, kHigh, t);
+}
+
 std::array<uint8_t, 3> renderSetColour(size_t index)
 {
   if (index < kSetColours.size())
@@ -296,6 +329,29 @@ Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint
     const double centreY = (lo[1] + hi[1]) / 2.0;
     const double half = samples / 2.0;
 
+    // The model's median texel density, the green of Mode::UvDensity.
+    double medianDensity = 0.0;
+    if (mode == Mode::UvDensity)
+    {
+      std::vector<double> densities;
+      for (const Mesh& mesh : meshes)
+      {
+        const size_t vertexCount = mesh.positions.size() / 3;
+        if (mesh.uvs.size() != vertexCount * 2)
+          continue;
+        for (size_t t = 0; t + 2 < mesh.indices.size(); t += 3)
+          if (mesh.indices[t] < vertexCount && mesh.indices[t + 1] < vertexCount && mesh.indices[t + 2] < vertexCount)
+            if (const double density = texelDensity(mesh, mesh.indices[t], mesh.indices[t + 1], mesh.indices[t + 2]);
+                density > 0.0)
+              densities.push_back(density);
+      }
+      if (!densities.empty())
+      {
+        std::nth_element(densities.begin(), densities.begin() + densities.size() / 2, densities.end());
+        medianDensity = densities[densities.size() / 2];
+      }
+    }
+
     std::vector<ScreenVertex> screen;
     std::vector<int> shades;
     for (const Mesh& mesh : meshes)
@@ -330,6 +386,7 @@ Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint
 
       const std::vector<uint8_t> costs =
         mode == Mode::VertexCache ? vertexCacheCosts(mesh.indices) : std::vector<uint8_t>();
+      const bool hasUvs = mesh.uvs.size() == vertexCount * 2;
       const std::array<uint8_t, 3> setColour = renderSetColour(mesh.renderSet);
       for (size_t t = 0; t + 2 < mesh.indices.size(); t += 3)
       {
@@ -351,9 +408,15 @@ Image render(std::span<const Mesh> meshes, const Bounds& bounds, Mode mode, uint
           const int flat = shade(n);
           triangleShades = {flat, flat, flat};
         }
-        const std::array<uint8_t, 3>& colour = mode == Mode::VertexCache ? kCacheColours[costs[t / 3]]
-                                               : mode == Mode::RenderSets ? setColour
-                                                                          : kGrey;
+        std::array<uint8_t, 3> colour = mode == Mode::VertexCache ? kCacheColours[costs[t / 3]]
+                                        : mode == Mode::RenderSets ? setColour
+                                                                   : kGrey;
+        if (mode == Mode::UvDensity && hasUvs && medianDensity > 0.0)
+        {
+          const double density = texelDensity(mesh, i0, i1, i2);
+          if (density > 0.0)
+            colour = uvDensityColour(density / medianDensity);
+        }
         rasteriser.triangle(screen[i0], screen[i1], screen[i2], triangleShades, colour, mode == Mode::Wireframe);
       }
     }

@@ -24,6 +24,7 @@ struct Mesh
 {
   std::vector<float> positions;
   std::vector<float> normals; // empty, or as many as positions; face normals are used without them
+  std::vector<float> uvs;     // empty, or u, v per vertex (Mode::UvDensity)
   std::vector<uint32_t> indices;
   uint32_t renderSet = 0; // which render set it is (the colour in Mode::RenderSets)
 };
@@ -34,7 +35,12 @@ enum class Mode
   RenderSets,  // each render set in its own colour, lit
   VertexCache, // each triangle coloured by the vertices it adds to a 16-entry FIFO cache (0..3), lit
   Wireframe,   // as Shaded, with every visible triangle's edges drawn dark
+  UvDensity,   // each triangle by its texel density against the model's median: blue at half or less,
+               // green at the median, red at double or more; grey without UVs; lit
 };
+
+// The colour of a triangle whose texel density is `ratio` times the model's median (Mode::UvDensity).
+std::array<uint8_t, 3> uvDensityColour(double ratio);
 
 // Tightly packed 8-bit RGB, rows top to bottom.
 struct Image

@@ -133,6 +133,44 @@ TEST(PreviewRender, WireframeDrawsTheEdgesOverTheShadedSurface)
   EXPECT_LT(fine, size_t(128) * 128 / 2); // the surface still shows between the edges
 }
 
+// UV density: a grid whose left half has its texture squeezed into half the room (half the
+// density) shows two colours, the dense half warmer than the sparse one; without UVs it is grey.
+TEST(PreviewRender, UvDensityColoursTrianglesAgainstTheModelsMedian)
+{
+  EXPECT_EQ(preview::uvDensityColour(0.5), preview::uvDensityColour(0.1)); // clamped at half
+  EXPECT_EQ(preview::uvDensityColour(2.0), preview::uvDensityColour(50.0)); // and at double
+  EXPECT_EQ(preview::uvDensityColour(std::nan("")), preview::uvDensityColour(1.0));
+  EXPECT_GT(preview::uvDensityColour(0.5)[2], preview::uvDensityColour(0.5)[0]); // blue
+  EXPECT_GT(preview::uvDensityColour(2.0)[0], preview::uvDensityColour(2.0)[2]); // red
+
+  preview::Mesh mesh = grid(8);
+  const preview::Image grey = renderOne(mesh, preview::Mode::UvDensity, 64);
+  EXPECT_EQ(grey.rgb, renderOne(mesh, preview::Mode::Shaded, 64).rgb);
+  for (size_t i = 0; i < mesh.positions.size(); i += 3)
+  {
+    const float x = mesh.positions[i], z = mesh.positions[i + 2];
+    // x < 0.5 keeps its UVs at half scale: a quarter of the UV area, half the density.
+    const float scale = x <= 0.5f ? 0.5f : 1.0f;
+    const float u = x <= 0.5f ? x * scale : 0.25f + (x - 0.5f);
+    mesh.uvs.insert(mesh.uvs.end(), {u, z * scale});
+  }
+  const preview::Image density = renderOne(mesh, preview::Mode::UvDensity, 64);
+  std::set<std::array<uint8_t, 3>> colours;
+  int redder = 0;
+  const auto background = pixel(grey, 0, 0);
+  for (uint32_t y = 0; y < 64; ++y)
+    for (uint32_t x = 0; x < 64; ++x)
+      if (pixel(grey, x, y) != background)
+      {
+        EXPECT_NE(pixel(density, x, y), pixel(grey, x, y)) << x << "," << y;
+        colours.insert(pixel(density, x, y));
+        const auto c = pixel(density, x, y);
+        redder += c[0] > c[2] ? 1 : -1;
+      }
+  EXPECT_GE(colours.size(), 2u);
+  EXPECT_NE(redder, 0); // one half warm, the other cool: not all one colour
+}
+
 TEST(PreviewRender, BrokenMeshesDrawWhatTheyCanAndNeverFail)
 {
   const float nan = std::numeric_limits<float>::quiet_NaN();
