@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cmath>
@@ -21,6 +22,7 @@
 #include <set>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -238,8 +240,15 @@ protected:
     // Absolute before the child changes directory. Under Wine this also turns the build host's
     // "/work/..." into "Z:/work/...", which stays valid from any drive.
     const std::string program = u8(fs::absolute(cstdmf::u8path(tool)));
-    const std::optional<int> status =
-      platform::runProcess(program, args, {u8(outFile), u8(errFile), u8(workingDirectory)});
+    // Under Wine a child that has just ended may still hold the output files for a moment, and the
+    // next child's cannot be opened: a start that failed is tried again before it counts.
+    std::optional<int> status;
+    for (int attempt = 0; attempt < 5 && !status; ++attempt)
+    {
+      if (attempt > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(200 * attempt));
+      status = platform::runProcess(program, args, {u8(outFile), u8(errFile), u8(workingDirectory)});
+    }
     EXPECT_TRUE(status.has_value()) << "cannot run " << program;
     RunResult result;
     result.status = status.value_or(-1000);
