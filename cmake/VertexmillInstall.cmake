@@ -57,6 +57,12 @@ if(WIN32)
     spdlog /usr/share/doc/libspdlog-dev/copyright
     meshoptimizer /usr/share/doc/libmeshoptimizer-dev/copyright
     zlib /usr/share/doc/libz-mingw-w64-dev/copyright
+    tinyxml2 /usr/share/doc/libtinyxml2-dev/copyright
+    libpng /usr/share/doc/libpng-dev/copyright
+    assimp ${VERTEXMILL_MINGW_ASSIMP_LICENCES}/assimp.txt
+    minizip ${VERTEXMILL_MINGW_ASSIMP_LICENCES}/minizip.txt
+    utfcpp /usr/share/doc/libutfcpp-dev/copyright
+    stb /usr/share/doc/libstb-dev/copyright
     mingw-w64 /usr/share/doc/mingw-w64-x86-64-dev/copyright)
 endif()
 while(VERTEXMILL_BUNDLED_LICENCES)

@@ -3,7 +3,7 @@
 #   fmt, nlohmann-json, xxHash  header-only, from the host's /usr/include
 #   spdlog                      compiled from the host's /usr/include/spdlog headers
 #   meshoptimizer, tinyxml2,    compiled from Debian's source packages of the versions the host
-#   libpng                      build links
+#   libpng, assimp              build links
 #   GoogleTest                  compiled from /usr/src/googletest (libgtest-dev)
 #   zlib                        libz-mingw-w64-dev, found in the MinGW sysroot
 # It defines the same imported targets as the find_package calls of the normal build.
@@ -135,6 +135,36 @@ target_include_directories(vertexmill_libpng SYSTEM PUBLIC ${libpng_dir} ${VERTE
 target_compile_definitions(vertexmill_libpng PRIVATE PNG_ARM_NEON_OPT=0 PNG_INTEL_SSE_OPT=0)
 target_link_libraries(vertexmill_libpng PUBLIC ZLIB::ZLIB)
 add_library(PNG::PNG ALIAS vertexmill_libpng)
+
+# assimp, for the importer's scene formats: built from Debian's source package by
+# scripts/windows-assimp.sh once per version and toolchain, into a cache outside the build folder
+# (a fresh machine spends about two minutes on it). VERTEXMILL_MINGW_ASSIMP_DIR may name a prefix
+# built before.
+set(VERTEXMILL_MINGW_ASSIMP_DIR "" CACHE PATH "assimp built for Windows (empty: scripts/windows-assimp.sh)")
+set(assimp_prefix ${VERTEXMILL_MINGW_ASSIMP_DIR})
+if(NOT assimp_prefix)
+  # The toolchain file as the command line named it: relative to the build folder or the source.
+  if(EXISTS ${CMAKE_BINARY_DIR}/${CMAKE_TOOLCHAIN_FILE})
+    get_filename_component(toolchain ${CMAKE_TOOLCHAIN_FILE} ABSOLUTE BASE_DIR ${CMAKE_BINARY_DIR})
+  else()
+    get_filename_component(toolchain ${CMAKE_TOOLCHAIN_FILE} ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
+  endif()
+  execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/windows-assimp.sh ${toolchain}
+                          ${VERTEXMILL_DEPS_DIR}/mingw-assimp
+    OUTPUT_VARIABLE assimp_prefix OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE assimp_result)
+  if(NOT assimp_result EQUAL 0)
+    message(FATAL_ERROR "assimp for Windows could not be built (scripts/windows-assimp.sh says why above)")
+  endif()
+endif()
+if(NOT EXISTS ${assimp_prefix}/lib/libassimp.a OR NOT EXISTS ${assimp_prefix}/include/assimp/Importer.hpp)
+  message(FATAL_ERROR "no assimp for Windows in ${assimp_prefix}")
+endif()
+add_library(assimp::assimp STATIC IMPORTED)
+set_target_properties(assimp::assimp PROPERTIES
+  IMPORTED_LOCATION ${assimp_prefix}/lib/libassimp.a
+  INTERFACE_INCLUDE_DIRECTORIES ${assimp_prefix}/include
+  INTERFACE_LINK_LIBRARIES ZLIB::ZLIB)
+set(VERTEXMILL_MINGW_ASSIMP_LICENCES ${assimp_prefix}/share/licences)
 
 # GoogleTest from the sources libgtest-dev ships; the two amalgamation files are the whole library.
 if(VERTEXMILL_BUILD_TESTS)

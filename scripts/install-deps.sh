@@ -15,9 +15,11 @@ windows=0
 if [[ "${1:-}" == "--windows" ]]; then
   windows=1
   # The posix-threads compiler variants only (std::thread, std::mutex); wine for the wrapper
-  # script, wine64 for the 64-bit loader; dpkg-dev unpacks the source packages of meshoptimizer and
-  # tinyxml2.
-  packages+=(gcc-mingw-w64-x86-64-posix g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64 dpkg-dev)
+  # script, wine64 for the 64-bit loader; dpkg-dev unpacks the source packages the Windows build
+  # compiles.
+  # libutfcpp-dev and libstb-dev: header-only libraries assimp's Windows build takes from the host.
+  packages+=(gcc-mingw-w64-x86-64-posix g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64 dpkg-dev
+             libutfcpp-dev libstb-dev)
 fi
 
 sudo=""

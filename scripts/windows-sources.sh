@@ -15,7 +15,8 @@
 set -euo pipefail
 
 # source package, the -dev package the Linux build links
-pairs=("meshoptimizer libmeshoptimizer-dev" "tinyxml2 libtinyxml2-dev" "libpng1.6 libpng-dev")
+pairs=("meshoptimizer libmeshoptimizer-dev" "tinyxml2 libtinyxml2-dev" "libpng1.6 libpng-dev" "assimp libassimp-dev"
+       "zlib zlib1g-dev")
 
 dev_of() {
   local pair

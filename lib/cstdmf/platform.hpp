@@ -170,6 +170,11 @@ struct ChildRun
 ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
                            const ChildLimits& limits);
 
+// How a child that did not exit of its own accord ended, from the status runLimitedProcess gives:
+// "signal 11" on POSIX systems, "exception 0xC0000005" on Windows. Empty for an exit status (and
+// for the -1 a killed Windows child ends with).
+std::optional<std::string> abnormalEnd(int status);
+
 // Runs `program` (a path, not searched for) with `arguments` (UTF-8, passed exactly as given, each
 // one argument of the child) and waits for it. Returns its exit status as a parent sees it: on
 // POSIX systems the low 8 bits of the exit code, or 128 + the signal number when a signal ended

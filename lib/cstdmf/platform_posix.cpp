@@ -207,6 +207,13 @@ void onStopRequest(void (*cleanUp)())
   }).detach();
 }
 
+std::optional<std::string> abnormalEnd(int status)
+{
+  if (status > 128 && status < 128 + 65)
+    return "signal " + std::to_string(status - 128);
+  return std::nullopt;
+}
+
 ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,
                            const ChildLimits& limits)
 {

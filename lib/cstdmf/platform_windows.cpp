@@ -19,6 +19,8 @@
 #include <knownfolders.h>
 #include <shlobj.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <string_view>
@@ -332,6 +334,17 @@ void useBinaryStandardStreams()
   std::fflush(stderr);
   ::_setmode(::_fileno(stdout), _O_BINARY);
   ::_setmode(::_fileno(stderr), _O_BINARY);
+}
+
+std::optional<std::string> abnormalEnd(int status)
+{
+  // An exception nobody handled ends a process with its code: an error's codes start at 0xC0000000.
+  const auto code = static_cast<uint32_t>(status);
+  if (code < 0xC0000000u || code == 0xFFFFFFFFu)
+    return std::nullopt;
+  char text[32];
+  std::snprintf(text, sizeof text, "exception 0x%08X", static_cast<unsigned>(code));
+  return std::string(text);
 }
 
 ChildRun runLimitedProcess(const std::string& program, const std::vector<std::string>& arguments, const ChildIo& io,

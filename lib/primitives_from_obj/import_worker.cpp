@@ -171,13 +171,13 @@ BinaryPtr importInChild(const std::string& program, const WorkerRequest& request
   {
     // The worker's own messages name the input; what ended it otherwise is said here.
     error = messages;
-    if (*status > 128 || messages.find(request.input) == std::string::npos)
+    const std::optional<std::string> crash = platform::abnormalEnd(*status);
+    if (crash || messages.find(request.input) == std::string::npos)
     {
       if (!error.empty())
         error += '\n';
-      error += *status > 128 ? fmt::format("ERROR: {}: the import library crashed on this file (signal {})",
-                                           request.input, *status - 128)
-                             : fmt::format("ERROR: {}: the import stopped with status {}", request.input, *status);
+      error += crash ? fmt::format("ERROR: {}: the import library crashed on this file ({})", request.input, *crash)
+                     : fmt::format("ERROR: {}: the import stopped with status {}", request.input, *status);
     }
     // An allocation the bound refused ends the worker with "out of memory" (or the library's own
     // word for it): say which bound, and how to raise it.

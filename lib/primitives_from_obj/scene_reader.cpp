@@ -3,12 +3,10 @@
 #include "primitives_from_obj/obj_reader.hpp"
 #include "primitives_from_obj/skin_weights.hpp"
 
-#ifdef VERTEXMILL_WITH_ASSIMP
 #include <assimp/Importer.hpp>
 #include <assimp/importerdesc.h>
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
-#endif
 
 #include <fmt/format.h>
 
@@ -20,7 +18,6 @@
 namespace objimport
 {
 
-#ifdef VERTEXMILL_WITH_ASSIMP
 namespace
 {
 
@@ -222,7 +219,6 @@ private:
 };
 
 } // namespace
-#endif
 
 bool isObjPath(const std::string& path)
 {
@@ -242,15 +238,6 @@ const char* chooseFormatName(bool skinned, bool twoTexcoordSets)
   return twoTexcoordSets ? "xyznuv2tb" : "xyznuvtb";
 }
 
-#ifndef VERTEXMILL_WITH_ASSIMP
-bool readScene(const std::string& path, bool, SceneImport& out, std::string& error)
-{
-  out = SceneImport{};
-  error = fmt::format("{}: this build reads Wavefront OBJ files only (it has no import library for other formats)",
-                      path);
-  return false;
-}
-#else
 bool readScene(const std::string& path, bool flipV, SceneImport& out, std::string& error)
 {
   out = SceneImport{};
@@ -275,7 +262,5 @@ bool readScene(const std::string& path, bool flipV, SceneImport& out, std::strin
   SceneConverter converter(path, flipV, out);
   return converter.run(*scene, error);
 }
-
-#endif
 
 } // namespace objimport

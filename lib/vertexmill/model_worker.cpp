@@ -256,10 +256,8 @@ ModelResult convertModelInWorker(const std::string& program, const fs::path& sou
       reason = "the worker process refused the request for " + sourceText;
     else if (run.status == 255 || run.status == -1)
       reason = "a critical error ended the conversion of " + sourceText;
-#ifndef _WIN32
-    else if (run.status > 128 && run.status < 128 + 65)
-      reason = "the conversion ended abnormally (signal " + std::to_string(run.status - 128) + ")";
-#endif
+    else if (const std::optional<std::string> how = platform::abnormalEnd(run.status))
+      reason = "the conversion ended abnormally (" + *how + ")";
     else
       reason = "the conversion ended abnormally (status " + std::to_string(run.status) + ")";
     appendRecord(log, static_cast<int>(DebugMessagePriority::Error), reason + "\n", keep);

@@ -39,8 +39,12 @@ installed() { echo "$2" >"$work/installed/$1"; }
 served meshoptimizer 0.18+dfsg-2
 served tinyxml2 9.0.0+dfsg-3.1
 served libpng1.6 1.6.39-2+deb12u5 1.6.39-2+deb12u6
+served assimp 5.2.5~ds0-1
+served zlib 1:1.2.13.dfsg-1
 installed libmeshoptimizer-dev 0.18+dfsg-2
 installed libtinyxml2-dev 9.0.0+dfsg-3.1
+installed libassimp-dev 5.2.5~ds0-1
+installed zlib1g-dev 1:1.2.13.dfsg-1
 
 # The installed version is taken while the archive serves it, also when a newer one is on offer.
 installed libpng-dev 1.6.39-2+deb12u5
