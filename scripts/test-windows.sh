@@ -47,9 +47,10 @@ echo "   tests under Wine: $(($(seconds) - start)) s"
 
 echo "== examples: vertexmill.exe under Wine against the Linux build"
 linux_tool="$linux_build/tools/vertexmill/vertexmill"
-if [[ ! -x "$linux_tool" ]]; then
+linux_import="$linux_build/tools/primitives_from_obj/primitives_import"
+if [[ ! -x "$linux_tool" || ! -x "$linux_import" ]]; then
   cmake -S . -B "$linux_build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-  cmake --build "$linux_build" -j"$jobs" --target vertexmill
+  cmake --build "$linux_build" -j"$jobs" --target vertexmill primitives_import
 fi
 compare="$build/examples-compare"
 rm -rf "$compare"
@@ -91,3 +92,45 @@ if ! diff -r "$compare/linux" "$compare/zip"; then
   echo "the zip's vertexmill.exe writes different .geometry files"; exit 1
 fi
 echo "   $(basename "$zip"): $version, the examples converted byte-identical"
+
+echo "== the importer: the zip's primitives_import.exe under Wine against the Linux build"
+# Scenes of each kind an artist brings (skinned glTF, FBX and X, Collada, PLY, STL, 3DS): the same
+# .primitives bytes, and their conversions the same .geometry bytes. Files the library refuses are
+# refused by both, with the same status and nothing written.
+models="${ASSIMP_MODELS:-/usr/share/assimp/models}"
+imports="$compare/imports"
+mkdir -p "$imports/linux/scenes" "$imports/windows/scenes" "$imports/linux-out" "$imports/windows-out"
+imported=0
+for model in glTF2/simple_skin/simple_skin.gltf FBX/huesitos.fbx FBX/spider.fbx Collada/duck.dae PLY/cube.ply \
+             STL/Spider_binary.stl 3DS/fels.3ds X/BCN_Epileptic.X; do
+  name=$(basename "${model%.*}")
+  "$linux_import" "$models/$model" "$imports/linux/scenes/$name.primitives" >/dev/null
+  (cd "$folder" && wine bin/primitives_import.exe "$models/$model" "$repo/$imports/windows/scenes/$name.primitives") >/dev/null ||
+    { echo "the zip's primitives_import.exe cannot import $model"; exit 1; }
+  cmp "$imports/linux/scenes/$name.primitives" "$imports/windows/scenes/$name.primitives" ||
+    { echo "the zip's primitives_import.exe writes a different $name.primitives"; exit 1; }
+  imported=$((imported + 1))
+done
+"$linux_tool" -q --tree --src-path "$imports/linux/scenes" --dst-path "$imports/linux-out"
+(cd "$folder" && wine bin/vertexmill.exe -q --tree --src-path "$repo/$imports/windows/scenes" --dst-path "$repo/$imports/windows-out")
+diff -r "$imports/linux-out" "$imports/windows-out" || { echo "the imports convert to different .geometry files"; exit 1; }
+refused=0
+for model in glTF2/BoxWithInfinites-glTF-Binary/BoxWithInfinites.glb \
+             invalid/empty.3ds invalid/empty.ply invalid/empty.x invalid/empty.obj invalid/malformed.obj; do
+  [[ -f "$models/$model" ]] || continue
+  set +e
+  "$linux_import" "$models/$model" "$imports/refused.primitives" >/dev/null 2>&1
+  linux_status=$?
+  (cd "$folder" && wine bin/primitives_import.exe "$models/$model" "$repo/$imports/refused.primitives") >/dev/null 2>&1
+  windows_status=$?
+  set -e
+  if [[ $linux_status -eq 0 || $windows_status -ne $linux_status || -e "$imports/refused.primitives" ]]; then
+    echo "$model: Linux status $linux_status, Windows status $windows_status (both must refuse it alike, writing nothing)"
+    exit 1
+  fi
+  refused=$((refused + 1))
+done
+echo "   $imported scenes imported byte-identical and converted byte-identical; $refused bad files refused alike"
+
+echo "== the remote cache: the zip's vertexmill.exe under Wine against nginx (WinHTTP)"
+bash tests/tools/vertexmill/remote_cache_test.sh "$folder/bin/vertexmill.exe" examples wine | grep -v '^ok:'

@@ -9,8 +9,6 @@
 // so a server that answers with garbage is noticed and the result is rebuilt. A server that cannot
 // be reached, answers with an error or is too slow turns the remote tier off for the rest of the
 // run (once, with the reason): the conversions go on without it.
-//
-// Builds without an HTTP library (the Windows build) have a RemoteStore that is never available.
 
 #include "content_cache/cache_entry.hpp"
 
@@ -30,9 +28,6 @@ class RemoteStore
 {
 public:
   RemoteStore(std::string url, RemoteTimeouts timeouts);
-
-  // False in a build without the remote tier.
-  static bool supported();
 
   enum class Lookup
   {

@@ -111,11 +111,6 @@ bool resolveCacheOptions(CacheOptions& options)
                  toDisplayText(content_cache::RemoteStore::shownUrl(*options.url)).c_str(), urlFromEnvironment ? "VERTEXMILL_CACHE_URL" : "--cache-url");
     return false;
   }
-  if (options.url && !content_cache::RemoteStore::supported())
-  {
-    std::fputs("ERROR: --cache-url is not available in this build (no HTTP library)\n", stderr);
-    return false;
-  }
   // The remote tier names contents by their SHA-256: without the library that computes it there
   // is no remote tier, which is said before any work rather than found in the middle of it. (The
   // keys' hash is compiled in.)
