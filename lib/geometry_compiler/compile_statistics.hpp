@@ -4,6 +4,7 @@
 
 #include "mesh_data_optimizer/optimizer.hpp"
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ struct CompileStatistics
     uint32_t triangleCount = 0;
     uint32_t strideInBytes = 0;
     float texelDensity = 0.0f;
+    uint32_t boneCount = 0;              // distinct bone indices its vertices use; 0 for a rigid format
+    std::array<float, 3> size{0, 0, 0}; // extent of its finite positions along x, y and z
     bool optimized = false;
     MeshDataOptimizer::MeshStatistics before;
     MeshDataOptimizer::MeshStatistics after; // equal to before when not optimised

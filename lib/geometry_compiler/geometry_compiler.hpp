@@ -218,6 +218,7 @@ private:
     std::span<std::byte> indices;
     IndexFormat format = IndexFormat::LIST;
     float texelDensity = 0.0f;
+    std::string vertexFormat; // of the merged buffer the vertices are in
   };
 
   // What every compile starts with: empty state and the options it runs with.

@@ -7,8 +7,11 @@
 #include "mesh_data_optimizer/coder.hpp"
 #include "mesh_data_optimizer/optimizer.hpp"
 #include "moo/index_format.hpp"
+#include "moo/primitive_vertex_format.hpp"
 
 #include <algorithm>
+#include <bitset>
+#include <cmath>
 #include <numeric>
 #include <cstring>
 
@@ -114,10 +117,63 @@ std::vector<GeometryCompiler::MeshTask> GeometryCompiler::gatherMeshTasks(bool o
     if (!name.empty() && name.back() == '.')
       name.pop_back();
     tasks.push_back(MeshTask{std::move(name), vertexName, indexName, vertexBuffers.bytesOf(*vertexMapping), stride,
-                             indexBuffers.bytesOf(indexMapping), *format, vertexMapping->texelDensity});
+                             indexBuffers.bytesOf(indexMapping), *format, vertexMapping->texelDensity,
+                             vertexMapping->formatName});
   }
   return tasks;
 }
+
+namespace
+{
+// The extent of a set's positions (three floats at the start of every vertex) and the bone indices
+// its vertices use, from the layout of the buffer they are in.
+void measureShape(std::span<const std::byte> vertices, size_t stride, const std::string& formatName,
+                  CompileStatistics::RenderSet& set)
+{
+  if (stride < 3 * sizeof(float))
+    return;
+  const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByGPUFormatName(formatName);
+  if (format == nullptr)
+    format = Moo::PrimitiveVertexFormat::findByFormatName(formatName);
+  const Moo::VertexFormat* layout = format ? &format->m_gpuFormat : nullptr;
+  if (format && format->gpuFormatName != formatName)
+    layout = &format->m_format;
+  const Moo::VertexElement* bones = layout ? layout->findElement(VertexSemantic::BLENDINDICES, 0) : nullptr;
+  size_t boneBytes = 0;
+  if (bones)
+    boneBytes = bones->type_ == VertexDataType::UBYTE4   ? 4
+                : bones->type_ == VertexDataType::UBYTE3 ? 3
+                : bones->type_ == VertexDataType::UBYTE2 ? 2
+                                                               : 0;
+  if (bones && size_t{bones->offset_} + boneBytes > stride)
+    boneBytes = 0;
+
+  std::array<float, 3> low{}, high{};
+  bool any = false;
+  std::bitset<256> used;
+  const size_t count = vertices.size() / stride;
+  for (size_t v = 0; v < count; ++v)
+  {
+    const std::byte* vertex = vertices.data() + v * stride;
+    float position[3];
+    std::memcpy(position, vertex, sizeof(position));
+    if (std::isfinite(position[0]) && std::isfinite(position[1]) && std::isfinite(position[2]))
+    {
+      for (int axis = 0; axis < 3; ++axis)
+      {
+        low[axis] = any ? std::min(low[axis], position[axis]) : position[axis];
+        high[axis] = any ? std::max(high[axis], position[axis]) : position[axis];
+      }
+      any = true;
+    }
+    for (size_t b = 0; b < boneBytes; ++b)
+      used.set(static_cast<uint8_t>(vertex[bones->offset_ + b]));
+  }
+  for (int axis = 0; axis < 3; ++axis)
+    set.size[axis] = high[axis] - low[axis];
+  set.boneCount = static_cast<uint32_t>(used.count());
+}
+} // namespace
 
 std::vector<CompileStatistics::RenderSet> GeometryCompiler::describeRenderSets(
   const std::vector<MeshTask>& tasks, bool optimized, const std::vector<MeshDataOptimizer::MeshStatistics>* before)
@@ -133,6 +189,7 @@ std::vector<CompileStatistics::RenderSet> GeometryCompiler::describeRenderSets(
     set.triangleCount = static_cast<uint32_t>(task.indices.size() / (task.format == IndexFormat::LIST ? 2 : 4) / 3);
     set.strideInBytes = task.stride;
     set.texelDensity = task.texelDensity;
+    measureShape(task.vertices, task.stride, task.vertexFormat, set);
     set.optimized = optimized;
     if (before)
       set.before = (*before)[i];

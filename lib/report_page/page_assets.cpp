@@ -81,11 +81,15 @@ const char* const kPageScript = R"js(
 
   // Each column's cells by kind: numbers right-aligned; paths cut at their start, so that the file
   // name stays in view; the output path only in a model's detail, to leave the figures room.
-  function cellClass(c) {
+  function cellClass(c, value) {
     if (columns[c].numeric) return "num";
     if (c === data.sourceColumn) return "path";
+    if (c === data.cacheColumn && value) return "cache-" + value.replace(/[^a-z]+/g, "-");
     return "";
   }
+  // The cache column's colours are explained once, above the table, in a run that used a cache.
+  if (rows.some(function (r) { return r[data.cacheColumn]; }))
+    document.getElementById("cache-legend").hidden = false;
 
   function text(value, column) {
     if (value === null || value === undefined) return "";
@@ -148,7 +152,7 @@ const char* const kPageScript = R"js(
       for (var c = 0; c < columns.length; ++c) {
         if (c === data.outputColumn) continue;
         var value = escape(text(r[c], columns[c]));
-        var kind = cellClass(c);
+        var kind = cellClass(c, r[c]);
         // A path is shown whole on hover; the mark keeps its slashes in place when it is cut.
         cells.push(kind.indexOf("path") === 0 ? '<td class="' + kind + '" title="' + value + '">\u200E' + value + "\u200E</td>"
                                               : "<td" + (kind ? ' class="' + kind + '"' : "") + ">" + value + "</td>");
@@ -179,14 +183,23 @@ const char* const kPageScript = R"js(
       html.push('<figure class="shot"><img class="preview" alt="preview" width="256" height="256" src="' + image + '">' +
                 "<figcaption>after optimisation &middot; each render set in its colour below</figcaption></figure>");
     html.push('<table class="sets"><thead><tr><th></th><th>render set</th><th>vertex format</th><th class="num">stride</th>' +
-              '<th>skinned</th><th class="num" title="the upper median of the square root of UV area over surface area">texel density</th>' +
+              '<th>skinned</th><th class="num" title="extent of the positions along x, y and z">size</th>' +
+              '<th class="num" title="the upper median of the square root of UV area over surface area">texel density</th>' +
               '<th class="num">vertices</th><th class="num">triangles</th>' +
               '<th class="num">ACMR before</th><th class="num">ACMR after</th><th class="num">overdraw before</th><th class="num">overdraw after</th></tr></thead><tbody>');
     var fixed = function (v) { return v === null || v === undefined ? "" : v.toFixed(3); };
+    var skin = function (s) {
+      if (!s[9]) return "no";
+      return typeof s[11] === "number" ? "yes, " + s[11] + (s[11] === 1 ? " bone" : " bones") : "yes";
+    };
+    var extent = function (size) {
+      if (!Array.isArray(size) || size.length !== 3) return "";
+      return size.map(function (v) { return typeof v === "number" ? Number(v.toPrecision(3)) : "?"; }).join(" \u00d7 ");
+    };
     (sets[i] || []).forEach(function (s, k) {
       html.push('<tr><td><span class="swatch" style="background:' + data.palette[k % data.palette.length] + '"></span></td><td>' +
                 escape(String(s[0])) + "</td><td>" + escape(String(s[7] || "")) + '</td><td class="num">' + (s[8] === null ? "" : s[8]) +
-                "</td><td>" + (s[9] ? "yes" : "no") + '</td><td class="num">' + fixed(s[10]) + "</td>" +
+                "</td><td>" + skin(s) + '</td><td class="num">' + extent(s[12]) + '</td><td class="num">' + fixed(s[10]) + "</td>" +
                 '<td class="num">' + s[1] + '</td><td class="num">' + s[2] + '</td>' +
                 [3, 4, 5, 6].map(function (j) { return '<td class="num">' + fixed(s[j]) + "</td>"; }).join("") + "</tr>");
     });
@@ -325,7 +338,7 @@ const char* const kPageScript = R"js(
     report.detailImages = detail.querySelectorAll(".detail-body img").length;
     report.detailFacts = detail.querySelector(".muted") ? detail.querySelector(".muted").textContent : "";
     var firstSet = detail.querySelector("table.sets tbody tr");
-    report.setFacts = firstSet ? Array.prototype.slice.call(firstSet.cells, 2, 6).map(function (c) { return c.textContent; }) : [];
+    report.setFacts = firstSet ? Array.prototype.slice.call(firstSet.cells, 2, 7).map(function (c) { return c.textContent; }) : [];
     var shot = detail.querySelector(".detail-body img");
     report.detailImageSize = shot ? shot.width : 0;
     report.detailCaption = detail.querySelector(".shot figcaption") ? detail.querySelector(".shot figcaption").textContent : "";
@@ -409,6 +422,9 @@ svg rect[data-model] { cursor: pointer; }
 #models tr[data-model] { cursor: pointer; }
 #models tr[data-model]:hover { background: #f0f6ff; }
 #models tr.failed td { color: var(--bad); }
+.cache-hit { color: var(--good); font-weight: 600; }
+.cache-miss { color: var(--warn); }
+#cache-legend span { margin-right: 14px; }
 #models tr.spacer td, #models tr.spacer { padding: 0; border: 0; }
 td.thumb { width: 34px; padding: 2px 4px !important; }
 td.thumb img { display: block; border-radius: 3px; }

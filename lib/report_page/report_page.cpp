@@ -369,7 +369,8 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
                                        numberOrNull(before, "acmr"), numberOrNull(after, "acmr"),
                                        numberOrNull(before, "overdraw"), numberOrNull(after, "overdraw"), format,
                                        numberOrNull(set, "strideInBytes"), format.find("ii") != std::string::npos,
-                                       numberOrNull(set, "texelDensity")}));
+                                       numberOrNull(set, "texelDensity"), numberOrNull(set, "bones"),
+                                       set.is_object() && set.contains("size") ? set["size"] : json()}));
     }
     sets.push_back(std::move(modelSets));
     json attached = json::array();
@@ -498,6 +499,8 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
           "<label><input id=\"only-problems\" type=\"checkbox\"> failures, errors and warnings only</label>"
           "<span id=\"shown\" class=\"muted\"></span><span class=\"muted\">click a column to sort, a row for its "
           "preview and render sets</span></div>\n";
+  page += "<div id=\"cache-legend\" class=\"muted\" hidden>cache: <span class=\"cache-hit\">hit</span> the output and its "
+          "figures came from the cache <span class=\"cache-miss\">miss</span> converted, and the result stored</div>\n";
   page += "<div id=\"scroller\"><table id=\"models\"><thead><tr><th></th></tr></thead><tbody></tbody></table></div>\n";
   page += "<div id=\"detail\" hidden></div>\n<div id=\"thumb-tip\" hidden></div>\n";
   page += "<h2>Plots</h2>\n<div class=\"muted\">point at a dot or bar for its model, click it for its "

@@ -27,7 +27,8 @@ namespace
 {
 // Bumped whenever what goes into a key changes.
 // 2: BLAKE3 instead of SHA-256.
-constexpr std::string_view kKeyScheme = "vertexmill model cache key 2";
+// 3: the figures kept with a result name each render set's bones and size.
+constexpr std::string_view kKeyScheme = "vertexmill model cache key 3";
 
 // Placeholder for the source path in kept messages; a literal marker byte is doubled.
 constexpr char kMarker = '\x01';

@@ -79,6 +79,8 @@ ordered_json modelJson(const ModelReport& model)
                           {"triangles", r.triangleCount},
                           {"strideInBytes", r.strideInBytes},
                           {"texelDensity", r.texelDensity},
+                          {"bones", r.boneCount},
+                          {"size", {r.size[0], r.size[1], r.size[2]}},
                           {"optimized", r.optimized},
                           {"before", meshStatistics(r.before)},
                           {"after", meshStatistics(r.after)}});
@@ -304,10 +306,14 @@ bool modelReportFromJson(std::string_view text, ModelReport& model)
       stats.sections.push_back({s.at("name").get<std::string>(), s.at("kind").get<std::string>(),
                                 s.at("format").get<std::string>(), s.at("count").get<uint32_t>()});
     for (const auto& r : json.at("renderSets"))
+    {
+      const auto size = r.at("size");
       stats.renderSets.push_back({r.at("name").get<std::string>(), r.at("vertices").get<uint32_t>(),
                                   r.at("triangles").get<uint32_t>(), r.at("strideInBytes").get<uint32_t>(),
-                                  r.at("texelDensity").get<float>(), r.at("optimized").get<bool>(),
-                                  mesh(r.at("before")), mesh(r.at("after"))});
+                                  r.at("texelDensity").get<float>(), r.at("bones").get<uint32_t>(),
+                                  {size.at(0).get<float>(), size.at(1).get<float>(), size.at(2).get<float>()},
+                                  r.at("optimized").get<bool>(), mesh(r.at("before")), mesh(r.at("after"))});
+    }
     for (const auto& b : json.at("buffers"))
       stats.buffers.push_back({b.at("kind").get<std::string>(), b.at("format").get<std::string>(),
                                b.at("strideInBytes").get<uint32_t>(), b.at("items").get<uint64_t>(),

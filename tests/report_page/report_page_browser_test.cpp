@@ -122,11 +122,14 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
   // Previews big enough to judge, labelled; a thumbnail shows its preview at full size on hover.
   EXPECT_EQ(check["detailImageSize"], 256);
   // What a model holds: its status, output and companions; each render set's format, stride,
-  // skinning and texel density.
+  // skinning with its bones, size and texel density.
   EXPECT_NE(check["detailFacts"].get<std::string>().find("written to "), std::string::npos) << check.dump();
-  ASSERT_EQ(check["setFacts"].size(), 4u) << check.dump();
+  ASSERT_EQ(check["setFacts"].size(), 5u) << check.dump();
   EXPECT_FALSE(check["setFacts"][0].get<std::string>().empty()) << check.dump();
-  EXPECT_TRUE(check["setFacts"][2] == "yes" || check["setFacts"][2] == "no") << check.dump();
+  const std::string skinning = check["setFacts"][2];
+  EXPECT_TRUE(skinning == "no" || std::regex_match(skinning, std::regex("yes, [0-9]+ bones?"))) << check.dump();
+  EXPECT_TRUE(std::regex_match(check["setFacts"][3].get<std::string>(), std::regex("[0-9.e+-]+( \u00d7 [0-9.e+-]+){2}")))
+    << check.dump();
   EXPECT_EQ(check["detailCaption"].get<std::string>().rfind("after optimisation", 0), 0u) << check.dump();
   EXPECT_EQ(check["thumbTipSize"], 256);
   // A model's levels of detail are shown beside it, each with its own preview.

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 namespace vertexmill_test
 {
 
@@ -75,6 +77,10 @@ TEST_F(VertexmillTool, ReportDescribesEveryModelInWalkOrder)
     if (setWithOneJob.is_null())
       setWithOneJob = set;
     EXPECT_EQ(set, setWithOneJob);
+    // A rigid format has no bones; the size is the extent of the set's positions.
+    EXPECT_EQ(set["bones"], 0);
+    ASSERT_EQ(set["size"].size(), 3u);
+    EXPECT_GT(set["size"][0].get<double>() + set["size"][1].get<double>() + set["size"][2].get<double>(), 0.0);
     EXPECT_EQ(ship["companions"][0]["name"], "a_ship.collision");
     EXPECT_EQ(ship["companions"][0]["bytes"], 100);
     EXPECT_EQ(ship["verifier"].size(), 2u);
@@ -84,6 +90,27 @@ TEST_F(VertexmillTool, ReportDescribesEveryModelInWalkOrder)
     EXPECT_EQ(report["totals"]["converted"], 2);
     EXPECT_EQ(report["totals"]["failed"], 1);
   }
+}
+
+TEST_F(VertexmillTool, ReportNamesEachRenderSetsBonesAndSize)
+{
+  // The jumper example: a body in three skinned meshes, which share none of their 54 bones.
+  fs::create_directories(path("out"));
+  const RunResult result = run({"--report", str("out/report.json"), VERTEXMILL_EXAMPLES_DIR "/creatures/jumper.primitives",
+                                str("out")});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const auto sets = nlohmann::json::parse(readFile(path("out/report.json")))["models"][0]["renderSets"];
+  ASSERT_EQ(sets.size(), 3u);
+  unsigned bones = 0;
+  double top = 0.0;
+  for (const auto& set : sets)
+  {
+    EXPECT_GT(set["bones"].get<unsigned>(), 1u) << set.dump();
+    bones += set["bones"].get<unsigned>();
+    top = std::max(top, set["size"][1].get<double>());
+  }
+  EXPECT_EQ(bones, 54u);
+  EXPECT_NEAR(top, 1.064, 0.001); // the legs' set is the tallest
 }
 
 TEST_F(VertexmillTool, ReportInDefaultModeAndUnwritableReport)

@@ -582,7 +582,8 @@ TEST(ReportJson, ModelEntryRoundTrips)
   model.status = "converted";
   model.seconds = 0.25;
   model.statistics.sections.push_back({"hull.vertices", "vertices", "xyznuv", 3});
-  model.statistics.renderSets.push_back({"hull", 3, 1, 24, 0.1f, true, {1.0f, 1.0f, 1.0f, 1.0f}, {0.7f, 1.0f, 1.05f, 1.0f}});
+  model.statistics.renderSets.push_back(
+    {"hull", 3, 1, 24, 0.1f, 12, {1.5f, 2.0f, 0.25f}, true, {1.0f, 1.0f, 1.0f, 1.0f}, {0.7f, 1.0f, 1.05f, 1.0f}});
   model.statistics.buffers.push_back({"indices", "list", 2, 3, 6, 6, false});
   model.statistics.companions.push_back({"a.collision", "collision", 64});
   model.statistics.verifier.push_back({"hull.vertices", 0, 1, 0, 0, 0});
