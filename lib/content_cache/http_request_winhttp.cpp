@@ -30,6 +30,7 @@ struct WinHttp
   decltype(&WinHttpOpenRequest) openRequest = nullptr;
   decltype(&WinHttpSetTimeouts) setTimeouts = nullptr;
   decltype(&WinHttpSetCredentials) setCredentials = nullptr;
+  decltype(&WinHttpSetOption) setOption = nullptr;
   decltype(&WinHttpSendRequest) sendRequest = nullptr;
   decltype(&WinHttpReceiveResponse) receiveResponse = nullptr;
   decltype(&WinHttpQueryHeaders) queryHeaders = nullptr;
@@ -50,6 +51,7 @@ const WinHttp* loadWinHttp(std::string& problem)
       resolve(api.openRequest, "WinHttpOpenRequest");
       resolve(api.setTimeouts, "WinHttpSetTimeouts");
       resolve(api.setCredentials, "WinHttpSetCredentials");
+      resolve(api.setOption, "WinHttpSetOption");
       resolve(api.sendRequest, "WinHttpSendRequest");
       resolve(api.receiveResponse, "WinHttpReceiveResponse");
       resolve(api.queryHeaders, "WinHttpQueryHeaders");
@@ -156,6 +158,10 @@ long httpRequest(const std::string& url, long connectSeconds, long requestSecond
   };
   api->setTimeouts(request.get(), milliseconds(connectSeconds), milliseconds(connectSeconds),
                    milliseconds(requestSeconds), milliseconds(requestSeconds));
+  // The timeouts above bound each step; a server that sends its headers a byte at a time is
+  // bounded by this one (the body by the deadline below).
+  DWORD headersTimeout = static_cast<DWORD>(milliseconds(requestSeconds));
+  api->setOption(request.get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &headersTimeout, sizeof(headersTimeout));
   if (parts.dwUserNameLength != 0)
   {
     const std::wstring user(parts.lpszUserName, parts.dwUserNameLength);
