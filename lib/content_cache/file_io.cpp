@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace content_cache
@@ -51,17 +52,15 @@ bool closeAfterReading(std::FILE* file, std::string& problem)
     problem = errnoText(EIO);
   return !failed;
 }
-} // namespace
 
-namespace
-{
+// Each thread's storage of the last entry it read, for the next one.
 thread_local std::string t_spare;
 } // namespace
 
 std::string takeSpareBuffer()
 {
-  std::string buffer = std::move(t_spare);
-  t_spare = std::string();
+  // A moved-from string is left valid but unspecified: it is emptied before it is used again.
+  std::string buffer = std::exchange(t_spare, std::string());
   buffer.clear();
   return buffer;
 }

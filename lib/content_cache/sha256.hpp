@@ -32,8 +32,6 @@ public:
 
   void update(std::span<const std::byte> bytes);
   void update(std::string_view text);
-  // A field of a key: its length first, so that no two sequences of fields hash the same bytes.
-  void updateField(std::string_view text);
   [[nodiscard]] Digest finish();
 
 private:

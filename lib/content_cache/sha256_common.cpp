@@ -10,16 +10,6 @@ void Sha256::update(std::string_view text)
   update(std::as_bytes(std::span<const char>(text.data(), text.size())));
 }
 
-void Sha256::updateField(std::string_view text)
-{
-  const uint64_t size = text.size();
-  std::array<std::byte, 8> length{};
-  for (size_t i = 0; i < length.size(); ++i)
-    length[i] = static_cast<std::byte>((size >> (8 * i)) & 0xFF);
-  update(length);
-  update(text);
-}
-
 Digest sha256(std::span<const std::byte> bytes)
 {
   Sha256 hash;

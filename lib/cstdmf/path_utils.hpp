@@ -33,6 +33,15 @@ inline bool isSpecialFile(const std::filesystem::path& path)
 
 inline constexpr std::string_view kSpecialFileReason = "it is not a regular file (a pipe, socket or device)";
 
+// The file a path ends up in, whether or not it exists yet: links and "." and ".." resolved as far
+// as the path exists, for telling whether two paths name one file.
+inline std::filesystem::path resolvedPath(const std::filesystem::path& path)
+{
+  std::error_code error;
+  std::filesystem::path result = std::filesystem::weakly_canonical(path, error);
+  return error ? std::filesystem::absolute(path, error).lexically_normal() : result;
+}
+
 inline std::string toGenericUtf8(const std::filesystem::path& path)
 {
   const std::u8string text = path.generic_u8string();

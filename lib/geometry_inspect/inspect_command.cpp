@@ -452,13 +452,7 @@ bool samePath(const std::string& a, const std::string& b)
 {
   if (a.empty() || b.empty())
     return false;
-  const auto place = [](const std::string& text) {
-    std::error_code error;
-    const fs::path path = cstdmf::u8path(text);
-    fs::path result = fs::weakly_canonical(path, error);
-    return error ? fs::absolute(path, error).lexically_normal() : result;
-  };
-  return place(a) == place(b);
+  return cstdmf::resolvedPath(cstdmf::u8path(a)) == cstdmf::resolvedPath(cstdmf::u8path(b));
 }
 
 // The HTML page of `report` (read from, or written to, reportPath) into pagePath.

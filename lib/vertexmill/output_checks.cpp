@@ -29,14 +29,6 @@ bool refuseOutput(const RequestedOutput& output, std::string_view reason)
   return false;
 }
 
-// The file a written path ends up in, for comparing paths that need not exist yet.
-fs::path comparable(const fs::path& path)
-{
-  std::error_code error;
-  fs::path result = fs::weakly_canonical(path, error);
-  return error ? fs::absolute(path, error).lexically_normal() : result;
-}
-
 } // namespace
 
 std::vector<RequestedOutput> requestedOutputs(const ToolOptions& options)
@@ -84,16 +76,16 @@ bool checkRequestedOutputs(const std::vector<RequestedOutput>& requested,
         }
       }
     }
-    const fs::path place = comparable(target);
+    const fs::path place = cstdmf::resolvedPath(target);
     if (place.extension() == cstdmf::u8path(kGeometryExtension))
     {
       for (size_t i = 0; i < sources.size(); ++i)
       {
         const fs::path model = outputOf(i);
-        if (comparable(model) == place)
+        if (cstdmf::resolvedPath(model) == place)
           return refuseOutput(output, "it is the output of " + cstdmf::toUtf8(sources[i]));
         for (unsigned level = 1; level <= levels; ++level)
-          if (comparable(levelPath(model, level)) == place)
+          if (cstdmf::resolvedPath(levelPath(model, level)) == place)
             return refuseOutput(output, "it is a level of detail of " + cstdmf::toUtf8(sources[i]));
       }
     }

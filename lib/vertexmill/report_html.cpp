@@ -28,13 +28,7 @@ constexpr uint32_t kPreviewSize = report_page::kPreviewSize;
 std::optional<nlohmann::json> readComparedReport(const ToolOptions& options, int& status)
 {
   const std::string& path = options.comparePath;
-  namespace fs = std::filesystem;
-  const auto place = [](const std::string& text) {
-    std::error_code error;
-    const fs::path file = cstdmf::u8path(text);
-    fs::path result = fs::weakly_canonical(file, error);
-    return error ? fs::absolute(file, error).lexically_normal() : result;
-  };
+  const auto place = [](const std::string& text) { return cstdmf::resolvedPath(cstdmf::u8path(text)); };
   for (const RequestedOutput& output : requestedOutputs(options))
     if (output.path != "-" && place(output.path) == place(path))
     {

@@ -52,8 +52,8 @@ TEST(SHA256, KnownDigestsAndHex)
   EXPECT_FALSE(fromHex("ba78", parsed));
   EXPECT_FALSE(fromHex(std::string(63, '0') + "g", parsed));
 
-  // Fields are framed: moving a byte from one field to the next changes the hash.
-  Sha256 a, b;
+  // Fields of a key are framed: moving a byte from one field to the next changes the hash.
+  KeyHash a, b;
   a.updateField("ab");
   a.updateField("c");
   b.updateField("a");
