@@ -11,6 +11,7 @@
 #include "report_page/report_page.hpp"
 
 #include <chrono>
+#include <cstdlib>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -38,6 +39,7 @@ preview::Mesh blob(int seed)
       mesh.positions.insert(mesh.positions.end(), {float(n[0] * radius * (1 + seed % 3 * 0.3)), float(n[1] * radius),
                                                    float(n[2] * radius)});
       mesh.normals.insert(mesh.normals.end(), {float(n[0]), float(n[1]), float(n[2])});
+      mesh.uvs.insert(mesh.uvs.end(), {float(s) / kSegments, float(r) / kRings});
     }
   for (uint32_t r = 0; r < kRings; ++r)
     for (uint32_t s = 0; s < kSegments; ++s)
@@ -58,17 +60,21 @@ int main(int argc, char** argv)
   const uint32_t previewSize = argc > 3 ? uint32_t(std::atoi(argv[3])) : report_page::kPreviewSize; // 0: no previews
   fs::create_directories(dir);
 
-  std::vector<std::vector<uint8_t>> previews;
+  // Each model's previews in the page's three render modes.
+  std::vector<report_page::ModelPreviews> previews;
   for (int seed = 0; previewSize != 0 && seed < 16; ++seed)
   {
     const preview::Mesh mesh = blob(seed);
     preview::Bounds bounds;
     bounds.add(std::span(&mesh, 1));
-    std::vector<uint8_t> png;
-    std::string error;
-    if (!preview::encodePng(preview::render(std::span(&mesh, 1), bounds, preview::Mode::RenderSets, previewSize, preview::Quality::Compact), png, error))
-      return 1;
-    previews.push_back(std::move(png));
+    const auto png = [&](preview::Mode mode) {
+      std::vector<uint8_t> bytes;
+      std::string error;
+      if (!preview::encodePng(preview::render(std::span(&mesh, 1), bounds, mode, previewSize, preview::Quality::Compact), bytes, error))
+        std::exit(1);
+      return bytes;
+    };
+    previews.push_back({png(preview::Mode::RenderSets), png(preview::Mode::Wireframe), png(preview::Mode::UvDensity)});
   }
 
   nlohmann::json list = nlohmann::json::array();
@@ -107,8 +113,11 @@ int main(int argc, char** argv)
 
   size_t previewIndex = 0;
   const auto started = std::chrono::steady_clock::now();
-  const std::string page = report_page::buildPage(report, [&](const nlohmann::json&) {
-    return previews.empty() ? std::vector<uint8_t>() : previews[previewIndex++ % previews.size()];
+  const std::string page = report_page::buildPage(report, [&](const nlohmann::json&, bool allModes) {
+    if (previews.empty())
+      return report_page::ModelPreviews();
+    const report_page::ModelPreviews& shown = previews[previewIndex++ % previews.size()];
+    return allModes ? shown : report_page::ModelPreviews{shown.renderSets, {}, {}};
   });
   const double buildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   const fs::path pagePath = dir / "page.html";

@@ -463,16 +463,17 @@ int writeReportPage(const nlohmann::json& report, const std::string& reportPath,
   // Outputs are named as vertexmill was given them: relative to where it ran, which is usually
   // here, or else beside the report.
   const fs::path reportFolder = cstdmf::u8path(reportPath).parent_path();
-  const report_page::PreviewSource previews = [&](const nlohmann::json& model) -> std::vector<uint8_t> {
+  const report_page::PreviewSource previews = [&](const nlohmann::json& model,
+                                                   bool allModes) -> report_page::ModelPreviews {
     if (!model.contains("output") || !model["output"].is_string() || model.value("status", "") == "failed")
       return {};
     const std::string output = model["output"].get<std::string>();
     std::error_code code;
     if (fs::is_regular_file(cstdmf::u8path(output), code))
-      return previewPngOfFile(output, kPagePreviewSize);
+      return previewPngsOfFile(output, kPagePreviewSize, allModes);
     const fs::path beside = reportFolder / cstdmf::u8path(output);
     if (!reportFolder.empty() && fs::is_regular_file(beside, code))
-      return previewPngOfFile(cstdmf::toUtf8(beside), kPagePreviewSize);
+      return previewPngsOfFile(cstdmf::toUtf8(beside), kPagePreviewSize, allModes);
     return {};
   };
   const nlohmann::json changes =

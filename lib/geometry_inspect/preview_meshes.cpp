@@ -151,17 +151,30 @@ preview::Image renderPreview(const GeometryInspection& inspection, const Preview
   return preview::sideBySide(panels);
 }
 
-std::vector<uint8_t> previewPngOfFile(const std::string& path, uint32_t size)
+report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t size, bool allModes)
 {
+  report_page::ModelPreviews previews;
   GeometryInspection inspection;
   if (!inspection.load(path))
-    return {};
-  const preview::Image image = renderPreview(inspection, {.mode = preview::Mode::RenderSets, .size = size, .quality = preview::Quality::Compact});
-  std::vector<uint8_t> png;
-  std::string error;
-  if (!preview::encodePng(image, png, error))
-    return {};
-  return png;
+    return previews;
+  // The meshes are read once for every mode.
+  const std::vector<preview::Mesh> meshes = geometryMeshes(inspection);
+  preview::Bounds bounds;
+  bounds.add(meshes);
+  const auto png = [&](preview::Mode mode) {
+    std::vector<uint8_t> bytes;
+    std::string error;
+    if (!preview::encodePng(preview::render(meshes, bounds, mode, size, preview::Quality::Compact), bytes, error))
+      bytes.clear();
+    return bytes;
+  };
+  previews.renderSets = png(preview::Mode::RenderSets);
+  if (allModes)
+  {
+    previews.wireframe = png(preview::Mode::Wireframe);
+    previews.uvDensity = png(preview::Mode::UvDensity);
+  }
+  return previews;
 }
 
 } // namespace geometry_inspect

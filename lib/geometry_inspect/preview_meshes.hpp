@@ -2,6 +2,7 @@
 // The render sets of a .geometry file, and of the .primitives file it was compiled from, as meshes
 // for the preview renderer; and the preview of a file as PNG bytes.
 
+#include "report_page/report_page.hpp"
 #include "geometry_inspect/geometry_inspection.hpp"
 #include "geometry_inspect/primitives_listing.hpp"
 #include "preview/preview_render.hpp"
@@ -36,8 +37,9 @@ struct PreviewRequest
 // panels share the file's bounds, so they line up.
 [[nodiscard]] preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request);
 
-// The render-set preview of the .geometry file at `path` as PNG bytes, for report pages; empty
-// when the file cannot be read or loaded (a report page shows no preview then, and says nothing).
-[[nodiscard]] std::vector<uint8_t> previewPngOfFile(const std::string& path, uint32_t size);
+// The previews of the .geometry file at `path` as PNG bytes, for report pages: the render sets, and
+// with `allModes` the wireframe and the texel density too. Empty when the file cannot be read or
+// loaded (a report page shows no preview then, and says nothing).
+[[nodiscard]] report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t size, bool allModes);
 
 } // namespace geometry_inspect

@@ -31,6 +31,12 @@ const char* const kPageScript = R"js(
     return text ? "data:image/png;base64," + text : "";
   }
   function preview(i) { return line("previews", i); }
+  var renderModes = [
+    {name: "render sets", element: "previews", key: "each render set in its colour below"},
+    {name: "wireframe", element: "wireframe-previews", key: "the visible triangles' edges"},
+    {name: "UV density", element: "uv-previews",
+     key: "texel density against the median: blue half or less, green the median, red double or more"}];
+  function modeCaption(mode) { return "after optimisation &middot; " + mode.name + " &middot; " + mode.key; }
   function levelPreview(k) { return line("level-previews", k); }
   // The model's chain of levels of detail, main model first, previews side by side.
   function levelsHtml(i, main) {
@@ -179,9 +185,14 @@ const char* const kPageScript = R"js(
     html.push('<div class="muted">' + escape(facts.join(" \u00b7 ")) + "</div>");
     var image = preview(i);
     html.push('<div class="detail-body">');
-    if (image)
+    if (image) {
+      // The render sets, and on a click the wireframe or the texel density of the same view.
       html.push('<figure class="shot"><img class="preview" alt="preview" width="256" height="256" src="' + image + '">' +
-                "<figcaption>after optimisation &middot; each render set in its colour below</figcaption></figure>");
+                '<figcaption>' + modeCaption(renderModes[0]) + "</figcaption>" +
+                '<div class="modes">' + renderModes.map(function (m, k) {
+                  return '<button type="button" data-mode="' + k + '"' + (k === 0 ? ' class="on"' : "") + ">" + m.name + "</button>";
+                }).join("") + "</div></figure>");
+    }
     html.push('<table class="sets"><thead><tr><th></th><th>render set</th><th>vertex format</th><th class="num">stride</th>' +
               '<th>skinned</th><th class="num" title="extent of the positions along x, y and z">size</th>' +
               '<th class="num" title="the upper median of the square root of UV area over surface area">texel density</th>' +
@@ -213,6 +224,24 @@ const char* const kPageScript = R"js(
     }
     detail.innerHTML = html.join("");
     detail.hidden = false;
+    Array.prototype.forEach.call(detail.querySelectorAll(".shot .modes button"), function (button) {
+      button.addEventListener("click", function () { showMode(i, Number(button.dataset.mode)); });
+    });
+  }
+
+  // The detail's preview in another render mode; a mode the page has no picture of says so.
+  function showMode(i, k) {
+    var figure = detail.querySelector(".shot");
+    if (!figure) return;
+    var mode = renderModes[k];
+    var image = line(mode.element, i);
+    var picture = figure.querySelector("img");
+    picture.src = image || "";
+    picture.hidden = !image;
+    figure.querySelector("figcaption").innerHTML = image ? modeCaption(mode) : "no " + mode.name + " preview in this page";
+    Array.prototype.forEach.call(figure.querySelectorAll(".modes button"), function (button) {
+      button.classList.toggle("on", Number(button.dataset.mode) === k);
+    });
   }
 
   body.addEventListener("click", function (e) {
@@ -342,6 +371,14 @@ const char* const kPageScript = R"js(
     var shot = detail.querySelector(".detail-body img");
     report.detailImageSize = shot ? shot.width : 0;
     report.detailCaption = detail.querySelector(".shot figcaption") ? detail.querySelector(".shot figcaption").textContent : "";
+    // Each render mode's button shows that mode's picture, labelled.
+    report.modeCaptions = [];
+    report.modePictures = [];
+    Array.prototype.forEach.call(detail.querySelectorAll(".shot .modes button"), function (button) {
+      button.click();
+      report.modeCaptions.push(detail.querySelector(".shot figcaption").textContent);
+      report.modePictures.push(detail.querySelector(".shot img").getAttribute("src"));
+    });
     var thumb = body.querySelector("td.thumb img");
     if (thumb) {
       thumb.dispatchEvent(new MouseEvent("mouseover", { bubbles: true }));
@@ -435,7 +472,9 @@ td.thumb img { display: block; border-radius: 3px; }
 .chain { display: flex; flex-wrap: wrap; gap: 12px; }
 .chain figure { margin: 0; width: 256px; }
 figure.shot { margin: 0; }
-figure.shot figcaption { font-size: 12px; color: var(--muted); }
+figure.shot figcaption { font-size: 12px; color: var(--muted); max-width: 256px; }
+figure.shot .modes button { font: inherit; font-size: 12px; margin: 4px 4px 0 0; padding: 1px 8px; border: 1px solid var(--line); border-radius: 4px; background: #fff; cursor: pointer; }
+figure.shot .modes button.on { background: var(--ink); color: #fff; border-color: var(--ink); }
 #thumb-tip { position: absolute; z-index: 10; background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 6px; box-shadow: 0 4px 16px rgba(0,0,0,.15); pointer-events: none; font-size: 12px; color: var(--muted); }
 .chain figcaption { font-size: 12px; }
 table.sets { border-collapse: collapse; font-size: 12.5px; }

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <numeric>
 #include <cmath>
 #include <string_view>
 
@@ -320,15 +321,51 @@ std::string pngDataUri(const std::vector<uint8_t>& png)
   return "data:image/png;base64," + base64(png);
 }
 
+namespace
+{
+
+// The models whose wireframe and texel-density pictures the page carries (each model has its
+// render-set picture): every model of a page of up to kModePreviewModels, else the models with
+// errors or warnings first, then the most triangles. Those pictures hold every edge and colour
+// step, several times the bytes of the render sets: for all of a 10,000-model page they would
+// make it ten times the size.
+std::vector<bool> modelsWithAllModes(const json& models)
+{
+  std::vector<bool> chosen(models.size(), models.size() <= kModePreviewModels);
+  if (models.size() <= kModePreviewModels)
+    return chosen;
+  std::vector<size_t> order(models.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  const auto troubled = [&](size_t i) {
+    return !array(models[i], "errors").empty() || !array(models[i], "warnings").empty();
+  };
+  const auto triangles = [&](size_t i) {
+    const json& model = models[i];
+    return number(model.is_object() && model.contains("totals") ? model["totals"] : json(), "triangles");
+  };
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+    if (troubled(a) != troubled(b))
+      return troubled(a);
+    return triangles(a) > triangles(b);
+  });
+  for (size_t k = 0; k < kModePreviewModels; ++k)
+    chosen[order[k]] = true;
+  return chosen;
+}
+
+} // namespace
+
 std::string buildPage(const json& report, const PreviewSource& previews, const json* changes,
                       const std::string& olderName)
 {
   const json& models = array(report, "models");
+  const std::vector<bool> allModes = modelsWithAllModes(models);
+  size_t modelIndex = 0;
   json rows = json::array();
   json sets = json::array();
   json messages = json::array();
   json companions = json::array();
-  std::string previewLines;
+  std::string previewLines, wireframeLines, uvDensityLines;
   size_t mostRenderSets = 0;
   json levels = json::array(), levelNotes = json::array();
   std::string levelPreviewLines;
@@ -400,8 +437,15 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
 
     // One line per model, in order; the page splits them only when a preview is first shown.
     previewLines += '\n';
+    wireframeLines += '\n';
+    uvDensityLines += '\n';
     if (previews)
-      previewLines += base64(previews(model));
+    {
+      const ModelPreviews shown = previews(model, allModes[modelIndex]);
+      previewLines += base64(shown.renderSets);
+      wireframeLines += base64(shown.wireframe);
+      uvDensityLines += base64(shown.uvDensity);
+    }
 
     // The model's levels of detail (--lods), each with its preview on a line of its own.
     json modelLevels = json::array();
@@ -413,10 +457,11 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
                                          levelPreviewCount++}));
       levelPreviewLines += '\n';
       if (previews)
-        levelPreviewLines += base64(previews(level));
+        levelPreviewLines += base64(previews(level, false).renderSets);
     }
     levels.push_back(std::move(modelLevels));
     levelNotes.push_back(string(model, "levelsNote"));
+    ++modelIndex;
   }
 
   json columns = json::array();
@@ -456,7 +501,8 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
   const double raw = number(totals, "rawBytes");
   const double stored = number(totals, "storedBytes");
   std::string page;
-  page.reserve(previewLines.size() + 4096 + rows.size() * 200);
+  page.reserve(previewLines.size() + wireframeLines.size() + uvDensityLines.size() + levelPreviewLines.size() + 4096 +
+               rows.size() * 200);
   page += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
   // Nothing may be fetched: everything the page shows is inside it.
   page += "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; img-src data:; "
@@ -516,6 +562,8 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
   page += "<script>" + std::string(kPageScript) + "</script>\n";
   page += "<script type=\"text/plain\" id=\"previews\">" + previewLines + "\n</script>\n";
   page += "<script type=\"text/plain\" id=\"level-previews\">" + levelPreviewLines + "\n</script>\n";
+  page += "<script type=\"text/plain\" id=\"wireframe-previews\">" + wireframeLines + "\n</script>\n";
+  page += "<script type=\"text/plain\" id=\"uv-previews\">" + uvDensityLines + "\n</script>\n";
   page += "</body>\n</html>\n";
   return page;
 }

@@ -18,9 +18,22 @@ namespace report_page
 // The previews' size in pixels, square: big enough to judge a model by. Both tools render the
 // page's previews at it, so that they make the same page from the same report.
 constexpr uint32_t kPreviewSize = 256;
+// A page of more models carries the wireframe and texel-density pictures of this many of them:
+// those with errors or warnings first, then those with the most triangles.
+constexpr size_t kModePreviewModels = 300;
 
-// PNG bytes of a model's preview, given the model's entry of the report; empty for none.
-using PreviewSource = std::function<std::vector<uint8_t>(const nlohmann::json& model)>;
+// A model's previews as PNG bytes, each empty for none: its render sets, its wireframe and its texel
+// density against its median (the page switches between them).
+struct ModelPreviews
+{
+  std::vector<uint8_t> renderSets;
+  std::vector<uint8_t> wireframe;
+  std::vector<uint8_t> uvDensity;
+};
+
+// The previews of a model, given its entry of the report; with `allModes` false (a level of
+// detail) only the render sets are wanted.
+using PreviewSource = std::function<ModelPreviews(const nlohmann::json& model, bool allModes)>;
 
 // The page for `report`. Models without a preview show none. Fields missing from the report (an
 // older or partial one) are shown as blanks rather than refused, so any JSON object gives a page.

@@ -58,10 +58,11 @@ bool writeReportPage(const Report& report, const std::string& path, const nlohma
                      const std::string& olderPath)
 {
   const nlohmann::json document = nlohmann::json::parse(report.toJson(), nullptr, false);
-  const report_page::PreviewSource previews = [](const nlohmann::json& model) -> std::vector<uint8_t> {
+  const report_page::PreviewSource previews = [](const nlohmann::json& model,
+                                                  bool allModes) -> report_page::ModelPreviews {
     if (model.value("status", "") == "failed" || !model.contains("output") || !model["output"].is_string())
       return {};
-    return geometry_inspect::previewPngOfFile(model["output"].get<std::string>(), kPreviewSize);
+    return geometry_inspect::previewPngsOfFile(model["output"].get<std::string>(), kPreviewSize, allModes);
   };
   const nlohmann::json changes = older ? run_report::compareReports(document, *older) : nlohmann::json();
   const std::string page = report_page::buildPage(document, previews, older ? &changes : nullptr, olderPath);

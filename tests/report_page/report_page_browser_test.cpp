@@ -132,6 +132,18 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
     << check.dump();
   EXPECT_EQ(check["detailCaption"].get<std::string>().rfind("after optimisation", 0), 0u) << check.dump();
   EXPECT_EQ(check["thumbTipSize"], 256);
+  // The detail switches between the render sets, the wireframe and the texel density: three
+  // different pictures, each labelled with its mode.
+  ASSERT_EQ(check["modeCaptions"].size(), 3u) << check.dump();
+  const char* modes[] = {"render sets", "wireframe", "UV density"};
+  std::set<std::string> pictures;
+  for (size_t k = 0; k < 3; ++k)
+  {
+    EXPECT_NE(check["modeCaptions"][k].get<std::string>().find(modes[k]), std::string::npos) << check.dump();
+    EXPECT_EQ(check["modePictures"][k].get<std::string>().rfind("data:image/png;base64,", 0), 0u);
+    pictures.insert(check["modePictures"][k].get<std::string>());
+  }
+  EXPECT_EQ(pictures.size(), 3u);
   // A model's levels of detail are shown beside it, each with its own preview.
   EXPECT_EQ(check["chainLevels"], 2);
   EXPECT_EQ(check["chainImages"], 3);

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <set>
+#include <string>
 
 namespace
 {
@@ -45,15 +47,16 @@ TEST(ReportPage, FailuresComeFirstAndReportTextCannotEscape)
   report["totals"] = {{"models", 2}, {"converted", 1}, {"failed", 1}};
 
   size_t previewCalls = 0;
-  const std::string page = report_page::buildPage(report, [&](const json& m) {
+  const std::string page = report_page::buildPage(report, [&](const json& m, bool) {
     ++previewCalls;
-    return m["status"] == "failed" ? std::vector<uint8_t>() : std::vector<uint8_t>{1, 2, 3, 4};
+    return m["status"] == "failed" ? report_page::ModelPreviews()
+                                   : report_page::ModelPreviews{{1, 2, 3, 4}, {5, 6}, {7, 8}};
   });
   EXPECT_EQ(previewCalls, 2u);
 
-  // The page's own three script elements and nothing else, whatever the names say.
-  EXPECT_EQ(count(page, "<script"), 4u);
-  EXPECT_EQ(count(page, "</script>"), 4u);
+  // The page's own script elements and nothing else, whatever the names say.
+  EXPECT_EQ(count(page, "<script"), 6u);
+  EXPECT_EQ(count(page, "</script>"), 6u);
   EXPECT_NE(page.find("ERROR: &lt;b&gt;broken&lt;/b&gt; &amp; gone"), std::string::npos);
   // Failures are listed before the table of models.
   const size_t failures = page.find("<h2>Failures (1)</h2>");
@@ -66,6 +69,22 @@ TEST(ReportPage, FailuresComeFirstAndReportTextCannotEscape)
   EXPECT_EQ(withoutNamespace.find("http:"), std::string::npos);
   EXPECT_EQ(withoutNamespace.find("https:"), std::string::npos);
   EXPECT_EQ(withoutNamespace.find("//cdn"), std::string::npos);
+}
+
+TEST(ReportPage, ABigPageCarriesEveryModeOfTheTroubledAndTheLargestModels)
+{
+  // One more model than the page carries every mode of: the smallest untroubled one goes without.
+  json report = {{"models", json::array()}};
+  for (size_t i = 0; i <= report_page::kModePreviewModels; ++i)
+    report["models"].push_back(model("m" + std::to_string(i) + ".primitives", "converted", 100.0 + double(i)));
+  report["models"][0]["warnings"] = json::array({"WARNING: the smallest, but it has a warning"});
+  std::set<std::string> withoutModes;
+  (void)report_page::buildPage(report, [&](const json& m, bool allModes) {
+    if (!allModes)
+      withoutModes.insert(m["source"].get<std::string>());
+    return report_page::ModelPreviews();
+  });
+  EXPECT_EQ(withoutModes, std::set<std::string>{"m1.primitives"});
 }
 
 TEST(ReportPage, AnyDocumentGivesAPage)
