@@ -41,5 +41,9 @@ shot() { # PAGE WIDTH HEIGHT IMAGE
 shot report.html 1280 900 report-page-1280.png
 shot report.html 1920 1000 report-page-1920.png
 shot compare.html 1280 760 report-compare.png
+# One model's detail, linked by its source path, with its texel density shown.
+shot "report.html#model=$(python3 -c 'import sys, urllib.parse; print(urllib.parse.quote(sys.argv[1]))' \
+  "$(sed -n 's/.*"source": "\([^"]*jumper.primitives\)".*/\1/p' "$work/report.json" | head -n1)")&mode=uv" \
+  1280 1500 report-detail-uv.png
 rm -f docs/images/report-page.png
 ls -l docs/images/

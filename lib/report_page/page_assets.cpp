@@ -193,7 +193,7 @@ const char* const kPageScript = R"js(
                   return '<button type="button" data-mode="' + k + '"' + (k === 0 ? ' class="on"' : "") + ">" + m.name + "</button>";
                 }).join("") + "</div></figure>");
     }
-    html.push('<table class="sets"><thead><tr><th></th><th>render set</th><th>vertex format</th><th class="num">stride</th>' +
+    html.push('<div class="sets-box"><table class="sets"><thead><tr><th></th><th>render set</th><th>vertex format</th><th class="num">stride</th>' +
               '<th>skinned</th><th class="num" title="extent of the positions along x, y and z">size</th>' +
               '<th class="num" title="the upper median of the square root of UV area over surface area">texel density</th>' +
               '<th class="num">vertices</th><th class="num">triangles</th>' +
@@ -205,16 +205,16 @@ const char* const kPageScript = R"js(
     };
     var extent = function (size) {
       if (!Array.isArray(size) || size.length !== 3) return "";
-      return size.map(function (v) { return typeof v === "number" ? Number(v.toPrecision(3)) : "?"; }).join(" \u00d7 ");
+      return size.map(function (v) { return typeof v === "number" ? Number(v.toPrecision(2)) : "?"; }).join(" \u00d7 ");
     };
     (sets[i] || []).forEach(function (s, k) {
       html.push('<tr><td><span class="swatch" style="background:' + data.palette[k % data.palette.length] + '"></span></td><td>' +
                 escape(String(s[0])) + "</td><td>" + escape(String(s[7] || "")) + '</td><td class="num">' + (s[8] === null ? "" : s[8]) +
-                "</td><td>" + skin(s) + '</td><td class="num">' + extent(s[12]) + '</td><td class="num">' + fixed(s[10]) + "</td>" +
+                '</td><td class="nowrap">' + skin(s) + '</td><td class="num nowrap">' + extent(s[12]) + '</td><td class="num">' + fixed(s[10]) + "</td>" +
                 '<td class="num">' + s[1] + '</td><td class="num">' + s[2] + '</td>' +
                 [3, 4, 5, 6].map(function (j) { return '<td class="num">' + fixed(s[j]) + "</td>"; }).join("") + "</tr>");
     });
-    html.push("</tbody></table></div>");
+    html.push("</tbody></table></div></div>");
     html.push(levelsHtml(i, image));
     var messages = data.messages[i] || [];
     if (messages.length) {
@@ -331,6 +331,21 @@ const char* const kPageScript = R"js(
   whenRead(function () {
     document.getElementById("load-time").textContent += ", previews in " + performance.now().toFixed(0) + " ms";
     draw();
+  });
+
+  // A link to one model, by its source path (URL-encoded), opens its detail:
+  // page.html#model=art/ship.primitives, optionally with &mode=wireframe or &mode=uv.
+  var linked = /^#model=([^&]*)(?:&mode=(sets|wireframe|uv))?$/.exec(location.hash);
+  if (linked) whenRead(function () {
+    var source = decodeURIComponent(linked[1]);
+    for (var i = 0; i < rows.length; ++i) {
+      if (String(rows[i][data.sourceColumn]) !== source) continue;
+      showDetail(i);
+      if (linked[2]) showMode(i, {sets: 0, wireframe: 1, uv: 2}[linked[2]]);
+      // Once the rest of the page (the plots) is laid out below it.
+      setTimeout(function () { detail.scrollIntoView(); }, 50);
+      break;
+    }
   });
 
   if (location.hash === "#selftest") whenRead(function () {
@@ -472,13 +487,15 @@ td.thumb img { display: block; border-radius: 3px; }
 .chain { display: flex; flex-wrap: wrap; gap: 12px; }
 .chain figure { margin: 0; width: 256px; }
 figure.shot { margin: 0; }
+table.sets td.nowrap { white-space: nowrap; }
 figure.shot figcaption { font-size: 12px; color: var(--muted); max-width: 256px; }
 figure.shot .modes button { font: inherit; font-size: 12px; margin: 4px 4px 0 0; padding: 1px 8px; border: 1px solid var(--line); border-radius: 4px; background: #fff; cursor: pointer; }
 figure.shot .modes button.on { background: var(--ink); color: #fff; border-color: var(--ink); }
 #thumb-tip { position: absolute; z-index: 10; background: #fff; border: 1px solid var(--line); border-radius: 6px; padding: 6px; box-shadow: 0 4px 16px rgba(0,0,0,.15); pointer-events: none; font-size: 12px; color: var(--muted); }
 .chain figcaption { font-size: 12px; }
-table.sets { border-collapse: collapse; font-size: 12.5px; }
-table.sets th, table.sets td { padding: 3px 8px; border-bottom: 1px solid #eef1f5; text-align: left; }
+table.sets { border-collapse: collapse; font-size: 12px; }
+table.sets th, table.sets td { padding: 3px 5px; border-bottom: 1px solid #eef1f5; text-align: left; }
+.sets-box { min-width: 0; overflow-x: auto; }
 .swatch { display: inline-block; width: 12px; height: 12px; border-radius: 2px; }
 )css";
 

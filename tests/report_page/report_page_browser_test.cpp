@@ -166,6 +166,12 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
     EXPECT_TRUE(browserOwnHost(requested)) << requested;
   }
 
+  // A link to a model (by its source path) opens its detail in the mode it names.
+  const std::string jumper = (m_dir / "src" / "creatures" / "jumper.primitives").generic_string();
+  const std::string linked = browse(url + "#model=" + jumper + "&mode=wireframe", {"--dump-dom"}, log);
+  EXPECT_NE(linked.find("<h3>" + jumper), std::string::npos) << log;
+  EXPECT_NE(linked.find("after optimisation \u00b7 wireframe"), std::string::npos) << log;
+
   // Screenshots at the narrowest and widest screens the page is made for, with the summary, the
   // table and previews in them: many colours, not a blank page.
   for (const unsigned width : {1280u, 1920u})
