@@ -74,7 +74,15 @@ int main(int argc, char** argv)
         std::exit(1);
       return bytes;
     };
-    previews.push_back({png(preview::Mode::RenderSets), png(preview::Mode::Wireframe), png(preview::Mode::UvDensity)});
+    const preview::Image cache = preview::render(std::span(&mesh, 1), bounds, preview::Mode::VertexCache, previewSize,
+                                                 preview::Quality::Compact);
+    const preview::Image panels[2] = {cache, cache};
+    std::vector<uint8_t> cachePng;
+    std::string error;
+    if (!preview::encodePng(preview::sideBySide(panels), cachePng, error))
+      return 1;
+    previews.push_back({png(preview::Mode::RenderSets), png(preview::Mode::Wireframe), png(preview::Mode::UvDensity),
+                        std::move(cachePng)});
   }
 
   nlohmann::json list = nlohmann::json::array();
@@ -117,7 +125,7 @@ int main(int argc, char** argv)
     if (previews.empty())
       return report_page::ModelPreviews();
     const report_page::ModelPreviews& shown = previews[previewIndex++ % previews.size()];
-    return allModes ? shown : report_page::ModelPreviews{shown.renderSets, {}, {}};
+    return allModes ? shown : report_page::ModelPreviews{shown.renderSets, {}, {}, {}};
   });
   const double buildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   const fs::path pagePath = dir / "page.html";

@@ -467,14 +467,21 @@ int writeReportPage(const nlohmann::json& report, const std::string& reportPath,
                                                    bool allModes) -> report_page::ModelPreviews {
     if (!model.contains("output") || !model["output"].is_string() || model.value("status", "") == "failed")
       return {};
-    const std::string output = model["output"].get<std::string>();
-    std::error_code code;
-    if (fs::is_regular_file(cstdmf::u8path(output), code))
-      return previewPngsOfFile(output, kPagePreviewSize, allModes);
-    const fs::path beside = reportFolder / cstdmf::u8path(output);
-    if (!reportFolder.empty() && fs::is_regular_file(beside, code))
-      return previewPngsOfFile(cstdmf::toUtf8(beside), kPagePreviewSize, allModes);
-    return {};
+    // Where a path of the report is: as given, or else beside the report.
+    const auto found = [&](const std::string& named) -> std::string {
+      std::error_code code;
+      if (fs::is_regular_file(cstdmf::u8path(named), code))
+        return named;
+      const fs::path beside = reportFolder / cstdmf::u8path(named);
+      return !reportFolder.empty() && fs::is_regular_file(beside, code) ? cstdmf::toUtf8(beside) : std::string();
+    };
+    const std::string output = found(model["output"].get<std::string>());
+    if (output.empty())
+      return {};
+    const std::string source = model.contains("source") && model["source"].is_string()
+                                 ? found(model["source"].get<std::string>())
+                                 : std::string();
+    return previewPngsOfFile(output, kPagePreviewSize, allModes, source);
   };
   const nlohmann::json changes =
     older ? run_report::compareReports(report, nlohmann::json(*older)) : nlohmann::json();

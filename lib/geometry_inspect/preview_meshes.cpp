@@ -1,5 +1,6 @@
 #include "geometry_inspect/preview_meshes.hpp"
 
+#include "geometry_inspect/inspect_issues.hpp"
 #include "preview/png_image.hpp"
 #include "moo/index_format.hpp"
 #include "moo/vertex_section.hpp"
@@ -151,7 +152,8 @@ preview::Image renderPreview(const GeometryInspection& inspection, const Preview
   return preview::sideBySide(panels);
 }
 
-report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t size, bool allModes)
+report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t size, bool allModes,
+                                             const std::string& sourcePath)
 {
   report_page::ModelPreviews previews;
   GeometryInspection inspection;
@@ -161,18 +163,27 @@ report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t s
   const std::vector<preview::Mesh> meshes = geometryMeshes(inspection);
   preview::Bounds bounds;
   bounds.add(meshes);
-  const auto png = [&](preview::Mode mode) {
+  const auto encoded = [](const preview::Image& image) {
     std::vector<uint8_t> bytes;
     std::string error;
-    if (!preview::encodePng(preview::render(meshes, bounds, mode, size, preview::Quality::Compact), bytes, error))
+    if (!preview::encodePng(image, bytes, error))
       bytes.clear();
     return bytes;
+  };
+  const auto png = [&](preview::Mode mode) {
+    return encoded(preview::render(meshes, bounds, mode, size, preview::Quality::Compact));
   };
   previews.renderSets = png(preview::Mode::RenderSets);
   if (allModes)
   {
     previews.wireframe = png(preview::Mode::Wireframe);
     previews.uvDensity = png(preview::Mode::UvDensity);
+    BinaryPtr block;
+    std::string error;
+    PrimitivesListing source;
+    if (!sourcePath.empty() && readWholeFile(sourcePath, block, error) && source.load(block, sourcePath))
+      previews.vertexCache = encoded(renderPreview(
+        inspection, {.mode = preview::Mode::VertexCache, .size = size, .quality = preview::Quality::Compact, .source = &source}));
   }
   return previews;
 }

@@ -38,8 +38,11 @@ struct PreviewRequest
 [[nodiscard]] preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request);
 
 // The previews of the .geometry file at `path` as PNG bytes, for report pages: the render sets, and
-// with `allModes` the wireframe and the texel density too. Empty when the file cannot be read or
-// loaded (a report page shows no preview then, and says nothing).
-[[nodiscard]] report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t size, bool allModes);
+// with `allModes` the wireframe, the texel density and, when `sourcePath` names the .primitives
+// file it was made from, the vertex cache before and after. Empty when the file cannot be read or
+// loaded (a report page shows no preview then, and says nothing); a source that cannot be read
+// only leaves the vertex cache out.
+[[nodiscard]] report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t size, bool allModes,
+                                                           const std::string& sourcePath = {});
 
 } // namespace geometry_inspect

@@ -32,11 +32,13 @@ const char* const kPageScript = R"js(
   }
   function preview(i) { return line("previews", i); }
   var renderModes = [
-    {name: "render sets", element: "previews", key: "each render set in its colour below"},
-    {name: "wireframe", element: "wireframe-previews", key: "the visible triangles' edges"},
-    {name: "UV density", element: "uv-previews",
-     key: "texel density against the median: blue half or less, green the median, red double or more"}];
-  function modeCaption(mode) { return "after optimisation &middot; " + mode.name + " &middot; " + mode.key; }
+    {name: "render sets", element: "previews", when: "after optimisation", key: "each render set in its colour below"},
+    {name: "wireframe", element: "wireframe-previews", when: "after optimisation", key: "the visible triangles' edges"},
+    {name: "UV density", element: "uv-previews", when: "after optimisation",
+     key: "texel density against the median: blue half or less, green the median, red double or more"},
+    {name: "vertex cache", element: "cache-previews", when: "before (left) and after (right) optimisation", wide: true,
+     key: "each triangle by the vertices it adds to a 16-entry cache: green 0, yellow 1, orange 2, red 3"}];
+  function modeCaption(mode) { return mode.when + " &middot; " + mode.name + " &middot; " + mode.key; }
   function levelPreview(k) { return line("level-previews", k); }
   // The model's chain of levels of detail, main model first, previews side by side.
   function levelsHtml(i, main) {
@@ -238,6 +240,8 @@ const char* const kPageScript = R"js(
     var picture = figure.querySelector("img");
     picture.src = image || "";
     picture.hidden = !image;
+    picture.width = mode.wide ? 512 : 256;
+    figure.querySelector("figcaption").style.maxWidth = picture.width + "px";
     figure.querySelector("figcaption").innerHTML = image ? modeCaption(mode) : "no " + mode.name + " preview in this page";
     Array.prototype.forEach.call(figure.querySelectorAll(".modes button"), function (button) {
       button.classList.toggle("on", Number(button.dataset.mode) === k);

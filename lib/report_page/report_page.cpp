@@ -324,11 +324,11 @@ std::string pngDataUri(const std::vector<uint8_t>& png)
 namespace
 {
 
-// The models whose wireframe and texel-density pictures the page carries (each model has its
-// render-set picture): every model of a page of up to kModePreviewModels, else the models with
-// errors or warnings first, then the most triangles. Those pictures hold every edge and colour
-// step, several times the bytes of the render sets: for all of a 10,000-model page they would
-// make it ten times the size.
+// The models whose pictures in the other modes (wireframe, texel density, vertex cache) the page
+// carries (each model has its render-set picture): every model of a page of up to
+// kModePreviewModels, else the models with errors or warnings first, then the most triangles.
+// Those pictures hold every edge and colour step, several times the bytes of the render sets: for
+// all of a 10,000-model page they would make it ten times the size.
 std::vector<bool> modelsWithAllModes(const json& models)
 {
   std::vector<bool> chosen(models.size(), models.size() <= kModePreviewModels);
@@ -365,7 +365,7 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
   json sets = json::array();
   json messages = json::array();
   json companions = json::array();
-  std::string previewLines, wireframeLines, uvDensityLines;
+  std::string previewLines, wireframeLines, uvDensityLines, vertexCacheLines;
   size_t mostRenderSets = 0;
   json levels = json::array(), levelNotes = json::array();
   std::string levelPreviewLines;
@@ -439,12 +439,14 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
     previewLines += '\n';
     wireframeLines += '\n';
     uvDensityLines += '\n';
+    vertexCacheLines += '\n';
     if (previews)
     {
       const ModelPreviews shown = previews(model, allModes[modelIndex]);
       previewLines += base64(shown.renderSets);
       wireframeLines += base64(shown.wireframe);
       uvDensityLines += base64(shown.uvDensity);
+      vertexCacheLines += base64(shown.vertexCache);
     }
 
     // The model's levels of detail (--lods), each with its preview on a line of its own.
@@ -501,7 +503,8 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
   const double raw = number(totals, "rawBytes");
   const double stored = number(totals, "storedBytes");
   std::string page;
-  page.reserve(previewLines.size() + wireframeLines.size() + uvDensityLines.size() + levelPreviewLines.size() + 4096 +
+  page.reserve(previewLines.size() + wireframeLines.size() + uvDensityLines.size() + vertexCacheLines.size() +
+               levelPreviewLines.size() + 4096 +
                rows.size() * 200);
   page += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
   // Nothing may be fetched: everything the page shows is inside it.
@@ -564,6 +567,7 @@ std::string buildPage(const json& report, const PreviewSource& previews, const j
   page += "<script type=\"text/plain\" id=\"level-previews\">" + levelPreviewLines + "\n</script>\n";
   page += "<script type=\"text/plain\" id=\"wireframe-previews\">" + wireframeLines + "\n</script>\n";
   page += "<script type=\"text/plain\" id=\"uv-previews\">" + uvDensityLines + "\n</script>\n";
+  page += "<script type=\"text/plain\" id=\"cache-previews\">" + vertexCacheLines + "\n</script>\n";
   page += "</body>\n</html>\n";
   return page;
 }

@@ -18,17 +18,19 @@ namespace report_page
 // The previews' size in pixels, square: big enough to judge a model by. Both tools render the
 // page's previews at it, so that they make the same page from the same report.
 constexpr uint32_t kPreviewSize = 256;
-// A page of more models carries the wireframe and texel-density pictures of this many of them:
+// A page of more models carries the pictures of the other modes for this many of them:
 // those with errors or warnings first, then those with the most triangles.
 constexpr size_t kModePreviewModels = 300;
 
-// A model's previews as PNG bytes, each empty for none: its render sets, its wireframe and its texel
-// density against its median (the page switches between them).
+// A model's previews as PNG bytes, each empty for none: its render sets, its wireframe, its texel
+// density against its median, and its vertex cache before and after optimisation side by side
+// (twice as wide). The page switches between them.
 struct ModelPreviews
 {
   std::vector<uint8_t> renderSets;
   std::vector<uint8_t> wireframe;
   std::vector<uint8_t> uvDensity;
+  std::vector<uint8_t> vertexCache;
 };
 
 // The previews of a model, given its entry of the report; with `allModes` false (a level of

@@ -62,7 +62,9 @@ bool writeReportPage(const Report& report, const std::string& path, const nlohma
                                                   bool allModes) -> report_page::ModelPreviews {
     if (model.value("status", "") == "failed" || !model.contains("output") || !model["output"].is_string())
       return {};
-    return geometry_inspect::previewPngsOfFile(model["output"].get<std::string>(), kPreviewSize, allModes);
+    const std::string source = model.contains("source") && model["source"].is_string() ? model["source"].get<std::string>()
+                                                                                         : std::string();
+    return geometry_inspect::previewPngsOfFile(model["output"].get<std::string>(), kPreviewSize, allModes, source);
   };
   const nlohmann::json changes = older ? run_report::compareReports(document, *older) : nlohmann::json();
   const std::string page = report_page::buildPage(document, previews, older ? &changes : nullptr, olderPath);

@@ -132,18 +132,19 @@ TEST_F(ReportPageBrowser, LoadsSortsFiltersAndShows)
     << check.dump();
   EXPECT_EQ(check["detailCaption"].get<std::string>().rfind("after optimisation", 0), 0u) << check.dump();
   EXPECT_EQ(check["thumbTipSize"], 256);
-  // The detail switches between the render sets, the wireframe and the texel density: three
-  // different pictures, each labelled with its mode.
-  ASSERT_EQ(check["modeCaptions"].size(), 3u) << check.dump();
-  const char* modes[] = {"render sets", "wireframe", "UV density"};
+  // The detail switches between the render sets, the wireframe, the texel density and the vertex
+  // cache before and after: four different pictures, each labelled with its mode and its moment.
+  ASSERT_EQ(check["modeCaptions"].size(), 4u) << check.dump();
+  const char* modes[] = {"render sets", "wireframe", "UV density", "vertex cache"};
   std::set<std::string> pictures;
-  for (size_t k = 0; k < 3; ++k)
+  for (size_t k = 0; k < 4; ++k)
   {
     EXPECT_NE(check["modeCaptions"][k].get<std::string>().find(modes[k]), std::string::npos) << check.dump();
     EXPECT_EQ(check["modePictures"][k].get<std::string>().rfind("data:image/png;base64,", 0), 0u);
     pictures.insert(check["modePictures"][k].get<std::string>());
   }
-  EXPECT_EQ(pictures.size(), 3u);
+  EXPECT_EQ(pictures.size(), 4u);
+  EXPECT_EQ(check["modeCaptions"][3].get<std::string>().rfind("before (left) and after (right)", 0), 0u);
   // A model's levels of detail are shown beside it, each with its own preview.
   EXPECT_EQ(check["chainLevels"], 2);
   EXPECT_EQ(check["chainImages"], 3);

@@ -50,13 +50,13 @@ TEST(ReportPage, FailuresComeFirstAndReportTextCannotEscape)
   const std::string page = report_page::buildPage(report, [&](const json& m, bool) {
     ++previewCalls;
     return m["status"] == "failed" ? report_page::ModelPreviews()
-                                   : report_page::ModelPreviews{{1, 2, 3, 4}, {5, 6}, {7, 8}};
+                                   : report_page::ModelPreviews{{1, 2, 3, 4}, {5, 6}, {7, 8}, {9}};
   });
   EXPECT_EQ(previewCalls, 2u);
 
   // The page's own script elements and nothing else, whatever the names say.
-  EXPECT_EQ(count(page, "<script"), 6u);
-  EXPECT_EQ(count(page, "</script>"), 6u);
+  EXPECT_EQ(count(page, "<script"), 7u);
+  EXPECT_EQ(count(page, "</script>"), 7u);
   EXPECT_NE(page.find("ERROR: &lt;b&gt;broken&lt;/b&gt; &amp; gone"), std::string::npos);
   // Failures are listed before the table of models.
   const size_t failures = page.find("<h2>Failures (1)</h2>");
