@@ -132,12 +132,12 @@ void measureShape(std::span<const std::byte> vertices, size_t stride, const std:
 {
   if (stride < 3 * sizeof(float))
     return;
-  const Moo::PrimitiveVertexFormat* format = Moo::PrimitiveVertexFormat::findByGPUFormatName(formatName);
-  if (format == nullptr)
-    format = Moo::PrimitiveVertexFormat::findByFormatName(formatName);
-  const Moo::VertexFormat* layout = format ? &format->m_gpuFormat : nullptr;
-  if (format && format->gpuFormatName != formatName)
-    layout = &format->m_format;
+  // A merged buffer holds a packed format, or the source format when nothing was converted.
+  const Moo::VertexFormat* layout = nullptr;
+  if (const auto* packed = Moo::PrimitiveVertexFormat::findByGPUFormatName(formatName))
+    layout = &packed->m_gpuFormat;
+  else if (const auto* source = Moo::PrimitiveVertexFormat::findByFormatName(formatName))
+    layout = &source->m_format;
   const Moo::VertexElement* bones = layout ? layout->findElement(VertexSemantic::BLENDINDICES, 0) : nullptr;
   size_t boneBytes = 0;
   if (bones)

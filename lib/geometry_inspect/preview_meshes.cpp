@@ -139,17 +139,27 @@ std::vector<preview::Mesh> sourceMeshes(const GeometryInspection& inspection, co
   return meshes;
 }
 
-preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request)
+namespace
 {
-  const std::vector<preview::Mesh> after = geometryMeshes(inspection);
-  preview::Bounds bounds;
-  bounds.add(after);
+// renderPreview with the file's meshes already read.
+preview::Image renderRead(const GeometryInspection& inspection, const std::vector<preview::Mesh>& after,
+                          const preview::Bounds& bounds, const PreviewRequest& request)
+{
   preview::Image image = preview::render(after, bounds, request.mode, request.size, request.quality);
   if (request.source == nullptr)
     return image;
   const std::vector<preview::Mesh> before = sourceMeshes(inspection, *request.source);
   const preview::Image panels[2] = {preview::render(before, bounds, request.mode, request.size, request.quality), std::move(image)};
   return preview::sideBySide(panels);
+}
+} // namespace
+
+preview::Image renderPreview(const GeometryInspection& inspection, const PreviewRequest& request)
+{
+  const std::vector<preview::Mesh> after = geometryMeshes(inspection);
+  preview::Bounds bounds;
+  bounds.add(after);
+  return renderRead(inspection, after, bounds, request);
 }
 
 report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t size, bool allModes,
@@ -182,8 +192,9 @@ report_page::ModelPreviews previewPngsOfFile(const std::string& path, uint32_t s
     std::string error;
     PrimitivesListing source;
     if (!sourcePath.empty() && readWholeFile(sourcePath, block, error) && source.load(block, sourcePath))
-      previews.vertexCache = encoded(renderPreview(
-        inspection, {.mode = preview::Mode::VertexCache, .size = size, .quality = preview::Quality::Compact, .source = &source}));
+      previews.vertexCache = encoded(renderRead(
+        inspection, meshes, bounds,
+        {.mode = preview::Mode::VertexCache, .size = size, .quality = preview::Quality::Compact, .source = &source}));
   }
   return previews;
 }
