@@ -1,8 +1,11 @@
 #include "content_cache/cache_entry.hpp"
 
 #include "content_cache/checksum.hpp"
+#include "content_cache/file_io.hpp"
 #include "cstdmf/span_reader.hpp"
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -80,48 +83,102 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry)
 
 namespace
 {
+enum class HeadParse
+{
+  Done,
+  NeedMore, // `head` ends before the messages and figures do
+  Malformed,
+};
+
+// Reads the messages and figures at the start of a body of `bodySize` bytes, of which `head` is
+// the first part, and the output's size after them; `headSize` is where the output starts.
+HeadParse parseHead(std::string_view head, uint64_t bodySize, CacheEntry& entry, size_t& headSize,
+                    uint64_t& outputSize, std::string& problem)
+{
+  const bool whole = head.size() == bodySize;
+  entry.messages.clear();
+  cstdmf::SpanReader body(asBytes(head));
+  const uint32_t messageCount = body.read<uint32_t>();
+  // Each message takes at least 12 bytes: a count beyond that is a lie, refused before reserving.
+  if (body.ok() && messageCount > (bodySize - 4) / 12)
+  {
+    problem = "malformed message list";
+    return HeadParse::Malformed;
+  }
+  if (body.ok())
+    entry.messages.resize(messageCount);
+  for (CachedMessage& message : entry.messages)
+  {
+    message.priority = body.read<int32_t>();
+    if (!readString(body, message.category) || !readString(body, message.text))
+      break;
+  }
+  if (!body.ok())
+  {
+    problem = "malformed message list";
+    return whole ? HeadParse::Malformed : HeadParse::NeedMore;
+  }
+  if (!readString(body, entry.figures))
+  {
+    problem = "malformed figures";
+    return whole ? HeadParse::Malformed : HeadParse::NeedMore;
+  }
+  outputSize = body.read<uint64_t>();
+  if (!body.ok())
+  {
+    problem = "malformed output size";
+    return whole ? HeadParse::Malformed : HeadParse::NeedMore;
+  }
+  headSize = body.position();
+  return HeadParse::Done;
+}
+
+// Checks the fixed header of an entry of `size` bytes stored under `key`; the body's size is
+// what lies between it and the checksum.
+bool checkHeader(std::string_view header, uint64_t size, const Digest& key, std::string& problem)
+{
+  if (size < kHeaderSize + kChecksumSize || header.size() < kHeaderSize)
+  {
+    problem = "truncated";
+    return false;
+  }
+  cstdmf::SpanReader reader(asBytes(header));
+  const std::span<const std::byte> magic = reader.readBytes(sizeof(kMagic));
+  if (std::memcmp(magic.data(), kMagic, sizeof(kMagic)) != 0)
+  {
+    problem = "not a cache entry";
+    return false;
+  }
+  if (reader.read<uint32_t>() != kVersion)
+  {
+    problem = "unknown layout version";
+    return false;
+  }
+  const std::span<const std::byte> storedKey = reader.readBytes(key.size());
+  if (std::memcmp(storedKey.data(), key.data(), key.size()) != 0)
+  {
+    problem = "stored under another key";
+    return false;
+  }
+  const uint64_t bodySize = reader.read<uint64_t>();
+  const uint64_t room = size - kHeaderSize - kChecksumSize;
+  if (bodySize != room)
+  {
+    problem = bodySize > room ? "truncated" : "trailing bytes";
+    return false;
+  }
+  return true;
+}
+
 // Checks the whole entry and reads its messages; the output is left where it is, at
 // [outputOffset, outputOffset + outputSize) of `bytes`.
 bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem,
                  size_t& outputOffset, size_t& outputSize)
 {
   entry = CacheEntry{};
-  if (bytes.size() < kHeaderSize + kChecksumSize)
-  {
-    problem = "truncated";
+  if (!checkHeader(bytes, bytes.size(), key, problem))
     return false;
-  }
-  cstdmf::SpanReader header(asBytes(bytes));
-  const std::span<const std::byte> magic = header.readBytes(sizeof(kMagic));
-  if (std::memcmp(magic.data(), kMagic, sizeof(kMagic)) != 0)
-  {
-    problem = "not a cache entry";
-    return false;
-  }
-  const uint32_t version = header.read<uint32_t>();
-  if (version != kVersion)
-  {
-    problem = "unknown layout version";
-    return false;
-  }
-  constexpr size_t trailer = kChecksumSize;
-  const std::span<const std::byte> storedKey = header.readBytes(key.size());
-  if (std::memcmp(storedKey.data(), key.data(), key.size()) != 0)
-  {
-    problem = "stored under another key";
-    return false;
-  }
-  const uint64_t bodySize = header.read<uint64_t>();
-  if (bodySize > bytes.size() - kHeaderSize - trailer)
-  {
-    problem = "truncated";
-    return false;
-  }
-  if (bodySize != bytes.size() - kHeaderSize - trailer)
-  {
-    problem = "trailing bytes";
-    return false;
-  }
+  const uint64_t bodySize = bytes.size() - kHeaderSize - kChecksumSize;
   const size_t checked = kHeaderSize + static_cast<size_t>(bodySize);
   if (checksumBytes(bytes.substr(0, checked)) != bytes.substr(checked))
   {
@@ -130,37 +187,18 @@ bool decodeParts(std::string_view bytes, const Digest& key, CacheEntry& entry, s
   }
 
   // The checksum matched, so a malformed body was written malformed: still refused.
-  cstdmf::SpanReader body(asBytes(bytes.substr(kHeaderSize, static_cast<size_t>(bodySize))));
-  const uint32_t messageCount = body.read<uint32_t>();
-  // Each message takes at least 12 bytes: a count beyond that is a lie, refused before reserving.
-  if (!body.ok() || messageCount > body.remaining() / 12)
-  {
-    problem = "malformed message list";
+  const std::string_view body = bytes.substr(kHeaderSize, static_cast<size_t>(bodySize));
+  size_t headSize = 0;
+  uint64_t storedOutputSize = 0;
+  if (parseHead(body, bodySize, entry, headSize, storedOutputSize, problem) != HeadParse::Done)
     return false;
-  }
-  entry.messages.resize(messageCount);
-  for (CachedMessage& message : entry.messages)
-  {
-    message.priority = body.read<int32_t>();
-    if (!readString(body, message.category) || !readString(body, message.text))
-    {
-      problem = "malformed message list";
-      return false;
-    }
-  }
-  if (!readString(body, entry.figures))
-  {
-    problem = "malformed figures";
-    return false;
-  }
-  const uint64_t storedOutputSize = body.read<uint64_t>();
-  if (!body.ok() || storedOutputSize != body.remaining())
+  if (storedOutputSize != body.size() - headSize)
   {
     problem = "malformed output size";
     return false;
   }
   outputSize = static_cast<size_t>(storedOutputSize);
-  outputOffset = kHeaderSize + body.position();
+  outputOffset = kHeaderSize + headSize;
   return true;
 }
 } // namespace
@@ -184,6 +222,109 @@ bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std:
   bytes.resize(outputOffset + outputSize);
   bytes.erase(0, outputOffset);
   entry.output = std::move(bytes);
+  return true;
+}
+
+struct EntryReader::State
+{
+  ChecksumStream checksum;
+};
+
+EntryReader::EntryReader(const Digest& key, uint64_t size, Source source)
+  : m_state(std::make_unique<State>()), m_key(key), m_size(size), m_source(std::move(source))
+{
+}
+
+EntryReader::~EntryReader() = default;
+
+size_t EntryReader::read(std::span<std::byte> bytes)
+{
+  const size_t count = m_source(bytes);
+  const uint64_t checkedEnd = m_size >= kChecksumSize ? m_size - kChecksumSize : 0;
+  if (m_position < checkedEnd)
+    m_state->checksum.update(bytes.first(static_cast<size_t>(std::min<uint64_t>(count, checkedEnd - m_position))));
+  m_position += count;
+  return count;
+}
+
+bool EntryReader::readHead(std::string& problem)
+{
+  std::array<std::byte, kHeaderSize> header{};
+  const size_t headerRead = m_size >= kHeaderSize + kChecksumSize ? read(header) : 0;
+  const std::string_view headerText(reinterpret_cast<const char*>(header.data()), headerRead);
+  if (!checkHeader(headerText, m_size, m_key, problem))
+    return false;
+  const uint64_t bodySize = m_size - kHeaderSize - kChecksumSize;
+
+  // The head is the start of the body, read in small pieces until it is whole (it almost always
+  // lies within the first); the output bytes read with it are handed on first by copyOutput.
+  constexpr size_t kHeadPiece = size_t(1) << 16;
+  size_t headSize = 0;
+  for (;;)
+  {
+    const size_t have = m_pendingHead.size();
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(kHeadPiece, bodySize - have));
+    m_pendingHead.resize(have + wanted);
+    const size_t count = read(std::as_writable_bytes(std::span(m_pendingHead)).subspan(have, wanted));
+    m_pendingHead.resize(have + count);
+    const HeadParse parsed = parseHead(m_pendingHead, bodySize, m_head, headSize, m_outputSize, problem);
+    if (parsed == HeadParse::Done)
+      break;
+    if (parsed == HeadParse::Malformed || count < wanted)
+    {
+      if (parsed != HeadParse::Malformed)
+        problem = "truncated";
+      return false;
+    }
+  }
+  if (m_outputSize != bodySize - headSize)
+  {
+    problem = "malformed output size";
+    return false;
+  }
+  m_pendingOffset = headSize;
+  return true;
+}
+
+bool EntryReader::copyOutput(const Sink& sink, std::string& problem)
+{
+  problem.clear();
+  const std::span<const std::byte> pending = std::as_bytes(std::span(m_pendingHead)).subspan(m_pendingOffset);
+  if (!pending.empty() && !sink(pending))
+    return false;
+  m_pendingHead.clear();
+  m_pendingOffset = 0;
+  const uint64_t checkedEnd = m_size - kChecksumSize;
+  const std::span<std::byte> buffer = pieceBuffer();
+  while (m_position < checkedEnd)
+  {
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(buffer.size(), checkedEnd - m_position));
+    const size_t count = read(buffer.first(wanted));
+    if (count != 0 && !sink(buffer.first(count)))
+      return false;
+    if (count < wanted)
+    {
+      problem = "truncated";
+      return false;
+    }
+  }
+  Checksum stored{};
+  std::array<std::byte, 1> beyond{};
+  if (read(std::as_writable_bytes(std::span(stored))) != stored.size())
+  {
+    problem = "truncated";
+    return false;
+  }
+  if (read(beyond) != 0)
+  {
+    problem = "trailing bytes";
+    return false;
+  }
+  if (m_state->checksum.finish() != stored)
+  {
+    problem = "checksum mismatch";
+    return false;
+  }
   return true;
 }
 

@@ -17,7 +17,11 @@
 
 #include "content_cache/sha256.hpp"
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,5 +57,50 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry);
 [[nodiscard]] bool decodeEntry(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem);
 // The same, reusing the bytes' storage for the output (no copy of a large output).
 [[nodiscard]] bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std::string& problem);
+
+// Reads an entry a piece at a time, so that its output never has to be held whole: from a source
+// that fills the span it is given and returns the count (fewer only at the end of the bytes).
+//   EntryReader reader(key, size, source);
+//   reader.readHead(problem)       -> head(): the messages and figures (output empty)
+//   reader.copyOutput(sink, problem) -> the output in pieces, then the checksum checked
+// Until copyOutput has returned true nothing read is known to be sound: a caller acts on the head
+// only in ways it would undo, and drops what the sink received when the copy fails.
+class EntryReader
+{
+public:
+  using Source = std::function<size_t(std::span<std::byte>)>;
+  using Sink = std::function<bool(std::span<const std::byte>)>;
+
+  EntryReader(const Digest& key, uint64_t size, Source source);
+  ~EntryReader();
+  EntryReader(const EntryReader&) = delete;
+  EntryReader& operator=(const EntryReader&) = delete;
+
+  // False, with what is wrong in `problem`, when the entry is not sound as far as it was read.
+  [[nodiscard]] bool readHead(std::string& problem);
+  const CacheEntry& head() const { return m_head; }
+  uint64_t outputSize() const { return m_outputSize; }
+
+  // False when the entry is not sound (`problem` says why) or when the sink refused a piece
+  // (`problem` empty).
+  [[nodiscard]] bool copyOutput(const Sink& sink, std::string& problem);
+
+private:
+  // Reads up to `bytes.size()` bytes, feeding those before the checksum to m_checksum.
+  size_t read(std::span<std::byte> bytes);
+
+  struct State;
+  std::unique_ptr<State> m_state;
+  Digest m_key;
+  uint64_t m_size = 0;
+  Source m_source;
+  uint64_t m_position = 0;
+  CacheEntry m_head;
+  uint64_t m_outputSize = 0;
+  // The head as read, and the output bytes read with it (from m_pendingOffset on), handed on
+  // first by copyOutput.
+  std::string m_pendingHead;
+  size_t m_pendingOffset = 0;
+};
 
 } // namespace content_cache

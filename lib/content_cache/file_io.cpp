@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
+#include <memory>
 #include <utility>
-#include <vector>
 
 namespace content_cache
 {
@@ -71,18 +71,23 @@ void keepSpareBuffer(std::string&& buffer)
     t_spare = std::move(buffer);
 }
 
+std::span<std::byte> pieceBuffer()
+{
+  constexpr size_t kSize = size_t(1) << 18;
+  thread_local const std::unique_ptr<std::byte[]> buffer(new std::byte[kSize]);
+  return {buffer.get(), kSize};
+}
+
 bool hashFile(const fs::path& path, KeyHash& hash, std::string& problem)
 {
   std::FILE* file = openForReading(path, problem);
   if (!file)
     return false;
-  // One buffer per thread for the whole run: a new one per file would be zeroed and faulted in
-  // again for every model, which costs more than the hashing on a warm cache.
-  thread_local std::vector<char> buffer(size_t(1) << 20);
+  const std::span<std::byte> buffer = pieceBuffer();
   for (;;)
   {
     const size_t count = std::fread(buffer.data(), 1, buffer.size(), file);
-    hash.update(std::as_bytes(std::span<const char>(buffer.data(), count)));
+    hash.update(buffer.first(count));
     if (count < buffer.size())
       break;
   }

@@ -5,7 +5,9 @@
 #include "content_cache/key_hash.hpp"
 
 #include <cstdint>
+#include <cstddef>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -23,6 +25,11 @@ namespace content_cache
 // hands it out again, empty but with its storage, or an empty string.
 std::string takeSpareBuffer();
 void keepSpareBuffer(std::string&& buffer);
+
+// Each thread's buffer for reading a file a piece at a time, made once and never zeroed: a fresh
+// one per file would be faulted in again for every model, which on a warm cache costs more than
+// the hashing. One user at a time: hashFile, then EntryReader::copyOutput.
+std::span<std::byte> pieceBuffer();
 
 // Feeds the whole file to `hash` without holding it in memory. False with the reason.
 [[nodiscard]] bool hashFile(const std::filesystem::path& path, KeyHash& hash, std::string& problem);

@@ -70,39 +70,95 @@ fs::path LocalStore::entryPath(const Digest& key) const
          cstdmf::u8path(hex + std::string(kEntryExtension));
 }
 
+namespace
+{
+// On Windows a file that another process is renaming into place cannot be opened for a moment:
+// `attempt` is tried again briefly before the entry is called unreadable. True once it succeeded;
+// false when it still fails or the file is missing.
+template <typename Attempt>
+bool withRetries(Attempt attempt, bool& missing)
+{
+  bool done = attempt();
+  for (int retry = 0; !done && !missing && retry < 5; ++retry)
+  {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10 << retry));
+    done = attempt();
+  }
+  return done;
+}
+
+// A hit makes the entry the most recently used. A read-only share keeps the old time: the entry
+// may then go out earlier than it should, which costs a conversion, nothing more.
+void markUsed(const fs::path& path)
+{
+  std::error_code ignored;
+  fs::last_write_time(path, fs::file_time_type::clock::now(), ignored);
+}
+
+// Out of the way, so the rebuilt entry replaces it (another process may do the same).
+LocalStore::Lookup removeCorrupt(const fs::path& path, std::string& problem)
+{
+  problem = "'" + cstdmf::toUtf8(path) + "' is " + problem;
+  std::error_code ignored;
+  fs::remove(path, ignored);
+  return LocalStore::Lookup::Corrupt;
+}
+
+LocalStore::Lookup unreadable(const fs::path& path, bool missing, std::string& problem)
+{
+  if (missing)
+    return LocalStore::Lookup::Miss;
+  problem = "cannot read '" + cstdmf::toUtf8(path) + "': " + problem;
+  return LocalStore::Lookup::Corrupt;
+}
+} // namespace
+
 LocalStore::Lookup LocalStore::load(const Digest& key, CacheEntry& entry, std::string& problem)
 {
   const fs::path path = entryPath(key);
   std::string bytes = takeSpareBuffer();
   bool missing = false;
-  bool read = readWholeFile(path, bytes, problem, &missing);
-  // On Windows a file that another process is renaming into place cannot be opened for a moment:
-  // try again briefly before calling the entry unreadable.
-  for (int attempt = 0; !read && !missing && attempt < 5; ++attempt)
-  {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10 << attempt));
-    read = readWholeFile(path, bytes, problem, &missing);
-  }
-  if (!read)
-  {
-    if (missing)
-      return Lookup::Miss;
-    problem = "cannot read '" + cstdmf::toUtf8(path) + "': " + problem;
-    return Lookup::Corrupt;
-  }
+  if (!withRetries([&] { return readWholeFile(path, bytes, problem, &missing); }, missing))
+    return unreadable(path, missing, problem);
   if (!decodeEntry(std::move(bytes), key, entry, problem))
-  {
-    problem = "'" + cstdmf::toUtf8(path) + "' is " + problem;
-    // Out of the way, so the rebuilt entry replaces it (another process may do the same).
-    std::error_code ignored;
-    fs::remove(path, ignored);
-    return Lookup::Corrupt;
-  }
-  // A hit makes the entry the most recently used. A read-only share keeps the old time: the
-  // entry may then go out earlier than it should, which costs a conversion, nothing more.
-  std::error_code ignored;
-  fs::last_write_time(path, fs::file_time_type::clock::now(), ignored);
+    return removeCorrupt(path, problem);
+  markUsed(path);
   return Lookup::Hit;
+}
+
+LocalStore::Lookup LocalStore::open(const Digest& key, OpenEntry& entry, std::string& problem)
+{
+  entry.path = entryPath(key);
+  const std::string utf8Path = cstdmf::toUtf8(entry.path);
+  bool missing = false;
+  const auto attempt = [&] {
+    if (entry.file.open(utf8Path) == fileio::ReadStatus::Ok)
+      return true;
+    std::error_code error;
+    missing = !fs::exists(entry.path, error) && !error;
+    problem = entry.file.reason();
+    return false;
+  };
+  if (!withRetries(attempt, missing))
+    return unreadable(entry.path, missing, problem);
+  uint64_t position = 0;
+  entry.reader = std::make_unique<EntryReader>(key, entry.file.size(), [&file = entry.file, position](std::span<std::byte> bytes) mutable {
+    (void)file.readAt(position, bytes);
+    position += file.bytesRead();
+    return file.bytesRead();
+  });
+  if (!entry.reader->readHead(problem))
+    return removeCorrupt(entry.path, problem);
+  return Lookup::Hit;
+}
+
+void LocalStore::close(OpenEntry& entry, bool sound, std::string& problem)
+{
+  entry.file.close();
+  if (sound)
+    markUsed(entry.path);
+  else
+    (void)removeCorrupt(entry.path, problem);
 }
 
 bool LocalStore::store(const Digest& key, std::string_view encoded, std::string& problem)

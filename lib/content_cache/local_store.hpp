@@ -9,9 +9,11 @@
 // touches it, and eviction removes the least recently used entries first.
 
 #include "content_cache/cache_entry.hpp"
+#include "resmgr/file_io.hpp"
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 namespace content_cache
@@ -31,6 +33,22 @@ public:
 
   // Looks the key up and, on a hit, marks the entry as just used.
   [[nodiscard]] Lookup load(const Digest& key, CacheEntry& entry, std::string& problem);
+
+  // An entry read a piece at a time (open): its file stays open while the output is copied.
+  struct OpenEntry
+  {
+    std::filesystem::path path;
+    fileio::FileReader file;
+    std::unique_ptr<EntryReader> reader;
+  };
+
+  // Looks the key up and reads the entry's head: a Hit leaves `entry.reader` ready to copy the
+  // output, whose checksum is known only once it has been copied. A head found unsound is Corrupt
+  // and removed, as with load().
+  [[nodiscard]] Lookup open(const Digest& key, OpenEntry& entry, std::string& problem);
+  // After the output was copied: closes the file (the head stays readable) and marks a sound entry
+  // as just used, or removes an unsound one (`problem` is then completed with the entry's path).
+  void close(OpenEntry& entry, bool sound, std::string& problem);
 
   // Stores an encoded entry (encodeEntry) under `key`. False with the reason in `problem`.
   [[nodiscard]] bool store(const Digest& key, std::string_view encoded, std::string& problem);

@@ -327,6 +327,8 @@ bool GeometryCompiler::writeToFile(const std::string& resourcePath, const Binary
     ZR_MSG(kError, kCategory, "GeometryCompiler::writeToFile cannot replace file '%s': %s\n", resourcePath.c_str(),
            written.reason.c_str());
     return false;
+  case fileio::WriteStatus::Abandoned: // a whole block is never given up
+    return false;
   }
   return false;
 }

@@ -147,6 +147,11 @@ struct FileReader::Handle
 FileReader::FileReader() = default;
 FileReader::~FileReader() = default;
 
+void FileReader::close()
+{
+  m_handle.reset();
+}
+
 ReadStatus FileReader::open(const std::string& utf8Path, uint64_t maxSize)
 {
   m_handle.reset();
@@ -238,6 +243,11 @@ ReadResult readWholeFile(const std::string& utf8Path, const char* allocationTag,
 
 WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byte> bytes)
 {
+  return writeWholeFileInPieces(utf8Path, [bytes](const PieceSink& sink) { return sink(bytes); });
+}
+
+WriteResult writeWholeFileInPieces(const std::string& utf8Path, const std::function<bool(const PieceSink&)>& produce)
+{
   static std::atomic<unsigned> s_writeCounter{0};
   const std::filesystem::path target = cstdmf::u8path(utf8Path);
   // Beside the target, so that the rename stays within one file system; unique per process and
@@ -275,17 +285,32 @@ WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byt
     result.reason = systemReason(errno, "cannot create a file beside it");
     return result;
   }
-  const size_t written = bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), file);
-  const int writeError = written != bytes.size() ? errno : 0;
+  size_t written = 0;
+  int writeError = 0;
+  bool shortWrite = false;
+  const bool produced = produce([&](std::span<const std::byte> piece) {
+    if (shortWrite)
+      return false;
+    const size_t count = piece.empty() ? 0 : std::fwrite(piece.data(), 1, piece.size(), file);
+    written += count;
+    if (count != piece.size())
+    {
+      writeError = errno;
+      shortWrite = true;
+    }
+    return !shortWrite;
+  });
   errno = 0;
   const bool closed = std::fclose(file) == 0;
   const int closeError = closed ? 0 : errno;
-  if (written != bytes.size() || !closed)
+  if (shortWrite || !closed)
   {
     result.bytesWritten = closed ? written : 0;
-    return discard(WriteStatus::ShortWrite, written != bytes.size() ? systemReason(writeError, "the disk may be full")
-                                                                    : systemReason(closeError, "closing the file failed"));
+    return discard(WriteStatus::ShortWrite, shortWrite ? systemReason(writeError, "the disk may be full")
+                                                       : systemReason(closeError, "closing the file failed"));
   }
+  if (!produced)
+    return discard(WriteStatus::Abandoned, "abandoned by its writer");
 
   std::error_code error;
   std::filesystem::rename(temporary, target, error);

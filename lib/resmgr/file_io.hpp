@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <span>
@@ -65,6 +66,8 @@ public:
   // reason() set on failure.
   [[nodiscard]] ReadStatus open(const std::string& utf8Path, uint64_t maxSize = std::numeric_limits<uint64_t>::max());
   uint64_t size() const { return m_size; }
+  // Closes the file (also done when the reader goes).
+  void close();
   // Reads exactly bytes.size() bytes at offset. False, with reason() and bytesRead() set, when
   // fewer arrive (the file shrank, or the system failed).
   [[nodiscard]] bool readAt(uint64_t offset, std::span<std::byte> bytes);
@@ -85,6 +88,7 @@ enum class WriteStatus
   CannotCreate,  // the temporary file beside the target could not be created
   ShortWrite,    // not every byte reached the temporary file, or closing it failed
   CannotReplace, // the temporary file could not be renamed over the target
+  Abandoned,     // the producer of the pieces gave up (writeWholeFileInPieces)
 };
 
 struct WriteResult
@@ -99,6 +103,15 @@ struct WriteResult
 // Writes bytes as the whole new contents of utf8Path through a temporary file beside it. On any
 // failure the temporary file is removed and the target is left as it was. Logs nothing.
 [[nodiscard]] WriteResult writeWholeFile(const std::string& utf8Path, std::span<const std::byte> bytes);
+
+// Appends a piece to a file being written; false once a piece could not be written.
+using PieceSink = std::function<bool(std::span<const std::byte>)>;
+
+// The same for contents made or read a piece at a time, never whole in memory: `produce` hands
+// each piece to the sink in order and returns false to give the write up (Abandoned), which
+// leaves the target as it was, as a failed write does.
+[[nodiscard]] WriteResult writeWholeFileInPieces(const std::string& utf8Path,
+                                                 const std::function<bool(const PieceSink&)>& produce);
 
 // Deletes every temporary file of a write that this process has in flight, returning how many
 // were removed. Safe to call from any thread, also while writes run (their rename then fails and

@@ -233,6 +233,33 @@ std::optional<CacheEntry> ModelCache::lookup(const Digest& key, const std::strin
   return std::nullopt;
 }
 
+std::unique_ptr<content_cache::LocalStore::OpenEntry> ModelCache::open(const Digest& key, const std::string& sourceText)
+{
+  if (!m_local)
+    return nullptr;
+  auto entry = std::make_unique<content_cache::LocalStore::OpenEntry>();
+  std::string problem;
+  switch (m_local->open(key, *entry, problem))
+  {
+  case content_cache::LocalStore::Lookup::Hit:
+    return entry;
+  case content_cache::LocalStore::Lookup::Corrupt:
+    ZR_MSG_FMT(kWarning, "", "cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
+    break;
+  case content_cache::LocalStore::Lookup::Miss:
+    break;
+  }
+  return nullptr;
+}
+
+void ModelCache::close(content_cache::LocalStore::OpenEntry& entry, std::string problem, const std::string& sourceText)
+{
+  const bool sound = problem.empty();
+  m_local->close(entry, sound, problem);
+  if (!sound)
+    ZR_MSG_FMT(kWarning, "", "cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
+}
+
 void ModelCache::store(const Digest& key, const CacheEntry& entry, const std::string& sourceText)
 {
   const std::string encoded = content_cache::encodeEntry(key, entry);
@@ -294,14 +321,31 @@ bool CachedConversion::replay(bool withoutErrors, Figures wanted)
   m_key = modelKey(m_request, m_options, ToolIdentity::current(), &m_stamps);
   if (!m_key)
     return false; // an unreadable input: the conversion says what is wrong
-  std::optional<CacheEntry> entry = m_cache->lookup(*m_key, m_request.primitivesPath);
-  if (!entry)
-    return false;
-  if (withoutErrors && std::any_of(entry->messages.begin(), entry->messages.end(), [](const auto& message) {
+  return replayKnown(withoutErrors, wanted, true);
+}
+
+bool CachedConversion::replayKnown(bool withoutErrors, Figures wanted, bool pieces)
+{
+  // The folder's entry is copied to the output a piece at a time: a warm run then neither holds
+  // nor zeroes a buffer as large as the output. Its checksum is known only at the end, so nothing
+  // below acts on what it says before then except to give the replay up; the output's temporary
+  // file is dropped when the copy finds the entry corrupt, and the whole entry is looked up again
+  // (the server may hold a sound one).
+  std::unique_ptr<content_cache::LocalStore::OpenEntry> open =
+    pieces ? m_cache->open(*m_key, m_request.primitivesPath) : nullptr;
+  std::optional<CacheEntry> entry;
+  if (!open)
+  {
+    entry = m_cache->lookup(*m_key, m_request.primitivesPath);
+    if (!entry)
+      return false;
+  }
+  const CacheEntry& head = open ? open->reader->head() : *entry;
+  if (withoutErrors && std::any_of(head.messages.begin(), head.messages.end(), [](const auto& message) {
         return message.priority >= static_cast<int32_t>(DebugMessagePriority::Error);
       }))
     return false;
-  if (wanted != Figures::None && decodeFigures(entry->figures, m_figures) < wanted)
+  if (wanted != Figures::None && decodeFigures(head.figures, m_figures) < wanted)
     return false;
   // What this run did not ask for is not reported, as a conversion would not have measured it.
   if (wanted == Figures::Statistics)
@@ -327,9 +371,27 @@ bool CachedConversion::replay(bool withoutErrors, Figures wanted)
   // Written whole or not at all, and by the compiler's own writer, so that its temporary file is
   // removed with the run's others when the run is stopped. When it cannot be written, the
   // conversion runs and reports the failure in its own words.
-  if (!fileio::writeWholeFile(m_outputText, std::as_bytes(std::span<const char>(entry->output))))
-    return false;
-  m_replayedBytes = entry->output.size();
+  if (open)
+  {
+    std::string problem;
+    const fileio::WriteResult written = fileio::writeWholeFileInPieces(
+      m_outputText, [&](const fileio::PieceSink& sink) { return open->reader->copyOutput(sink, problem); });
+    if (!written && written.status == fileio::WriteStatus::Abandoned && !problem.empty())
+    {
+      m_cache->close(*open, std::move(problem), m_request.primitivesPath);
+      return replayKnown(withoutErrors, wanted, false);
+    }
+    if (!written)
+      return false;
+    m_replayedBytes = open->reader->outputSize();
+    m_cache->close(*open, std::string(), m_request.primitivesPath);
+  }
+  else
+  {
+    if (!fileio::writeWholeFile(m_outputText, std::as_bytes(std::span<const char>(entry->output))))
+      return false;
+    m_replayedBytes = entry->output.size();
+  }
   if (!levels.empty())
   {
     std::error_code error;
@@ -342,8 +404,9 @@ bool CachedConversion::replay(bool withoutErrors, Figures wanted)
       return false;
     m_levels.push_back(std::move(level));
   }
-  content_cache::keepSpareBuffer(std::move(entry->output));
-  replayMessages(entry->messages, m_request.primitivesPath);
+  if (entry)
+    content_cache::keepSpareBuffer(std::move(entry->output));
+  replayMessages(head.messages, m_request.primitivesPath);
   return true;
 }
 

@@ -77,6 +77,14 @@ public:
   [[nodiscard]] std::optional<content_cache::CacheEntry> lookup(const content_cache::Digest& key,
                                                                 const std::string& sourceText);
 
+  // Opens the folder's entry for the key to be copied a piece at a time, its output never held
+  // whole. Null without a folder, on a miss, or after a WARNING on an entry found corrupt.
+  [[nodiscard]] std::unique_ptr<content_cache::LocalStore::OpenEntry> open(const content_cache::Digest& key,
+                                                                           const std::string& sourceText);
+  // After its output was copied: `problem` empty marks the entry as just used; else the entry was
+  // found corrupt on the way, which is reported as a WARNING and removes it.
+  void close(content_cache::LocalStore::OpenEntry& entry, std::string problem, const std::string& sourceText);
+
   // Keeps a conversion's result in the folder and on the server. Failures are WARNINGs.
   void store(const content_cache::Digest& key, const content_cache::CacheEntry& entry,
              const std::string& sourceText);
@@ -159,6 +167,9 @@ public:
             Figures measured = Figures::None, const std::vector<GeometryCompiler::Level>* levels = nullptr);
 
 private:
+  // replay() once the key is known; `pieces` reads the folder's entry a piece at a time.
+  bool replayKnown(bool withoutErrors, Figures wanted, bool pieces);
+
   ModelCache* m_cache;
   const GeometryCompiler::Request& m_request;
   CompileOptions m_options;

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 
 using namespace content_cache;
 
@@ -21,6 +23,31 @@ CacheEntry sampleEntry()
   entry.figures = R"({"renderSets":[]})";
   entry.output = std::string("\0\1\2geometry bytes\xff", 18);
   return entry;
+}
+
+EntryReader::Source sourceOver(std::string_view bytes)
+{
+  return [bytes, at = size_t(0)](std::span<std::byte> piece) mutable {
+    const size_t count = bytes.copy(reinterpret_cast<char*>(piece.data()), piece.size(), at);
+    at += count;
+    return count;
+  };
+}
+
+// Reads `bytes` with EntryReader; the output as the sink received it. False with the problem as
+// soon as a step fails.
+bool readInPieces(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem)
+{
+  EntryReader reader(key, bytes.size(), sourceOver(bytes));
+  if (!reader.readHead(problem))
+    return false;
+  entry = reader.head();
+  return reader.copyOutput(
+    [&](std::span<const std::byte> piece) {
+      entry.output.append(reinterpret_cast<const char*>(piece.data()), piece.size());
+      return true;
+    },
+    problem);
 }
 } // namespace
 
@@ -89,6 +116,47 @@ TEST(CacheEntry, RoundTripAndEveryDamageRefused)
   const std::string empty = encodeEntry(key, CacheEntry{});
   ASSERT_TRUE(decodeEntry(empty, key, decoded, problem));
   EXPECT_EQ(decoded, CacheEntry{});
+}
+
+// Read a piece at a time, an entry whose messages outgrow the first piece of the head and whose
+// output spans several pieces comes out whole; every damage is found, by the end of the copy at
+// the latest; a sink that refuses a piece stops the copy without naming a problem.
+TEST(CacheEntry, ReadInPiecesWholeAndEveryDamageRefused)
+{
+  const Digest key = keyOf("model");
+  CacheEntry large = sampleEntry();
+  large.messages.push_back({3, "", std::string(150000, 'm')});
+  for (int i = 0; i < 700000; ++i)
+    large.output += static_cast<char>(i * 31 % 251);
+  for (const CacheEntry& entry : {sampleEntry(), large, CacheEntry{}})
+  {
+    const std::string bytes = encodeEntry(key, entry);
+    CacheEntry read;
+    std::string problem;
+    ASSERT_TRUE(readInPieces(bytes, key, read, problem)) << problem;
+    EXPECT_EQ(read, entry);
+
+    EXPECT_FALSE(readInPieces(bytes, keyOf("other"), read, problem));
+    EXPECT_EQ(problem, "stored under another key");
+    EXPECT_FALSE(readInPieces(bytes + "x", key, read, problem));
+    // Every position of the small entry; the large one's boundaries and a spread of the rest.
+    const size_t stride = bytes.size() > 4096 ? 997 : 1;
+    for (size_t at = 0; at < bytes.size(); at += (at < 80 || at + 80 > bytes.size()) ? 1 : stride)
+    {
+      EXPECT_FALSE(readInPieces(bytes.substr(0, at), key, read, problem)) << "prefix of " << at;
+      std::string damaged = bytes;
+      damaged[at] = static_cast<char>(damaged[at] ^ 0x20);
+      EXPECT_FALSE(readInPieces(damaged, key, read, problem)) << "byte " << at;
+      EXPECT_FALSE(problem.empty());
+    }
+  }
+
+  const std::string bytes = encodeEntry(key, large);
+  EntryReader reader(key, bytes.size(), sourceOver(bytes));
+  std::string problem;
+  ASSERT_TRUE(reader.readHead(problem));
+  EXPECT_FALSE(reader.copyOutput([](std::span<const std::byte>) { return false; }, problem));
+  EXPECT_EQ(problem, "");
 }
 
 TEST(RemoteRecord, RoundTripAndDamage)

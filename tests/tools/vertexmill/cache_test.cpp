@@ -117,6 +117,21 @@ TEST_F(VertexmillTool, CacheKeepsNoFailureAndRebuildsACorruptEntry)
   const RunResult again = run({"--cache", cache, str("src/good.primitives"), str("out")});
   EXPECT_EQ(again.err, "");
   EXPECT_EQ(readFile(entries[0]).size() > fs::file_size(entries[0]) / 2, true);
+
+  // A flipped byte in the output's part of the entry shows only once the output has been copied:
+  // the copy is dropped, the model converted again, and nothing is left beside the output.
+  std::string entry = readFile(entries[0]);
+  entry[entry.size() - 20] = static_cast<char>(entry[entry.size() - 20] ^ 1);
+  writeFile(entries[0], entry);
+  const RunResult flipped = run({"--cache", cache, str("src/good.primitives"), str("out")});
+  EXPECT_EQ(flipped.status, 0);
+  EXPECT_EQ(countOf(flipped.err, "checksum mismatch); converting again"), 1u) << flipped.err;
+  EXPECT_EQ(readFile(path("out/good.geometry")), converted);
+  size_t files = 0;
+  for ([[maybe_unused]] const auto& file : fs::directory_iterator(path("out")))
+    ++files;
+  EXPECT_EQ(files, 1u);
+  EXPECT_NE(readFile(entries[0]), entry);
 }
 
 TEST_F(VertexmillTool, TwoProcessesFillOneCacheAtOnce)
