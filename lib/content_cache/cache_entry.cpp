@@ -213,12 +213,15 @@ bool decodeEntry(std::string_view bytes, const Digest& key, CacheEntry& entry, s
   return true;
 }
 
-bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std::string& problem)
+bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std::string& problem,
+                 const EntryBytes& sound)
 {
   size_t outputOffset = 0;
   size_t outputSize = 0;
   if (!decodeParts(bytes, key, entry, problem, outputOffset, outputSize))
     return false;
+  if (sound)
+    sound(bytes);
   bytes.resize(outputOffset + outputSize);
   bytes.erase(0, outputOffset);
   entry.output = std::move(bytes);

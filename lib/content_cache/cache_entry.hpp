@@ -55,8 +55,13 @@ std::string encodeEntry(const Digest& key, const CacheEntry& entry);
 // Reads an entry stored under `key`. False, with what is wrong in `problem` ("truncated",
 // "checksum mismatch", ...), when the bytes are not a whole, sound entry for that key.
 [[nodiscard]] bool decodeEntry(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem);
-// The same, reusing the bytes' storage for the output (no copy of a large output).
-[[nodiscard]] bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std::string& problem);
+// The bytes of a sound entry, shown to a caller that keeps them elsewhere too.
+using EntryBytes = std::function<void(std::string_view)>;
+
+// The same, reusing the bytes' storage for the output (no copy of a large output); `sound` (when
+// given) sees the bytes once they are known to be a sound entry, before they are taken apart.
+[[nodiscard]] bool decodeEntry(std::string&& bytes, const Digest& key, CacheEntry& entry, std::string& problem,
+                               const EntryBytes& sound = {});
 
 // Reads an entry a piece at a time, so that its output never has to be held whole: from a source
 // that fills the span it is given and returns the count (fewer only at the end of the bytes).

@@ -58,6 +58,7 @@ struct Curl
   decltype(&curl_easy_perform) easyPerform = nullptr;
   decltype(&curl_easy_getinfo) easyGetinfo = nullptr;
   decltype(&curl_easy_cleanup) easyCleanup = nullptr;
+  decltype(&curl_easy_reset) easyReset = nullptr;
   decltype(&curl_easy_strerror) easyStrerror = nullptr;
 };
 
@@ -74,6 +75,7 @@ const Curl* loadCurl(std::string& problem)
       resolve(api.easyPerform, "curl_easy_perform");
       resolve(api.easyGetinfo, "curl_easy_getinfo");
       resolve(api.easyCleanup, "curl_easy_cleanup");
+      resolve(api.easyReset, "curl_easy_reset");
       resolve(api.easyStrerror, "curl_easy_strerror");
       if (api.globalInit && api.globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK)
         return "cannot initialise the HTTP library";
@@ -88,6 +90,16 @@ struct EasyDeleter
   void operator()(CURL* handle) const { api->easyCleanup(handle); }
 };
 
+// Each thread's handle, kept for the run and reset before each request: it keeps its connection
+// to the server open from one request to the next (a hit takes two), which saves a handshake each.
+CURL* threadHandle(const Curl* api)
+{
+  thread_local const std::unique_ptr<CURL, EasyDeleter> handle(api->easyInit(), EasyDeleter{api});
+  if (handle)
+    api->easyReset(handle.get());
+  return handle.get();
+}
+
 } // namespace
 
 long httpRequest(const std::string& url, long connectSeconds, long requestSeconds, const std::string_view* putBody,
@@ -96,13 +108,12 @@ long httpRequest(const std::string& url, long connectSeconds, long requestSecond
   const Curl* api = loadCurl(problem);
   if (!api)
     return 0;
-  std::unique_ptr<CURL, EasyDeleter> handle(api->easyInit(), EasyDeleter{api});
-  if (!handle)
+  CURL* curl = threadHandle(api);
+  if (!curl)
   {
     problem = "cannot initialise the HTTP library";
     return 0;
   }
-  CURL* curl = handle.get();
   const auto setopt = api->easySetopt; // the values below are of the types the options take
   char errorText[CURL_ERROR_SIZE] = {};
   setopt(curl, CURLOPT_URL, url.c_str());

@@ -5,8 +5,9 @@
 //   GET/PUT <url>/ac/<key in hex>      a small record naming the content that holds the result
 //   GET/PUT <url>/cas/<sha256 in hex>  the content itself: an encoded entry (cache_entry.hpp)
 //
-// 404 is a miss. The record carries its own checksum and the content is checked against its name,
-// so a server that answers with garbage is noticed and the result is rebuilt. A server that cannot
+// 404 is a miss. The record carries its own checksum and the content must be a sound entry of the
+// key (cache_entry.hpp) of the size the record declares, so a server that answers with garbage is
+// noticed and the result is rebuilt. A server that cannot
 // be reached, answers with an error or is too slow turns the remote tier off for the rest of the
 // run (once, with the reason): the conversions go on without it.
 
@@ -32,12 +33,12 @@ public:
   enum class Lookup
   {
     Miss,
-    Hit,         // `entry` holds it, `*encoded` (when asked for) its bytes, to keep in the local folder
+    Hit,         // `entry` holds it; `keep` (when given) has had its bytes, to keep in the local folder
     Corrupt,     // the server answered, but not with a sound entry (`problem` says what)
     Unavailable, // not asked or the request failed (`problem` says why the first time)
   };
 
-  [[nodiscard]] Lookup load(const Digest& key, CacheEntry& entry, std::string* encoded, std::string& problem);
+  [[nodiscard]] Lookup load(const Digest& key, CacheEntry& entry, const EntryBytes& keep, std::string& problem);
 
   // Uploads the content, then the record. False with the reason. A server that refuses an upload
   // (an error status: a read-only cache) gets no more uploads but is still read; one that cannot

@@ -212,12 +212,16 @@ std::optional<CacheEntry> ModelCache::lookup(const Digest& key, const std::strin
   }
   if (m_remote)
   {
-    std::string encoded;
-    switch (m_remote->load(key, entry, m_local ? &encoded : nullptr, problem))
+    // A remote hit is kept in the folder from the downloaded bytes themselves, once they are known
+    // to be sound.
+    const auto keepLocally = [&](std::string_view encoded) {
+      std::string localProblem;
+      if (!m_local->store(key, encoded, localProblem))
+        ZR_MSG_FMT(kWarning, "", "cannot keep the result of {} in the cache folder: {}\n", sourceText, localProblem);
+    };
+    switch (m_remote->load(key, entry, m_local ? content_cache::EntryBytes(keepLocally) : nullptr, problem))
     {
     case content_cache::RemoteStore::Lookup::Hit:
-      if (m_local && !m_local->store(key, encoded, problem))
-        ZR_MSG_FMT(kWarning, "", "cannot keep the result of {} in the cache folder: {}\n", sourceText, problem);
       return entry;
     case content_cache::RemoteStore::Lookup::Corrupt:
       ZR_MSG_FMT(kWarning, "", "remote cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
