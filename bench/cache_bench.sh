@@ -14,7 +14,7 @@
 # so that every hit is downloaded. The warm output, its standard output and error and its
 # status are compared with the converting run's: they must be identical. Figures are medians of
 # wall-clock times; the speed-up is the median of the per-round ratios convert / warm. CPU time
-# (user + sys, from /usr/bin/time) is shown too: on a loaded machine it is the steadier figure.
+# (user + sys) is shown too: on a loaded machine it is the steadier figure.
 #
 # Environment: REPEATS, JOBS, TIER, VERTEXMILL_CORPUS, TREE_CACHE, KEEP_WORK=1 keeps the work folder.
 
@@ -51,26 +51,29 @@ else
 fi
 
 # checkout NAME: a fresh copy of the tree (new file times) as $work/NAME/models, and an empty
-# output folder $work/NAME/out.
+# output folder $work/NAME/out. Written back to the disk before the run is timed, as a checkout
+# long done is: the kernel writing 59 MiB back meanwhile would be timed with whichever run
+# follows (the earlier runs' outputs likewise).
 checkout() {
   rm -rf "$work/$1"
   mkdir -p "$work/$1/out"
   cp -r "$tree" "$work/$1/models"
+  sync
 }
 
 # timed OUTFILE NAME ARGS...: runs vertexmill over checkout NAME, appends the wall microseconds to
-# OUTFILE, keeps its streams and status in $work/NAME.{stdout,stderr,status}.
+# OUTFILE and the CPU microseconds (user + sys) to OUTFILE's .cpu.txt, keeps its streams and status
+# in $work/NAME.{stdout,stderr,status}. Timed by the shell's own `time`: starting a helper such as
+# date or /usr/bin/time takes about 8 ms here, which would be counted in a warm run of 40.
 timed() {
   local out=$1 name=$2
   shift 2
-  local start end status=0
-  start=$(date +%s%N)
-  /usr/bin/time -f '%U %S' -o "$work/time.txt" "$vertexmill" --jobs "$jobs" --tree "$@" "$work/$name/models" "$work/$name/out" \
-    >"$work/$name.stdout" 2>"$work/$name.stderr" || status=$?
-  end=$(date +%s%N)
+  local status=0 TIMEFORMAT='%3R %3U %3S'
+  { time { "$vertexmill" --jobs "$jobs" --tree "$@" "$work/$name/models" "$work/$name/out" \
+    >"$work/$name.stdout" 2>"$work/$name.stderr" || status=$?; }; } 2>"$work/time.txt"
   echo "$status" >"$work/$name.status"
-  echo "$(((end - start) / 1000))" >>"$out"
-  tail -n 1 "$work/time.txt" | awk '{ print ($1 + $2) * 1000000 }' >>"${out%.txt}.cpu.txt"
+  awk '{ printf "%d\n", $1 * 1000000 }' "$work/time.txt" >>"$out"
+  awk '{ printf "%d\n", ($2 + $3) * 1000000 }' "$work/time.txt" >>"${out%.txt}.cpu.txt"
 }
 
 median() {

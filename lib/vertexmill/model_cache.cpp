@@ -193,23 +193,24 @@ bool ModelCache::prepare()
   return true;
 }
 
+namespace
+{
+// The outcome of a look into the folder: true on a hit; a corrupt entry is reported (it counts as
+// a miss).
+bool localHit(content_cache::LocalStore::Lookup found, const std::string& problem, const std::string& sourceText)
+{
+  if (found == content_cache::LocalStore::Lookup::Corrupt)
+    ZR_MSG_FMT(kWarning, "", "cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
+  return found == content_cache::LocalStore::Lookup::Hit;
+}
+} // namespace
+
 std::optional<CacheEntry> ModelCache::lookup(const Digest& key, const std::string& sourceText)
 {
   CacheEntry entry;
   std::string problem;
-  if (m_local)
-  {
-    switch (m_local->load(key, entry, problem))
-    {
-    case content_cache::LocalStore::Lookup::Hit:
-      return entry;
-    case content_cache::LocalStore::Lookup::Corrupt:
-      ZR_MSG_FMT(kWarning, "", "cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
-      break;
-    case content_cache::LocalStore::Lookup::Miss:
-      break;
-    }
-  }
+  if (m_local && localHit(m_local->load(key, entry, problem), problem, sourceText))
+    return entry;
   if (m_remote)
   {
     // A remote hit is kept in the folder from the downloaded bytes themselves, once they are known
@@ -243,16 +244,8 @@ std::unique_ptr<content_cache::LocalStore::OpenEntry> ModelCache::open(const Dig
     return nullptr;
   auto entry = std::make_unique<content_cache::LocalStore::OpenEntry>();
   std::string problem;
-  switch (m_local->open(key, *entry, problem))
-  {
-  case content_cache::LocalStore::Lookup::Hit:
+  if (localHit(m_local->open(key, *entry, problem), problem, sourceText))
     return entry;
-  case content_cache::LocalStore::Lookup::Corrupt:
-    ZR_MSG_FMT(kWarning, "", "cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
-    break;
-  case content_cache::LocalStore::Lookup::Miss:
-    break;
-  }
   return nullptr;
 }
 
@@ -261,7 +254,7 @@ void ModelCache::close(content_cache::LocalStore::OpenEntry& entry, std::string 
   const bool sound = problem.empty();
   m_local->close(entry, sound, problem);
   if (!sound)
-    ZR_MSG_FMT(kWarning, "", "cache entry for {} is corrupt ({}); converting again\n", sourceText, problem);
+    (void)localHit(content_cache::LocalStore::Lookup::Corrupt, problem, sourceText);
 }
 
 void ModelCache::store(const Digest& key, const CacheEntry& entry, const std::string& sourceText)

@@ -88,69 +88,47 @@ TEST(SHA256, KnownDigestsAndHex)
   EXPECT_NE(a.finish(), b.finish());
 }
 
-TEST(CacheEntry, RoundTripAndEveryDamageRefused)
+bool readWhole(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem)
 {
-  const Digest key = keyOf("model");
-  const CacheEntry entry = sampleEntry();
-  const std::string bytes = encodeEntry(key, entry);
-  CacheEntry decoded;
-  std::string problem;
-  ASSERT_TRUE(decodeEntry(bytes, key, decoded, problem)) << problem;
-  EXPECT_EQ(decoded, entry);
-
-  // Read back under another key: refused, so a misplaced file is never taken for a result.
-  EXPECT_FALSE(decodeEntry(bytes, keyOf("other"), decoded, problem));
-  EXPECT_EQ(problem, "stored under another key");
-
-  for (size_t size = 0; size < bytes.size(); ++size)
-    EXPECT_FALSE(decodeEntry(bytes.substr(0, size), key, decoded, problem)) << "prefix of " << size;
-  EXPECT_FALSE(decodeEntry(bytes + "x", key, decoded, problem));
-  for (size_t at = 0; at < bytes.size(); ++at)
-  {
-    std::string damaged = bytes;
-    damaged[at] = static_cast<char>(damaged[at] ^ 0x20);
-    EXPECT_FALSE(decodeEntry(damaged, key, decoded, problem)) << "byte " << at;
-  }
-
-  // Empty output and no messages are a valid entry too.
-  const std::string empty = encodeEntry(key, CacheEntry{});
-  ASSERT_TRUE(decodeEntry(empty, key, decoded, problem));
-  EXPECT_EQ(decoded, CacheEntry{});
+  return decodeEntry(bytes, key, entry, problem);
 }
 
-// Read a piece at a time, an entry whose messages outgrow the first piece of the head and whose
-// output spans several pieces comes out whole; every damage is found, by the end of the copy at
-// the latest; a sink that refuses a piece stops the copy without naming a problem.
-TEST(CacheEntry, ReadInPiecesWholeAndEveryDamageRefused)
+// Read whole or a piece at a time, a small entry, an empty one and one whose messages outgrow the
+// first piece of the head and whose output spans several pieces come out as they went in; every
+// damage is refused (read in pieces, by the end of the copy at the latest), and so is an entry
+// read under another key, so that a misplaced file is never taken for a result.
+TEST(CacheEntry, RoundTripAndEveryDamageRefused)
 {
   const Digest key = keyOf("model");
   CacheEntry large = sampleEntry();
   large.messages.push_back({3, "", std::string(150000, 'm')});
   for (int i = 0; i < 700000; ++i)
     large.output += static_cast<char>(i * 31 % 251);
-  for (const CacheEntry& entry : {sampleEntry(), large, CacheEntry{}})
-  {
-    const std::string bytes = encodeEntry(key, entry);
-    CacheEntry read;
-    std::string problem;
-    ASSERT_TRUE(readInPieces(bytes, key, read, problem)) << problem;
-    EXPECT_EQ(read, entry);
-
-    EXPECT_FALSE(readInPieces(bytes, keyOf("other"), read, problem));
-    EXPECT_EQ(problem, "stored under another key");
-    EXPECT_FALSE(readInPieces(bytes + "x", key, read, problem));
-    // Every position of the small entry; the large one's boundaries and a spread of the rest.
-    const size_t stride = bytes.size() > 4096 ? 997 : 1;
-    for (size_t at = 0; at < bytes.size(); at += (at < 80 || at + 80 > bytes.size()) ? 1 : stride)
+  for (const auto read : {readWhole, readInPieces})
+    for (const CacheEntry& entry : {sampleEntry(), large, CacheEntry{}})
     {
-      EXPECT_FALSE(readInPieces(bytes.substr(0, at), key, read, problem)) << "prefix of " << at;
-      std::string damaged = bytes;
-      damaged[at] = static_cast<char>(damaged[at] ^ 0x20);
-      EXPECT_FALSE(readInPieces(damaged, key, read, problem)) << "byte " << at;
-      EXPECT_FALSE(problem.empty());
-    }
-  }
+      const std::string bytes = encodeEntry(key, entry);
+      CacheEntry decoded;
+      std::string problem;
+      ASSERT_TRUE(read(bytes, key, decoded, problem)) << problem;
+      EXPECT_EQ(decoded, entry);
 
+      EXPECT_FALSE(read(bytes, keyOf("other"), decoded, problem));
+      EXPECT_EQ(problem, "stored under another key");
+      EXPECT_FALSE(read(bytes + "x", key, decoded, problem));
+      // Every position of a small entry; a large one's ends and a spread of the rest.
+      const size_t stride = bytes.size() > 4096 ? 997 : 1;
+      for (size_t at = 0; at < bytes.size(); at += (at < 80 || at + 80 > bytes.size()) ? 1 : stride)
+      {
+        EXPECT_FALSE(read(bytes.substr(0, at), key, decoded, problem)) << "prefix of " << at;
+        std::string damaged = bytes;
+        damaged[at] = static_cast<char>(damaged[at] ^ 0x20);
+        EXPECT_FALSE(read(damaged, key, decoded, problem)) << "byte " << at;
+        EXPECT_FALSE(problem.empty());
+      }
+    }
+
+  // A sink that refuses a piece stops the copy without naming a problem.
   const std::string bytes = encodeEntry(key, large);
   EntryReader reader(key, bytes.size(), sourceOver(bytes));
   std::string problem;
