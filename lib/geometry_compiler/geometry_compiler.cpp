@@ -167,6 +167,7 @@ void GeometryCompiler::clear()
   m_progress = CompileStatistics{};
   m_rawBufferSizes.reset();
   m_levels.clear();
+  m_written = nullptr;
 }
 
 bool GeometryCompiler::loadPrimitives(const Request& request)

@@ -134,6 +134,8 @@ public:
   // order. The chain ends early at a level that would remove less than a tenth of the triangles of
   // the level before it; requestedLevels() tells how many were asked for.
   const std::vector<Level>& levels() const { return m_levels; }
+  // The bytes of the file the last compile wrote, as it wrote them; null when it wrote none.
+  const BinaryPtr& written() const { return m_written; }
   unsigned requestedLevels() const { return m_settings.lods.levels; }
 
   // The system's own words for the file operation that failed in the last compile ("Permission
@@ -359,4 +361,5 @@ private:
   // The merged buffers' sizes before encoding; set once saving has filled the buffer records.
   std::optional<std::pair<std::vector<uint64_t>, std::vector<uint64_t>>> m_rawBufferSizes;
   std::vector<Level> m_levels;
+  BinaryPtr m_written;
 };

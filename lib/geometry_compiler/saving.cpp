@@ -55,6 +55,8 @@ bool GeometryCompiler::save(const std::string& resourcePath)
   const bool written = writeToFile(resourcePath, block);
   if (measurement)
     measurement->finish();
+  if (written)
+    m_written = block;
   return written;
 }
 

@@ -414,21 +414,22 @@ std::unique_ptr<MessageRecorder> CachedConversion::record()
   return std::make_unique<MessageRecorder>(m_request.primitivesPath);
 }
 
-void CachedConversion::keep(bool converted, std::unique_ptr<MessageRecorder> recorder,
+void CachedConversion::keep(const BinaryPtr& written, std::unique_ptr<MessageRecorder> recorder,
                             const CompileStatistics* statistics, Figures measured,
                             const std::vector<GeometryCompiler::Level>* levels)
 {
-  if (!m_cache || !m_key || !recorder || !converted)
+  if (!m_cache || !m_key || !recorder || !written)
     return;
   CacheEntry entry;
   entry.messages = recorder->take();
   if (statistics && measured != Figures::None)
     entry.figures = encodeFigures(*statistics, measured);
   recorder.reset();
-  std::string problem;
   // An input that changed while it was converted may not match the key: nothing is kept.
-  if (!unchanged(m_stamps) || !content_cache::readWholeFile(cstdmf::u8path(m_outputText), entry.output, problem))
+  if (!unchanged(m_stamps))
     return;
+  // The bytes the compile wrote, never the file read back: another process may have replaced it.
+  entry.output.assign(written->data(), written->len());
   // The levels first: a model entry found by another run has its chain beside it.
   if (levels)
   {

@@ -122,7 +122,7 @@ void replayMessages(const std::vector<content_cache::CachedMessage>& messages, c
 //   CachedConversion cached(cache, request, outputText);
 //   if (cached.replay()) -> the output is written and its messages logged: done
 //   { auto recording = cached.record(); compile(...); }
-//   cached.keep(converted, recording, statistics);
+//   cached.keep(compiler.written(), recording, statistics);
 // Without a cache every step does nothing.
 class CachedConversion
 {
@@ -161,9 +161,11 @@ public:
   uint64_t replayedBytes() const { return m_replayedBytes; }
   // Records the conversion's messages while the returned object lives (null without a cache).
   std::unique_ptr<MessageRecorder> record();
-  // Keeps a successful conversion's output and messages (taken from the recorder), and its
-  // figures when it measured them (`measured` says how much of them).
-  void keep(bool converted, std::unique_ptr<MessageRecorder> recorder, const CompileStatistics* statistics = nullptr,
+  // Keeps a successful conversion's output (`written`: the bytes it wrote, null when it wrote
+  // none) and messages (taken from the recorder), and its figures when it measured them
+  // (`measured` says how much of them).
+  void keep(const BinaryPtr& written, std::unique_ptr<MessageRecorder> recorder,
+            const CompileStatistics* statistics = nullptr,
             Figures measured = Figures::None, const std::vector<GeometryCompiler::Level>* levels = nullptr);
 
 private:

@@ -261,7 +261,8 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
     });
   std::unique_ptr<MessageRecorder> recorder = cached.record();
   bool converted = compiler.compile(request, outputText, compileOptions);
-  cached.keep(converted, std::move(recorder), statistics, measured, makesLevels ? &compiler.levels() : nullptr);
+  cached.keep(converted ? compiler.written() : BinaryPtr(), std::move(recorder), statistics, measured,
+              makesLevels ? &compiler.levels() : nullptr);
   reason = compiler.systemReason();
   if (converted && makesLevels)
   {
