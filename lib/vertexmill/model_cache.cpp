@@ -34,7 +34,6 @@ constexpr std::string_view kKeyScheme = "vertexmill model cache key 3";
 constexpr char kMarker = '\x01';
 constexpr char kSourceCode = 'S';
 
-constexpr auto kInfo = DebugMessagePriority::Info;
 constexpr auto kWarning = DebugMessagePriority::Warning;
 
 bool stampOf(const fs::path& path, InputStamp& stamp)
@@ -148,14 +147,6 @@ std::string expandText(std::string_view text, std::string_view sourcePath)
       result += text[i];
   }
   return result;
-}
-
-void MessageRecorder::onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text)
-{
-  if (priority < kInfo)
-    return;
-  m_messages.push_back(CachedMessage{static_cast<int32_t>(priority), std::string(category),
-                                     templateText(text, m_sourcePath)});
 }
 
 void replayMessages(const std::vector<CachedMessage>& messages, const std::string& sourcePath)
@@ -407,24 +398,18 @@ bool CachedConversion::replayKnown(bool withoutErrors, Figures wanted, bool piec
   return true;
 }
 
-std::unique_ptr<MessageRecorder> CachedConversion::record()
-{
-  if (!m_cache || !m_key)
-    return nullptr;
-  return std::make_unique<MessageRecorder>(m_request.primitivesPath);
-}
-
-void CachedConversion::keep(const BinaryPtr& written, std::unique_ptr<MessageRecorder> recorder,
+void CachedConversion::keep(const BinaryPtr& written, const std::vector<ModelMessages::Message>& messages,
                             const CompileStatistics* statistics, Figures measured,
                             const std::vector<GeometryCompiler::Level>* levels)
 {
-  if (!m_cache || !m_key || !recorder || !written)
+  if (!m_cache || !m_key || !written)
     return;
   CacheEntry entry;
-  entry.messages = recorder->take();
+  for (const ModelMessages::Message& message : messages)
+    entry.messages.push_back(CachedMessage{static_cast<int32_t>(message.priority), message.category,
+                                           templateText(message.text, m_request.primitivesPath)});
   if (statistics && measured != Figures::None)
     entry.figures = encodeFigures(*statistics, measured);
-  recorder.reset();
   // An input that changed while it was converted may not match the key: nothing is kept.
   if (!unchanged(m_stamps))
     return;

@@ -13,6 +13,7 @@
 #include "content_cache/remote_store.hpp"
 #include "cstdmf/debug.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
+#include "vertexmill/model_messages.hpp"
 #include "vertexmill/report.hpp"
 
 #include <cstdint>
@@ -101,28 +102,14 @@ private:
   std::unique_ptr<content_cache::RemoteStore> m_remote;
 };
 
-// Records the messages logged on this thread while it lives (INFO and above: lower levels never
-// reach the console), in the form a cache entry keeps them.
-class MessageRecorder final : public cstdmf::ScopedMessageWatcher
-{
-public:
-  explicit MessageRecorder(std::string sourcePath) : m_sourcePath(std::move(sourcePath)) {}
-  void onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text) override;
-  std::vector<content_cache::CachedMessage> take() { return std::move(m_messages); }
-
-private:
-  std::string m_sourcePath;
-  std::vector<content_cache::CachedMessage> m_messages;
-};
-
 // Logs the recorded messages again, in order, at their levels, naming `sourcePath`.
 void replayMessages(const std::vector<content_cache::CachedMessage>& messages, const std::string& sourcePath);
 
 // One model's way through the cache, around its conversion in convertModel:
 //   CachedConversion cached(cache, request, outputText);
 //   if (cached.replay()) -> the output is written and its messages logged: done
-//   { auto recording = cached.record(); compile(...); }
-//   cached.keep(compiler.written(), recording, statistics);
+//   mark = messages.count(); compile(...);
+//   cached.keep(compiler.written(), messages.since(mark), statistics);
 // Without a cache every step does nothing.
 class CachedConversion
 {
@@ -159,12 +146,10 @@ public:
   const CompileStatistics& figures() const { return m_figures; }
   // The size of the output a replay wrote.
   uint64_t replayedBytes() const { return m_replayedBytes; }
-  // Records the conversion's messages while the returned object lives (null without a cache).
-  std::unique_ptr<MessageRecorder> record();
   // Keeps a successful conversion's output (`written`: the bytes it wrote, null when it wrote
-  // none) and messages (taken from the recorder), and its figures when it measured them
-  // (`measured` says how much of them).
-  void keep(const BinaryPtr& written, std::unique_ptr<MessageRecorder> recorder,
+  // none) and the messages it logged, and its figures when it measured them (`measured` says how
+  // much of them).
+  void keep(const BinaryPtr& written, const std::vector<ModelMessages::Message>& messages,
             const CompileStatistics* statistics = nullptr,
             Figures measured = Figures::None, const std::vector<GeometryCompiler::Level>* levels = nullptr);
 

@@ -3,6 +3,7 @@
 #include "cstdmf/debug.hpp"
 #include "cstdmf/path_utils.hpp"
 #include "geometry_compiler/geometry_compiler.hpp"
+#include "vertexmill/model_messages.hpp"
 #include "moo/geometry_data.hpp"
 #include "resmgr/file_io.hpp"
 #include "vertexmill/console_router.hpp"
@@ -103,24 +104,6 @@ bool isUpToDate(const ModelSources& sources, const fs::path& output,
   return holdsWhatItShould(sources, output);
 }
 
-namespace
-{
-// Counts the ERROR and worse messages of the model's conversion while it lives.
-class ErrorCounter final : public cstdmf::ScopedMessageWatcher
-{
-public:
-  void onMessage(DebugMessagePriority priority, std::string_view, std::string_view) override
-  {
-    if (priority >= DebugMessagePriority::Error)
-      ++m_count;
-  }
-  size_t count() const { return m_count; }
-
-private:
-  std::atomic<size_t> m_count{0};
-};
-} // namespace
-
 ModelResult convertModel(const fs::path& source, const fs::path& output, const ModelSettings& settings)
 {
   const ModelSources sources = ModelSources::find(source);
@@ -130,7 +113,6 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
 
   // Statistics are gathered only for --report and --stats; without them none of this exists.
   std::unique_ptr<ModelReport> report;
-  std::unique_ptr<ReportMessageCollector> collector;
   const auto started = std::chrono::steady_clock::now();
 
   // Generated levels of detail, for a main model whose artist did not make its own.
@@ -145,25 +127,24 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
   const bool makesLevels = compileOptions.lods.levels > 0;
   std::vector<LevelReport> levels;
   std::vector<fs::path> levelOutputs;
+  // Everything the model logs from here on: its report's warnings and errors, --strict's count and
+  // the messages its cache entry keeps are read from this one list.
+  ModelMessages messages;
   if (settings.report || settings.stats)
   {
     report = std::make_unique<ModelReport>();
     report->source = sourceText;
     report->output = outputText;
-    if (settings.report)
-      collector = std::make_unique<ReportMessageCollector>(*report);
     report->levelsRequested = settings.compile.lods.levels;
   }
-  std::optional<ErrorCounter> errors;
-  if (report || settings.strict)
-    errors.emplace();
   std::string reason;
   auto finish = [&](ModelOutcome outcome) {
     if (report)
     {
       report->reason = reason;
-      collector.reset();
-      report->status = outcome == ModelOutcome::Converted ? (errors->count() == 0 ? "converted" : "converted-with-errors")
+      if (settings.report)
+        messages.split(report->warnings, report->errors);
+      report->status = outcome == ModelOutcome::Converted ? (messages.errorCount() == 0 ? "converted" : "converted-with-errors")
                        : outcome == ModelOutcome::UpToDate ? "up-to-date"
                                                            : "failed";
       report->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -252,16 +233,16 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
   compiler.setOverdrawAnalysis(settings.reportOverdraw);
   if (settings.strict)
     compiler.setWriteApproval([&] {
-      const size_t count = errors->count();
+      const size_t count = messages.errorCount();
       if (count == 0)
         return true;
       ZR_MSG_FMT(DebugMessagePriority::Error, "", "--strict: {} not written: its conversion logged {} error{}\n",
                  outputText, count, count == 1 ? "" : "s");
       return false;
     });
-  std::unique_ptr<MessageRecorder> recorder = cached.record();
+  const size_t conversionStart = messages.count();
   bool converted = compiler.compile(request, outputText, compileOptions);
-  cached.keep(converted ? compiler.written() : BinaryPtr(), std::move(recorder), statistics, measured,
+  cached.keep(converted ? compiler.written() : BinaryPtr(), messages.since(conversionStart), statistics, measured,
               makesLevels ? &compiler.levels() : nullptr);
   reason = compiler.systemReason();
   if (converted && makesLevels)

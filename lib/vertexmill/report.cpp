@@ -371,14 +371,6 @@ std::vector<ModelReport> Report::takeModels()
   return models;
 }
 
-void ReportMessageCollector::onMessage(DebugMessagePriority priority, std::string_view, std::string_view text)
-{
-  if (priority == DebugMessagePriority::Warning)
-    m_report.warnings.emplace_back(text);
-  else if (priority >= DebugMessagePriority::Error)
-    m_report.errors.emplace_back(text);
-}
-
 void Report::addModel(size_t order, ModelReport model)
 {
   std::lock_guard lock(m_mutex);

@@ -83,17 +83,6 @@ std::string statsLine(const ModelReport& model);
 // file cannot be read or is refused; `model` keeps what it had.
 [[nodiscard]] bool readBackStatistics(const std::filesystem::path& output, ModelReport& model);
 
-// Collects the WARNING and higher messages of the thread it lives on while it is alive.
-class ReportMessageCollector final : public cstdmf::ScopedMessageWatcher
-{
-public:
-  explicit ReportMessageCollector(ModelReport& report) : m_report(report) {}
-  void onMessage(DebugMessagePriority priority, std::string_view category, std::string_view text) override;
-
-private:
-  ModelReport& m_report;
-};
-
 // One model's part of the document as JSON text, and back (a model converted in a worker process
 // hands its statistics over this way). False when the text is not such a document.
 std::string modelReportToJson(const ModelReport& model);
