@@ -108,15 +108,17 @@ HeadParse parseHead(std::string_view head, uint64_t bodySize, CacheEntry& entry,
     problem = "malformed message list";
     return HeadParse::Malformed;
   }
-  if (body.ok())
+  bool messagesRead = body.ok();
+  if (messagesRead)
     entry.messages.resize(messageCount);
   for (CachedMessage& message : entry.messages)
   {
     message.priority = body.read<int32_t>();
-    if (!readString(body, message.category) || !readString(body, message.text))
+    messagesRead = readString(body, message.category) && readString(body, message.text);
+    if (!messagesRead)
       break;
   }
-  if (!body.ok())
+  if (!messagesRead)
   {
     problem = "malformed message list";
     return whole ? HeadParse::Malformed : HeadParse::NeedMore;
@@ -337,6 +339,25 @@ bool EntryReader::copyOutput(const Sink& sink, std::string& problem)
     return false;
   }
   return true;
+}
+
+bool decodeEntryInPieces(std::string_view bytes, const Digest& key, CacheEntry& entry, std::string& problem)
+{
+  size_t at = 0;
+  EntryReader reader(key, bytes.size(), [&](std::span<std::byte> piece) {
+    const size_t count = bytes.copy(reinterpret_cast<char*>(piece.data()), piece.size(), at);
+    at += count;
+    return count;
+  });
+  if (!reader.readHead(problem))
+    return false;
+  entry = reader.head();
+  return reader.copyOutput(
+    [&](std::span<const std::byte> piece) {
+      entry.output.append(reinterpret_cast<const char*>(piece.data()), piece.size());
+      return true;
+    },
+    problem);
 }
 
 } // namespace content_cache

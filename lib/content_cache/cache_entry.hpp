@@ -108,4 +108,9 @@ private:
   size_t m_pendingOffset = 0;
 };
 
+// decodeEntry of bytes held in memory, through EntryReader: what a reader of a file does, for the
+// checks that the two readers agree.
+[[nodiscard]] bool decodeEntryInPieces(std::string_view bytes, const Digest& key, CacheEntry& entry,
+                                       std::string& problem);
+
 } // namespace content_cache
