@@ -148,7 +148,10 @@ LocalStore::Lookup LocalStore::open(const Digest& key, OpenEntry& entry, std::st
     return file.bytesRead();
   });
   if (!entry.reader->readHead(problem))
+  {
+    entry.file.close(); // Windows removes no open file
     return removeCorrupt(entry.path, problem);
+  }
   return Lookup::Hit;
 }
 
