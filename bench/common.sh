@@ -73,6 +73,32 @@ bench_tree_models() {
   fi
 }
 
+# bench_corpus_objs: the corpus meshes (.obj and .obj.gz), smallest first, into the array objs.
+bench_corpus_objs() {
+  mapfile -t objs < <(find "$corpus" -maxdepth 1 -type f \( -name '*.obj' -o -name '*.obj.gz' \) -printf '%s %p\n' | sort -n | cut -d' ' -f2-)
+}
+
+# bench_prepare_mesh OBJ: the untimed preparation of one corpus mesh in its own folder under
+# `work`: imported into .primitives, converted for the floor (`prepare`, its figures line in
+# `figures`), and unpacked for gltfpack when compressed. Sets name, dir, figures, triangles and
+# gltf_input.
+bench_prepare_mesh() {
+  local obj=$1 file
+  file=$(basename "$obj")
+  name=${file%.gz}
+  name=${name%.obj}
+  dir=$work/$name
+  mkdir -p "$dir/out"
+  "$importer" "$obj" "$dir/$name.primitives" >/dev/null
+  figures=$("$prepare" "$dir/$name.primitives" "$dir/$name.gpumesh")
+  triangles=$(sed -n 's/.*triangles=\([0-9]*\).*/\1/p' <<<"$figures")
+  gltf_input=$obj
+  if [[ $obj == *.gz ]]; then
+    gltf_input=$dir/$name.obj
+    gzip -dc "$obj" >"$gltf_input"
+  fi
+}
+
 # The measuring helpers below need `work` (a scratch folder) and `gnu_time` (/usr/bin/time).
 
 # cpu_us FILE: user + system CPU time of the reaped children in a `times` listing, in microseconds

@@ -47,7 +47,7 @@ echo "on the same converted data, as a process; gltfpack = gltfpack -c on the .o
 echo
 
 # Corpus meshes, smallest file first.
-mapfile -t objs < <(find "$corpus" -maxdepth 1 -type f \( -name '*.obj' -o -name '*.obj.gz' \) -printf '%s %p\n' | sort -n | cut -d' ' -f2-)
+bench_corpus_objs
 if [[ ${#objs[@]} -eq 0 ]]; then
   echo "bench_corpus: no .obj or .obj.gz files in $corpus; nothing to measure."
   exit 0
@@ -56,22 +56,8 @@ fi
 results=$work/results.txt
 : >"$results"
 for obj in "${objs[@]}"; do
-  file=$(basename "$obj")
-  name=${file%.gz}
-  name=${name%.obj}
-  dir=$work/$name
-  mkdir -p "$dir/out"
-
-  # Untimed preparation.
-  "$importer" "$obj" "$dir/$name.primitives" >/dev/null
-  figures=$("$prepare" "$dir/$name.primitives" "$dir/$name.gpumesh")
-  triangles=$(sed -n 's/.*triangles=\([0-9]*\).*/\1/p' <<<"$figures")
+  bench_prepare_mesh "$obj"
   raw_bytes=$(sed -n 's/.*raw_bytes=\([0-9]*\).*/\1/p' <<<"$figures")
-  gltf_input=$obj
-  if [[ $obj == *.gz ]]; then
-    gltf_input=$dir/$name.obj
-    gzip -dc "$obj" >"$gltf_input"
-  fi
 
   : >"$dir/tool.txt"
   : >"$dir/bare.txt"

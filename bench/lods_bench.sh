@@ -30,21 +30,9 @@ echo "$repeats rounds per mesh, medians; times in seconds (wall)."
 echo
 echo "| mesh | triangles | plain | --lods 3 | LOD work | floor (calls alone) | LOD work / floor | --lods 3 -j2 | chain -j1/-j2 | --lods 1 | level-1 triangles | gltfpack -si 0.5 | gltfpack triangles | --lods 1 / gltfpack |"
 echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
-mapfile -t objs < <(find "$corpus" -maxdepth 1 -type f \( -name '*.obj' -o -name '*.obj.gz' \) -printf '%s %p\n' | sort -n | cut -d' ' -f2-)
+bench_corpus_objs
 for obj in "${objs[@]}"; do
-  file=$(basename "$obj")
-  name=${file%.gz}
-  name=${name%.obj}
-  dir=$work/$name
-  mkdir -p "$dir/out"
-  "$importer" "$obj" "$dir/$name.primitives" >/dev/null
-  figures=$("$prepare" "$dir/$name.primitives" "$dir/$name.gpumesh")
-  triangles=$(sed -n 's/.*triangles=\([0-9]*\).*/\1/p' <<<"$figures")
-  gltf_input=$obj
-  if [[ $obj == *.gz ]]; then
-    gltf_input=$dir/$name.obj
-    gzip -dc "$obj" >"$gltf_input"
-  fi
+  bench_prepare_mesh "$obj"
   for kind in plain lods3 lods3j2 lods1 gltf; do : >"$dir/$kind.txt"; done
   : >"$dir/floor_us.txt"
   for ((round = 0; round < repeats; ++round)); do
