@@ -141,12 +141,12 @@ LocalStore::Lookup LocalStore::open(const Digest& key, OpenEntry& entry, std::st
   };
   if (!withRetries(attempt, missing))
     return unreadable(entry.path, missing, problem);
-  uint64_t position = 0;
-  entry.reader = std::make_unique<EntryReader>(key, entry.file.size(), [&file = entry.file, position](std::span<std::byte> bytes) mutable {
+  const auto source = [&file = entry.file, position = uint64_t(0)](std::span<std::byte> bytes) mutable {
     (void)file.readAt(position, bytes);
     position += file.bytesRead();
     return file.bytesRead();
-  });
+  };
+  entry.reader = std::make_unique<EntryReader>(key, entry.file.size(), source);
   if (!entry.reader->readHead(problem))
   {
     entry.file.close(); // Windows removes no open file

@@ -144,7 +144,8 @@ ModelResult convertModel(const fs::path& source, const fs::path& output, const M
       report->reason = reason;
       if (settings.report)
         messages.split(report->warnings, report->errors);
-      report->status = outcome == ModelOutcome::Converted ? (messages.errorCount() == 0 ? "converted" : "converted-with-errors")
+      const char* converted = messages.errorCount() == 0 ? "converted" : "converted-with-errors";
+      report->status = outcome == ModelOutcome::Converted  ? converted
                        : outcome == ModelOutcome::UpToDate ? "up-to-date"
                                                            : "failed";
       report->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
