@@ -28,6 +28,7 @@
 #include <sstream>
 #include <string_view>
 #include <system_error>
+#include <thread>
 
 
 namespace vertexmill
@@ -216,8 +217,15 @@ ModelResult convertModelInWorker(const std::string& program, const fs::path& sou
   childLimits.timeoutMilliseconds = limits.timeoutSeconds * 1000u;
   childLimits.memoryBytes = limits.memoryBytes;
   platform::ChildRun run;
-  if (written)
+  // A process that could not be started has done nothing: the system can be short of something
+  // for a moment (Windows under load now and then refuses one), so it is tried again briefly
+  // before the model fails.
+  for (int attempt = 0; written && attempt < 3 && !run.started; ++attempt)
+  {
+    if (attempt > 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(100 << attempt));
     run = platform::runLimitedProcess(program, {kWorkerOption, cstdmf::toUtf8(requestPath)}, io, childLimits);
+  }
 
   std::string frames, errors;
   (void)readWhole(outPath, frames);
